@@ -1,0 +1,66 @@
+# Shared build settings and the helpers every CMakeLists in the tree uses.
+
+if(SKIFF_SANITIZE)
+    string(REPLACE "," ";" _skiff_sanitizers "${SKIFF_SANITIZE}")
+    foreach(_s IN LISTS _skiff_sanitizers)
+        add_compile_options(-fsanitize=${_s})
+        add_link_options(-fsanitize=${_s})
+    endforeach()
+    add_compile_options(-fno-omit-frame-pointer -fno-sanitize-recover=all)
+endif()
+
+if(SKIFF_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "SKIFF_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++)")
+    endif()
+    add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=address,undefined)
+endif()
+
+# Warnings as errors on our own code only.
+function(skiff_warnings target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
+endfunction()
+
+# skiff_library(name SOURCES ... LIBS ...): a static library whose headers are
+# included as "<subsystem>/file.hpp" from src/.
+function(skiff_library name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_library(${name} STATIC ${ARG_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC ${ARG_LIBS})
+    skiff_warnings(${name})
+endfunction()
+
+# skiff_test(name SOURCES ... LIBS ... [LABELS ...]): a GoogleTest binary whose
+# cases are registered with CTest. Label "concurrent" puts it in the ThreadSanitizer run.
+function(skiff_test name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
+    skiff_warnings(${name})
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+        PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT 240
+        ENVIRONMENT "SKIFF_BUILD_DIR=${PROJECT_BINARY_DIR}")
+endfunction()
+
+# skiff_fuzzer(name SOURCES ... LIBS ...): a libFuzzer target, run briefly by CTest
+# (label "fuzz") from its seed corpus in fuzz/corpus/<name> when there is one.
+function(skiff_fuzzer name)
+    cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+    add_executable(${name} ${ARG_SOURCES})
+    target_link_libraries(${name} PRIVATE ${ARG_LIBS})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    skiff_warnings(${name})
+    set(_work ${CMAKE_CURRENT_BINARY_DIR}/corpus-${name})
+    set(_seed "")
+    if(EXISTS ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
+        set(_seed "'${PROJECT_SOURCE_DIR}/fuzz/corpus/${name}'")
+    endif()
+    add_test(NAME ${name}
+        COMMAND ${CMAKE_COMMAND} -E env ASAN_OPTIONS=detect_leaks=1
+            sh -c "mkdir -p '${_work}' && exec \"$0\" -max_total_time=20 -timeout=5 -rss_limit_mb=2048 -max_len=65536 '${_work}' ${_seed}"
+            $<TARGET_FILE:${name}>)
+    set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 120)
+endfunction()
