@@ -1,0 +1,80 @@
+#pragma once
+// The two protocols between the service and its clients, as the core sees them.
+// The core (bridge core, host object, notifications, relay bridge) knows only these
+// interfaces; the D-Bus adapter implements them for real peers and unit tests with fakes.
+//
+// Replies are plain callables that may be invoked later from any thread. A reply that is
+// never invoked leaves the client's call pending; the client's own call time-out covers it.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "common/bytes.hpp"
+
+namespace skiff::service {
+
+// Thrown synchronously by a host method that this build does not offer yet; the adapter
+// answers the call with the bus error org.freedesktop.DBus.Error.NotSupported.
+class NotSupported : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// What the service exports to every client (one object per client connection).
+class HarborBridgeHostProtocol {
+public:
+    virtual ~HarborBridgeHostProtocol() = default;
+
+    virtual void registerClient(std::int64_t role, std::function<void(bool)> reply) = 0;
+    virtual void getXPCServiceVersion(std::function<void(std::int64_t)> reply) = 0;
+    virtual void echo(std::function<void()> reply) = 0;
+    virtual void ping(std::int64_t value, std::function<void(bool)> reply) = 0;
+    virtual void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) = 0;
+    virtual void requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                            std::function<void(double)> reply) = 0;
+    virtual void requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) = 0;
+    virtual void requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                            std::function<void(double)> reply) = 0;
+    virtual void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) = 0;
+    virtual void relayToUsbMux(std::int64_t selector, Bytes param,
+                               std::function<void(Bytes, std::int64_t, std::int64_t)> reply) = 0;
+    virtual void requestFileIO(std::int64_t operation, Bytes param,
+                               std::function<void(Bytes, std::int64_t)> reply) = 0;
+    virtual void filesystemDidUnmount() = 0;
+    virtual void shutdown(std::function<void(bool)> reply) = 0;
+};
+
+// What every client implements; the service calls it through a remote proxy.
+class HarborBridgeClientProtocol {
+public:
+    virtual ~HarborBridgeClientProtocol() = default;
+
+    virtual void echo(std::function<void()> reply) = 0;
+    virtual void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) = 0;
+    virtual void runExtToHostPing(std::int64_t value, std::function<void(double)> reply) = 0;
+    virtual void benchmarkSendChunks(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                     std::function<void(double)> reply) = 0;
+    // One-way: nothing is awaited.
+    virtual void notifyClient(std::int64_t message, Bytes param) = 0;
+};
+
+// One accepted client connection: the host object it exports and a way to reach the client.
+class ClientConnection {
+public:
+    virtual ~ClientConnection() = default;
+
+    // The host object serving this connection; its identity is how the registry finds
+    // the caller's role.
+    virtual HarborBridgeHostProtocol* exportedObject() const = 0;
+
+    // A proxy to the client. When a call through it fails (the client went away, the bus
+    // refused it), `errorHandler` receives the error text and that call's reply is never
+    // invoked.
+    virtual std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
+        std::function<void(const std::string& error)> errorHandler) = 0;
+};
+
+}  // namespace skiff::service
