@@ -1,11 +1,11 @@
 #include "common/log.hpp"
 
+#include <syslog.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <syslog.h>
-#include <unistd.h>
 
 #include <systemd/sd-journal.h>
 
@@ -117,8 +117,8 @@ void Logger::write(Level level, const char* format, va_list args) const {
     if (useJournal()) {
         sd_journal_send("MESSAGE=%s", record.message.c_str(), "PRIORITY=%d", priorityOf(level),
                         "MOX_SUBSYSTEM=%s", subsystem_.c_str(), "MOX_CATEGORY=%s",
-                        category_.c_str(), "SYSLOG_IDENTIFIER=%s",
-                        program_invocation_short_name, nullptr);
+                        category_.c_str(), "SYSLOG_IDENTIFIER=%s", program_invocation_short_name,
+                        nullptr);
     } else {
         std::fprintf(stderr, "[%s:%s] %s: %s\n", subsystem_.c_str(), category_.c_str(),
                      nameOf(level), record.message.c_str());
@@ -126,12 +126,12 @@ void Logger::write(Level level, const char* format, va_list args) const {
     deliverToCaptures(record);
 }
 
-#define SKIFF_LOG_LEVEL(name)                         \
+#define SKIFF_LOG_LEVEL(name)                          \
     void Logger::name(const char* format, ...) const { \
-        va_list args;                                 \
-        va_start(args, format);                       \
-        write(Level::name, format, args);             \
-        va_end(args);                                 \
+        va_list args;                                  \
+        va_start(args, format);                        \
+        write(Level::name, format, args);              \
+        va_end(args);                                  \
     }
 SKIFF_LOG_LEVEL(debug)
 SKIFF_LOG_LEVEL(info)

@@ -61,20 +61,35 @@ public:
     virtual void notifyClient(std::int64_t message, Bytes param) = 0;
 };
 
-// One accepted client connection: the host object it exports and a way to reach the client.
+// One accepted client connection (a bus peer). The listener's delegate gives it its host
+// object and its invalidation handler when it is accepted.
 class ClientConnection {
 public:
     virtual ~ClientConnection() = default;
 
     // The host object serving this connection; its identity is how the registry finds
     // the caller's role.
+    virtual void setExportedObject(std::shared_ptr<HarborBridgeHostProtocol> host) = 0;
     virtual HarborBridgeHostProtocol* exportedObject() const = 0;
+
+    // Called once, from the adapter's thread, when the peer has gone away. The adapter
+    // drops the handler after calling it, so the handler may hold the connection.
+    virtual void setInvalidationHandler(std::function<void()> handler) = 0;
 
     // A proxy to the client. When a call through it fails (the client went away, the bus
     // refused it), `errorHandler` receives the error text and that call's reply is never
     // invoked.
     virtual std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
         std::function<void(const std::string& error)> errorHandler) = 0;
+};
+
+// Decides about every new connection, as the adapter first sees a peer call a host method.
+// The delegate sets the exported object and the invalidation handler, then answers whether
+// the connection is accepted; the adapter then hands the call to the exported object.
+class ListenerDelegate {
+public:
+    virtual ~ListenerDelegate() = default;
+    virtual bool shouldAcceptNewConnection(const std::shared_ptr<ClientConnection>& connection) = 0;
 };
 
 }  // namespace skiff::service
