@@ -1,0 +1,77 @@
+#pragma once
+// Process-wide owner of what is known about attached iPhones at the usbmuxd level:
+// the device list, the attach/detach subscription and one tunnel per (UDID, port).
+//
+// Threads: callers and the library's event thread (list refresh, pruning, callback)
+// share the device list and the tunnel table under one mutex, never held while the
+// device-event callback runs nor during a transfer. The table holds sessions by
+// shared_ptr; sessionFor hands out a share, so a transfer keeps its session alive.
+// Dropping a session from the table (invalidate, prune, stale replace, shutdown)
+// interrupts its socket to wake a blocked transfer; the last owner disconnects it.
+
+#include <usbmuxd.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "usbmuxkit/tunnel_session.hpp"
+#include "usbmuxkit/usbmux_flat.h"
+
+namespace usbmuxkit {
+
+using DeviceEvent = ::DeviceEvent;
+using DeviceEventCallback = std::function<void(const DeviceEvent&)>;
+
+struct TunnelKey {
+    std::string udid;
+    uint16_t port = 0;
+
+    bool operator==(const TunnelKey&) const = default;
+};
+
+struct TunnelKeyHash {
+    size_t operator()(const TunnelKey& key) const {
+        return std::hash<std::string>{}(key.udid) ^ (static_cast<size_t>(key.port) << 16);
+    }
+};
+
+class UsbTunnelManager {
+public:
+    static UsbTunnelManager& shared();
+
+    // Tests make their own; the service uses shared().
+    UsbTunnelManager();
+    ~UsbTunnelManager();
+    UsbTunnelManager(const UsbTunnelManager&) = delete;
+    UsbTunnelManager& operator=(const UsbTunnelManager&) = delete;
+
+    bool start();
+    void shutdown();
+
+    void setDeviceEventCallback(DeviceEventCallback callback);
+    void clearDeviceEventCallback();
+
+    // An empty udid names the first listed device with a non-empty UDID.
+    std::vector<TunnelKey> currentTunnels();
+    bool isTunnelConnected(const std::string& udid, uint16_t port);
+    bool ensureTunnel(const std::string& udid, uint16_t port);
+    std::shared_ptr<TunnelSession> sessionFor(const std::string& udid, uint16_t port);
+    void invalidateSession(const std::string& udid, uint16_t port);
+
+    // The measurement line protocol; results go to the out pointers (when given)
+    // only on success, and the figures to standard output, failures to standard error.
+    static bool runPing(TunnelSession& session, double* rttMs);
+    static bool runDownloadTest(TunnelSession& session, uint64_t bytes, double* seconds);
+    static bool runUploadTest(TunnelSession& session, uint64_t bytes, double* seconds);
+
+private:
+    struct Impl;
+    static void onUsbmuxEvent(const usbmuxd_event_t* event, void* userData);
+
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace usbmuxkit

@@ -1,0 +1,131 @@
+#include "usbmuxkit/usbmux_flat.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "usbmuxkit/usb_tunnel_manager.hpp"
+
+using usbmuxkit::TunnelSession;
+using usbmuxkit::UsbTunnelManager;
+
+namespace {
+
+std::string udidOf(const tunnel_id& id) {
+    return std::string(id.udid, strnlen(id.udid, sizeof id.udid));
+}
+
+// Ensure, then hold the session for the whole operation: another thread may drop it
+// from the table meanwhile, and it must not be closed under our feet.
+template <typename Operation>
+bool withTunnel(const tunnel_id& id, Operation&& operation) {
+    UsbTunnelManager& manager = UsbTunnelManager::shared();
+    const std::string udid = udidOf(id);
+    if (!manager.ensureTunnel(udid, id.port)) {
+        return false;
+    }
+    const std::shared_ptr<TunnelSession> session = manager.sessionFor(udid, id.port);
+    if (!session) {
+        return false;
+    }
+    return operation(*session);
+}
+
+}  // namespace
+
+extern "C" {
+
+bool usbmux_mgr_start(void) {
+    return UsbTunnelManager::shared().start();
+}
+
+void usbmux_mgr_shutdown(void) {
+    UsbTunnelManager::shared().shutdown();
+}
+
+void usbmux_mgr_set_device_event_callback(usbmux_device_event_callback callback) {
+    if (callback == nullptr) {
+        UsbTunnelManager::shared().clearDeviceEventCallback();
+        return;
+    }
+    UsbTunnelManager::shared().setDeviceEventCallback(
+        [callback](const DeviceEvent& event) { callback(&event); });
+}
+
+int32_t usbmux_mgr_copy_current_tunnels(tunnel_id** out) {
+    if (out == nullptr) {
+        return -1;
+    }
+    *out = nullptr;
+    const auto keys = UsbTunnelManager::shared().currentTunnels();
+    if (keys.empty()) {
+        return 0;
+    }
+    auto* records = static_cast<tunnel_id*>(std::calloc(keys.size(), sizeof(tunnel_id)));
+    if (records == nullptr) {
+        return -1;
+    }
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const size_t length = std::min(keys[i].udid.size(), sizeof records[i].udid - 1);
+        std::memcpy(records[i].udid, keys[i].udid.data(), length);
+        records[i].port = keys[i].port;
+    }
+    *out = records;
+    return static_cast<int32_t>(keys.size());
+}
+
+void usbmux_mgr_free_tunnels(tunnel_id* tunnels, int32_t count) {
+    if (tunnels != nullptr && count >= 1) {
+        std::free(tunnels);
+    }
+}
+
+bool usbmux_mgr_check_connected(tunnel_id id) {
+    return UsbTunnelManager::shared().isTunnelConnected(udidOf(id), id.port);
+}
+
+void usbmux_mgr_invalidate_tunnel(tunnel_id id) {
+    UsbTunnelManager::shared().invalidateSession(udidOf(id), id.port);
+}
+
+bool usbmux_tunnel_ensure(tunnel_id id) {
+    return UsbTunnelManager::shared().ensureTunnel(udidOf(id), id.port);
+}
+
+bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length) {
+    if (data == nullptr && length != 0) {
+        return false;
+    }
+    return withTunnel(id, [&](TunnelSession& session) { return session.sendAll(data, length); });
+}
+
+bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length) {
+    if (buffer == nullptr && length != 0) {
+        return false;
+    }
+    return withTunnel(id, [&](TunnelSession& session) { return session.recvAll(buffer, length); });
+}
+
+bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs) {
+    return withTunnel(
+        id, [&](TunnelSession& session) { return UsbTunnelManager::runPing(session, rttMs); });
+}
+
+bool usbmux_mgr_run_download_test(tunnel_id id, uint64_t bytes, double* seconds) {
+    return withTunnel(id, [&](TunnelSession& session) {
+        return UsbTunnelManager::runDownloadTest(session, bytes, seconds);
+    });
+}
+
+bool usbmux_mgr_run_upload_test(tunnel_id id, uint64_t bytes, double* seconds) {
+    return withTunnel(id, [&](TunnelSession& session) {
+        return UsbTunnelManager::runUploadTest(session, bytes, seconds);
+    });
+}
+
+void usbmux_mgr_free_buffer(void* pointer) {
+    std::free(pointer);
+}
+
+}  // extern "C"

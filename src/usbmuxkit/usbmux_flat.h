@@ -1,0 +1,64 @@
+/* Plain-data interface of the native USB layer, callable from C and C++ alike.
+ * Every function works on the process-wide tunnel manager. Nothing here throws:
+ * failure is false, -1 or nothing, and the transfers log their own details.
+ *
+ * Ownership: the array from usbmux_mgr_copy_current_tunnels belongs to the caller,
+ * who gives it back with usbmux_mgr_free_tunnels. A transfer keeps its tunnel
+ * alive until it returns, even when another thread invalidates the tunnel or the
+ * device goes away meanwhile: the transfer is woken and fails, and the socket is
+ * closed only after it has returned. Per tunnel, keep at most one sending and one
+ * receiving thread. */
+#ifndef SKIFF_USBMUXKIT_USBMUX_FLAT_H
+#define SKIFF_USBMUXKIT_USBMUX_FLAT_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Room for a UDID of at most 47 characters and its terminating NUL. */
+#define USBMUX_UDID_SIZE 48
+
+/* One tunnel: an all-zero udid means the first device that usbmuxd lists. */
+typedef struct tunnel_id {
+    char udid[USBMUX_UDID_SIZE];
+    uint16_t port;
+} tunnel_id;
+
+/* A device event: eventType is the usbmuxd code (1 added, 2 removed, 3 paired);
+ * udid is NUL-terminated and zero-filled. */
+typedef struct DeviceEvent {
+    int32_t eventType;
+    char udid[USBMUX_UDID_SIZE];
+} DeviceEvent;
+
+/* Runs on the library's event thread; it must return quickly and must not call
+ * back into this interface. */
+typedef void (*usbmux_device_event_callback)(const DeviceEvent* event);
+
+bool usbmux_mgr_start(void);
+void usbmux_mgr_shutdown(void);
+void usbmux_mgr_set_device_event_callback(usbmux_device_event_callback callback);
+
+int32_t usbmux_mgr_copy_current_tunnels(tunnel_id** out);
+void usbmux_mgr_free_tunnels(tunnel_id* tunnels, int32_t count);
+bool usbmux_mgr_check_connected(tunnel_id id);
+void usbmux_mgr_invalidate_tunnel(tunnel_id id);
+
+bool usbmux_tunnel_ensure(tunnel_id id);
+bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length);
+bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length);
+
+bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs);
+bool usbmux_mgr_run_download_test(tunnel_id id, uint64_t bytes, double* seconds);
+bool usbmux_mgr_run_upload_test(tunnel_id id, uint64_t bytes, double* seconds);
+
+void usbmux_mgr_free_buffer(void* pointer);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
