@@ -1,0 +1,135 @@
+#include "relay/relay_schema.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using namespace skiff::relay;
+using skiff::json::decode;
+using skiff::json::encode;
+
+Bytes bytesOf(std::string_view text) {
+    return Bytes(text.begin(), text.end());
+}
+std::string textOf(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+RelayItemSummary summary() {
+    RelayItemSummary s;
+    s.identifier = "id-7";
+    s.filename = "notes.txt";
+    s.isDirectory = false;
+    s.inode = 18446744073709551615ULL;
+    s.size = 12;
+    s.allocSize = 4096;
+    s.mode = 4294967295U;
+    s.uid = 501;
+    s.gid = 20;
+    s.flags = 0;
+    s.linkCount = 1;
+    s.accessTime = {-1, -2147483648};
+    s.modifyTime = {9223372036854775807LL, 2147483647};
+    s.changeTime = {3, 4};
+    s.birthTime = {5, 6};
+    s.contentVersion = Bytes{1, 2, 3};
+    return s;
+}
+
+constexpr const char* kSummaryText =
+    R"({"identifier":"id-7","filename":"notes.txt","isDirectory":false,)"
+    R"("inode":18446744073709551615,"size":12,"allocSize":4096,"mode":4294967295,)"
+    R"("uid":501,"gid":20,"flags":0,"linkCount":1,)"
+    R"("accessTime":{"tvSec":-1,"tvNsec":-2147483648},)"
+    R"("modifyTime":{"tvSec":9223372036854775807,"tvNsec":2147483647},)"
+    R"("changeTime":{"tvSec":3,"tvNsec":4},"birthTime":{"tvSec":5,"tvNsec":6},)"
+    R"("contentVersion":"AQID"})";
+
+TEST(RelaySchema, ItemSummaryRoundTripsWithExactKeys) {
+    const auto body = encode(summary());
+    ASSERT_TRUE(body);
+    EXPECT_EQ(textOf(*body), kSummaryText);
+    EXPECT_EQ(decode<RelayItemSummary>(*body), summary());
+}
+
+TEST(RelaySchema, LookupRequestCodesEverySourceByName) {
+    const std::array<std::pair<RelayLookupSource, std::string>, 4> sources = {{
+        {RelayLookupSource::fsGetAttributes, "fsGetAttributes"},
+        {RelayLookupSource::fsLookupByName, "fsLookupByName"},
+        {RelayLookupSource::fsSetAttributesRefresh, "fsSetAttributesRefresh"},
+        {RelayLookupSource::fsSetAttributesAfterTruncate, "fsSetAttributesAfterTruncate"},
+    }};
+    for (const auto& [source, name] : sources) {
+        const RelayLookupRequest request{"a/b", source};
+        const auto body = encode(request);
+        ASSERT_TRUE(body);
+        EXPECT_EQ(textOf(*body), R"({"identifier":"a/b","source":")" + name + R"("})");
+        EXPECT_EQ(decode<RelayLookupRequest>(*body), request);
+    }
+    for (const char* text :
+         {R"({"identifier":"a","source":"fsgetattributes"})",
+          R"({"identifier":"a","source":"fsRead"})", R"({"identifier":"a","source":0})",
+          R"({"identifier":"a"})", R"({"source":"fsLookupByName"})"}) {
+        EXPECT_FALSE(decode<RelayLookupRequest>(bytesOf(text))) << text;
+    }
+}
+
+TEST(RelaySchema, ItemSummaryRejectsOutOfRangeAndMistypedFields) {
+    const auto good = skiff::json::toJson(summary());
+    const std::vector<std::pair<const char*, Json>> bad = {
+        {"size", -1},
+        {"mode", 4294967296ULL},
+        {"uid", -1},
+        {"inode", 1.5},
+        {"isDirectory", "false"},
+        {"filename", nullptr},
+        {"accessTime", Json::parse(R"({"tvSec":0,"tvNsec":2147483648})")},
+        {"accessTime", Json::parse(R"({"tvSec":9223372036854775808,"tvNsec":0})")},
+        {"birthTime", Json::parse(R"({"tvSec":0})")},
+        {"contentVersion", "not base64"},
+    };
+    for (const auto& [key, value] : bad) {
+        auto j = good;
+        j[key] = value;
+        EXPECT_FALSE(decode<RelayItemSummary>(bytesOf(j.dump()))) << j.dump();
+    }
+    for (const char* key : {"identifier", "linkCount", "changeTime"}) {
+        auto j = good;
+        j.erase(key);
+        EXPECT_FALSE(decode<RelayItemSummary>(bytesOf(j.dump()))) << key;
+    }
+}
+
+TEST(RelaySchema, ItemSummaryEqualityTellsAbsentVersionsFromEmptyOnes) {
+    auto a = summary();
+    auto b = summary();
+    EXPECT_EQ(a, b);
+    b.metadataVersion = Bytes{};
+    EXPECT_NE(a, b);
+    a.metadataVersion = Bytes{};
+    EXPECT_EQ(a, b);
+    b.changeTime.tvNsec += 1;
+    EXPECT_NE(a, b);
+
+    // An empty version survives the trip as "" and stays distinct from absent.
+    const auto body = encode(b);
+    ASSERT_TRUE(body);
+    EXPECT_NE(textOf(*body).find(R"("metadataVersion":"")"), std::string::npos);
+    EXPECT_EQ(decode<RelayItemSummary>(*body), b);
+}
+
+TEST(RelaySchema, IntegerCodesConvertOnlyWithinTheirRange) {
+    using skiff::json::enumFromRaw;
+    EXPECT_EQ(enumFromRaw<UsbMuxRelayError>(12), UsbMuxRelayError::internalError);
+    EXPECT_EQ(enumFromRaw<UsbMuxRelayError>(9), UsbMuxRelayError::deviceStatus);
+    EXPECT_FALSE(enumFromRaw<UsbMuxRelayError>(13));
+    EXPECT_FALSE(enumFromRaw<UsbMuxRelayError>(-1));
+    EXPECT_EQ(enumFromRaw<RelayDeviceStatus>(9), RelayDeviceStatus::noSpace);
+    EXPECT_FALSE(enumFromRaw<RelayDeviceStatus>(10));
+    EXPECT_EQ(enumFromRaw<UsbMuxRelaySelector>(20), UsbMuxRelaySelector::filesystemUnmounted);
+    EXPECT_FALSE(enumFromRaw<UsbMuxRelaySelector>(21));
+}
+
+}  // namespace
