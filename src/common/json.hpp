@@ -27,12 +27,13 @@
 #include <vector>
 
 #include "common/base64.hpp"
+#include "common/bytes.hpp"
 #include "common/uuid.hpp"
 
 namespace skiff::json {
 
 using Json = nlohmann::ordered_json;
-using Bytes = std::vector<std::uint8_t>;
+using skiff::Bytes;
 
 // Thrown only inside encode(), which turns it into an empty result.
 struct EncodeFailure : std::runtime_error {
