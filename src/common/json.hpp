@@ -3,9 +3,11 @@
 // whose keys are its field names, in declaration order. Bytes travel as Base64
 // text, UUIDs as canonical upper-case text, and absent optionals are left out.
 //
-// A record T opts in with two functions found by argument-dependent lookup:
-//     void encodeFields(Json& j, const T& v);   // a put() per field, in order
-//     bool decodeFields(const Json& j, T& v);   // get() per field, && chained
+// A record T opts in with one function, found by argument-dependent lookup,
+// that lists its fields in declaration order:
+//     constexpr auto jsonFields(const T*) {
+//         return std::tuple{json::field("name", &T::name), json::field("size", &T::size)};
+//     }
 // Text enums provide `std::span<const std::string_view> textNames(E)` (name of
 // raw value i at index i); integer enums with cases 0..N-1 provide
 // `std::size_t caseCount(E)`.
@@ -23,6 +25,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <vector>
 
@@ -50,10 +53,21 @@ concept CountedEnum = std::is_enum_v<E> && requires(E e) {
     { caseCount(e) } -> std::convertible_to<std::size_t>;
 };
 
+// One entry of a record's field list: its JSON key and its member.
+template <class T, class M>
+struct Field {
+    const char* key;
+    M T::*member;
+};
+
+template <class T, class M>
+constexpr Field<T, M> field(const char* key, M T::*member) {
+    return {key, member};
+}
+
 template <class T>
-concept Record = requires(Json& out, const Json& in, const T& cv, T& v) {
-    encodeFields(out, cv);
-    { decodeFields(in, v) } -> std::same_as<bool>;
+concept Record = std::is_class_v<T> && requires(const T* p) {
+    jsonFields(p);
 };
 
 template <class T>
@@ -128,10 +142,21 @@ requires(!TextEnum<E>) Json toJson(E v) {
     return static_cast<std::int64_t>(v);
 }
 
+// Field helpers, defined below; declared here so records can use them.
+template <class T>
+void put(Json& j, const char* key, const T& value);
+template <class T>
+void put(Json& j, const char* key, const std::optional<T>& value);
+template <class T>
+bool get(const Json& j, const char* key, T& out);
+template <class T>
+bool get(const Json& j, const char* key, std::optional<T>& out);
+
 template <Record T>
 Json toJson(const T& v) {
     Json j = Json::object();
-    encodeFields(j, v);
+    std::apply([&](const auto&... f) { (put(j, f.key, v.*(f.member)), ...); },
+               jsonFields(static_cast<const T*>(nullptr)));
     return j;
 }
 
@@ -207,7 +232,11 @@ requires(!TextEnum<E>) bool fromJson(const Json& j, E& out) {
 
 template <Record T>
 bool fromJson(const Json& j, T& out) {
-    return j.is_object() && decodeFields(j, out);
+    if (!j.is_object()) {
+        return false;
+    }
+    return std::apply([&](const auto&... f) { return (get(j, f.key, out.*(f.member)) && ...); },
+                      jsonFields(static_cast<const T*>(nullptr)));
 }
 
 template <class T>

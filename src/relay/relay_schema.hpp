@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include "common/json.hpp"
 
@@ -32,8 +33,10 @@ struct RelayLookupRequest {
 
     friend bool operator==(const RelayLookupRequest&, const RelayLookupRequest&) = default;
 };
-void encodeFields(Json& j, const RelayLookupRequest& v);
-bool decodeFields(const Json& j, RelayLookupRequest& v);
+constexpr auto jsonFields(const RelayLookupRequest*) {
+    using T = RelayLookupRequest;
+    return std::tuple{json::field("identifier", &T::identifier), json::field("source", &T::source)};
+}
 
 struct RelayTimespec {
     std::int64_t tvSec = 0;
@@ -41,8 +44,10 @@ struct RelayTimespec {
 
     friend bool operator==(const RelayTimespec&, const RelayTimespec&) = default;
 };
-void encodeFields(Json& j, const RelayTimespec& v);
-bool decodeFields(const Json& j, RelayTimespec& v);
+constexpr auto jsonFields(const RelayTimespec*) {
+    using T = RelayTimespec;
+    return std::tuple{json::field("tvSec", &T::tvSec), json::field("tvNsec", &T::tvNsec)};
+}
 
 struct RelayItemSummary {
     std::string identifier;
@@ -66,8 +71,29 @@ struct RelayItemSummary {
     // Member-wise in declaration order; an absent version equals only an absent one.
     friend bool operator==(const RelayItemSummary&, const RelayItemSummary&) = default;
 };
-void encodeFields(Json& j, const RelayItemSummary& v);
-bool decodeFields(const Json& j, RelayItemSummary& v);
+constexpr auto jsonFields(const RelayItemSummary*) {
+    using T = RelayItemSummary;
+    using json::field;
+    return std::tuple{
+        field("identifier", &T::identifier),
+        field("filename", &T::filename),
+        field("isDirectory", &T::isDirectory),
+        field("inode", &T::inode),
+        field("size", &T::size),
+        field("allocSize", &T::allocSize),
+        field("mode", &T::mode),
+        field("uid", &T::uid),
+        field("gid", &T::gid),
+        field("flags", &T::flags),
+        field("linkCount", &T::linkCount),
+        field("accessTime", &T::accessTime),
+        field("modifyTime", &T::modifyTime),
+        field("changeTime", &T::changeTime),
+        field("birthTime", &T::birthTime),
+        field("contentVersion", &T::contentVersion),
+        field("metadataVersion", &T::metadataVersion),
+    };
+}
 
 // Status of a relay reply. Only ok, notConnected, transportFailed,
 // payloadTooLarge and deviceStatus are produced by the relay path itself.

@@ -29,12 +29,8 @@ struct Point {
     std::uint16_t y = 0;
     friend bool operator==(const Point&, const Point&) = default;
 };
-void encodeFields(Json& j, const Point& v) {
-    skiff::json::put(j, "x", v.x);
-    skiff::json::put(j, "y", v.y);
-}
-bool decodeFields(const Json& j, Point& v) {
-    return skiff::json::get(j, "x", v.x) && skiff::json::get(j, "y", v.y);
+constexpr auto jsonFields(const Point*) {
+    return std::tuple{skiff::json::field("x", &Point::x), skiff::json::field("y", &Point::y)};
 }
 
 // One field of every kind the helpers know, declared out of alphabetical order.
@@ -51,25 +47,13 @@ struct Sample {
     std::optional<Bytes> extra;
     friend bool operator==(const Sample&, const Sample&) = default;
 };
-void encodeFields(Json& j, const Sample& v) {
-    using skiff::json::put;
-    put(j, "name", v.name);
-    put(j, "id", v.id);
-    put(j, "blob", v.blob);
-    put(j, "on", v.on);
-    put(j, "ratio", v.ratio);
-    put(j, "colour", v.colour);
-    put(j, "level", v.level);
-    put(j, "points", v.points);
-    put(j, "origin", v.origin);
-    put(j, "extra", v.extra);
-}
-bool decodeFields(const Json& j, Sample& v) {
-    using skiff::json::get;
-    return get(j, "name", v.name) && get(j, "id", v.id) && get(j, "blob", v.blob) &&
-           get(j, "on", v.on) && get(j, "ratio", v.ratio) && get(j, "colour", v.colour) &&
-           get(j, "level", v.level) && get(j, "points", v.points) && get(j, "origin", v.origin) &&
-           get(j, "extra", v.extra);
+constexpr auto jsonFields(const Sample*) {
+    using skiff::json::field;
+    return std::tuple{field("name", &Sample::name),     field("id", &Sample::id),
+                      field("blob", &Sample::blob),     field("on", &Sample::on),
+                      field("ratio", &Sample::ratio),   field("colour", &Sample::colour),
+                      field("level", &Sample::level),   field("points", &Sample::points),
+                      field("origin", &Sample::origin), field("extra", &Sample::extra)};
 }
 
 }  // namespace probe
