@@ -1,0 +1,29 @@
+#pragma once
+// A private session bus for tests: its own dbus-daemon on a socket in a temporary
+// directory, stopped (and the directory removed) when the object goes away.
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace skiff::testing {
+
+class TestBus {
+public:
+    TestBus();  // throws std::runtime_error when the daemon does not come up
+    ~TestBus();
+    TestBus(const TestBus&) = delete;
+    TestBus& operator=(const TestBus&) = delete;
+
+    // What DBUS_SESSION_BUS_ADDRESS would hold for this bus.
+    const std::string& address() const { return address_; }
+
+private:
+    void shutdown();
+
+    std::string dir_;
+    std::string address_;
+    pid_t pid_ = -1;
+};
+
+}  // namespace skiff::testing
