@@ -1,0 +1,93 @@
+#include "tunnel/socket_tunnel_transport.hpp"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <limits>
+
+#include "common/check.hpp"
+#include "tunnel/tunnel_errors.hpp"
+
+namespace skiff::tunnel {
+namespace {
+
+TunnelTransportError disconnected() {
+    return TunnelTransportError(TunnelTransportError::Case::disconnected);
+}
+
+}  // namespace
+
+SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int fd)
+    : Actor(executor), socket_(strand()) {
+    previousSend_.resume();
+    sockaddr_storage address{};
+    socklen_t length = sizeof(address);
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        ::close(fd);
+        return;
+    }
+    asio::error_code error;
+    socket_.assign(asio::generic::stream_protocol(address.ss_family, SOCK_STREAM), fd, error);
+    if (error) {
+        ::close(fd);
+    }
+}
+
+asio::awaitable<void> SocketTunnelTransport::send(Bytes data) {
+    return isolated(doSend(std::move(data)));
+}
+
+asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
+    runtime::OneShot<void> mine;
+    runtime::OneShot<void> before = std::exchange(previousSend_, mine);
+    co_await before.wait();
+    asio::error_code error;
+    if (!socket_.is_open()) {
+        error = asio::error::bad_descriptor;
+    } else {
+        co_await asio::async_write(socket_, asio::buffer(data),
+                                   asio::redirect_error(asio::use_awaitable, error));
+    }
+    mine.resume();
+    if (error) {
+        throw disconnected();
+    }
+}
+
+asio::awaitable<Bytes> SocketTunnelTransport::receive(std::size_t count) {
+    if (count > std::numeric_limits<std::uint32_t>::max()) {
+        fatalError("receive count over 32 bits");
+    }
+    return isolated(doReceive(count));
+}
+
+asio::awaitable<Bytes> SocketTunnelTransport::doReceive(std::size_t count) {
+    Bytes buffer(count);
+    if (count == 0) {
+        co_return buffer;
+    }
+    if (!socket_.is_open()) {
+        throw disconnected();
+    }
+    asio::error_code error;
+    co_await asio::async_read(socket_, asio::buffer(buffer),
+                              asio::redirect_error(asio::use_awaitable, error));
+    if (error) {
+        throw disconnected();
+    }
+    co_return buffer;
+}
+
+asio::awaitable<void> SocketTunnelTransport::close() {
+    return isolated(doClose());
+}
+
+asio::awaitable<void> SocketTunnelTransport::doClose() {
+    asio::error_code ignored;
+    socket_.shutdown(asio::socket_base::shutdown_both, ignored);
+    socket_.close(ignored);
+    co_return;
+}
+
+}  // namespace skiff::tunnel

@@ -1,0 +1,33 @@
+#pragma once
+// A TunnelTransport over a connected stream socket (a socketpair end, or the socket
+// the simulated usbmuxd hands to the simulated app).
+
+#include <asio.hpp>
+
+#include "common/runtime.hpp"
+#include "tunnel/tunnel_transport.hpp"
+
+namespace skiff::tunnel {
+
+class SocketTunnelTransport : public TunnelTransport, public runtime::Actor {
+public:
+    // Takes ownership of fd. A descriptor that is not a usable socket makes every
+    // call fail with disconnected.
+    SocketTunnelTransport(asio::any_io_executor executor, int fd);
+
+    asio::awaitable<void> send(Bytes data) override;
+    asio::awaitable<Bytes> receive(std::size_t count) override;
+    asio::awaitable<void> close() override;
+
+private:
+    asio::awaitable<void> doSend(Bytes data);
+    asio::awaitable<Bytes> doReceive(std::size_t count);
+    asio::awaitable<void> doClose();
+
+    asio::generic::stream_protocol::socket socket_;
+    // Sends take turns in call order: each waits for the one before it, so whole
+    // buffers never interleave.
+    runtime::OneShot<void> previousSend_;
+};
+
+}  // namespace skiff::tunnel

@@ -1,0 +1,27 @@
+#pragma once
+// The byte stream under a TunnelEngine.
+
+#include <asio.hpp>
+#include <cstddef>
+
+#include "common/bytes.hpp"
+
+namespace skiff::tunnel {
+
+class TunnelTransport {
+public:
+    virtual ~TunnelTransport() = default;
+
+    // Writes every byte of one buffer. Whole buffers never interleave on the wire, so a
+    // frame handed over in one piece stays in one piece. Throws TunnelTransportError.
+    virtual asio::awaitable<void> send(Bytes data) = 0;
+
+    // Returns exactly count bytes (count fits in 32 bits). Throws TunnelTransportError,
+    // disconnected when the peer has gone.
+    virtual asio::awaitable<Bytes> receive(std::size_t count) = 0;
+
+    // Ends the stream; pending and later calls fail. Never throws.
+    virtual asio::awaitable<void> close() = 0;
+};
+
+}  // namespace skiff::tunnel

@@ -1,0 +1,286 @@
+#include "tunnel/tunnel_engine.hpp"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "tunnel_test_support.hpp"
+
+namespace skiff::tunnel {
+namespace {
+
+using skiff::testing::readyInTime;
+using skiff::testing::runSync;
+using testing::engineErrorOf;
+using testing::eventually;
+using testing::Frame;
+using testing::Peer;
+using Case = TunnelEngineError::Case;
+
+Bytes text(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
+
+class TunnelEngineTest : public ::testing::Test {
+protected:
+    void SetUp() override { runtime.start(); }
+    void TearDown() override {
+        if (transport) {
+            runSync(runtime.executor(), transport->close());
+        }
+        runtime.stop();
+    }
+
+    void bind(TunnelEndpointRole role, TunnelRequestHandler requestHandler = nullptr,
+              TunnelNotifyHandler notifyHandler = nullptr,
+              std::shared_ptr<TunnelTransport> over = nullptr) {
+        if (transport) {
+            runSync(runtime.executor(), transport->close());
+        }
+        std::tie(transport, peer) = testing::socketPair(runtime.executor());
+        TunnelBinding binding{over ? over : transport, role, "tunnel-key",
+                              std::move(requestHandler), std::move(notifyHandler)};
+        runSync(runtime.executor(), engine->unbind());
+        runSync(runtime.executor(), engine->bind(std::move(binding)));
+    }
+
+    std::future<TunnelMessage> request(std::uint16_t code, Bytes payload) {
+        return asio::co_spawn(runtime.executor(), engine->request(code, std::move(payload)),
+                              asio::use_future);
+    }
+
+    std::optional<TunnelEndpointRole> role() { return runSync(runtime.executor(), engine->role()); }
+
+    Case failureOf(std::future<TunnelMessage>& pending) {
+        EXPECT_TRUE(readyInTime(pending));
+        return engineErrorOf([&] { pending.get(); });
+    }
+
+    runtime::IoRuntime runtime{2};
+    std::shared_ptr<TunnelEngine> engine = std::make_shared<TunnelEngine>(runtime.executor());
+    std::shared_ptr<SocketTunnelTransport> transport;
+    std::unique_ptr<Peer> peer;
+};
+
+TEST_F(TunnelEngineTest, RequestsNeedAClientBinding) {
+    auto beforeBind = request(1, {});
+    EXPECT_EQ(failureOf(beforeBind), Case::notBound);
+
+    bind(TunnelEndpointRole::server);
+    auto asServer = request(1, {});
+    EXPECT_EQ(failureOf(asServer), Case::notBound);
+
+    bind(TunnelEndpointRole::client);
+    EXPECT_EQ(runSync(runtime.executor(), engine->tunnelKey()), "tunnel-key");
+    runSync(runtime.executor(), engine->unbind());
+    EXPECT_EQ(runSync(runtime.executor(), engine->tunnelKey()), std::nullopt);
+    auto afterUnbind = request(1, {});
+    EXPECT_EQ(failureOf(afterUnbind), Case::notBound);
+}
+
+TEST_F(TunnelEngineTest, ResponsesAreMatchedByFlowNotByOrder) {
+    bind(TunnelEndpointRole::client);
+    auto first = request(10, text("first"));
+    Frame firstFrame = peer->readFrame();
+    auto second = request(11, text("second"));
+    Frame secondFrame = peer->readFrame();
+    EXPECT_EQ(firstFrame.header.kind, FrameKind::request);
+    EXPECT_EQ(firstFrame.header.code, 10);
+    EXPECT_EQ(firstFrame.payload, text("first"));
+    EXPECT_NE(firstFrame.header.flow, secondFrame.header.flow);
+
+    peer->writeFrame(FrameKind::response, 211, secondFrame.header.flow, text("to second"));
+    ASSERT_TRUE(readyInTime(second));
+    EXPECT_EQ(first.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    peer->writeFrame(FrameKind::response, 210, firstFrame.header.flow, text("to first"));
+    ASSERT_TRUE(readyInTime(first));
+
+    TunnelMessage a = first.get();
+    TunnelMessage b = second.get();
+    EXPECT_EQ(a.code, 210);
+    EXPECT_EQ(a.payload, text("to first"));
+    EXPECT_EQ(b.code, 211);
+    EXPECT_EQ(b.payload, text("to second"));
+}
+
+TEST_F(TunnelEngineTest, ResponseForAnUnknownFlowEndsTheTunnelForEveryWaiter) {
+    bind(TunnelEndpointRole::client);
+    auto waiting = request(1, {});
+    Frame sent = peer->readFrame();
+    peer->writeFrame(FrameKind::response, 0, sent.header.flow + 100);
+    EXPECT_EQ(failureOf(waiting), Case::disconnected);
+    EXPECT_EQ(role(), std::nullopt);
+    auto later = request(1, {});
+    EXPECT_EQ(failureOf(later), Case::notBound);
+}
+
+TEST_F(TunnelEngineTest, ClientRejectsRequestsAndReservedKinds) {
+    for (FrameKind kind : {FrameKind::request, FrameKind::reserved4, FrameKind::reserved5}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        bind(TunnelEndpointRole::client);
+        auto waiting = request(1, {});
+        peer->readFrame();
+        peer->writeFrame(kind, 0, 1);
+        EXPECT_EQ(failureOf(waiting), Case::disconnected);
+        EXPECT_EQ(role(), std::nullopt);
+    }
+}
+
+TEST_F(TunnelEngineTest, PushesReachTheHandlerOrAreDroppedWithoutHarm) {
+    bind(TunnelEndpointRole::client);
+    peer->writeFrame(FrameKind::push, 3, 1, text("nobody listens"));
+    auto after = request(5, {});
+    Frame sent = peer->readFrame();
+    peer->writeFrame(FrameKind::response, 0, sent.header.flow);
+    ASSERT_TRUE(readyInTime(after));
+    EXPECT_NO_THROW(after.get());
+
+    runtime::OneShot<TunnelMessage> delivered;
+    bind(TunnelEndpointRole::client, nullptr, [delivered](std::uint16_t code, Bytes payload) {
+        runtime::OneShot<TunnelMessage>(delivered).resume(TunnelMessage{code, std::move(payload)});
+    });
+    peer->writeFrame(FrameKind::push, 4, 9, text("item"));
+    TunnelMessage push = runSync(runtime.executor(), delivered.wait());
+    EXPECT_EQ(push.code, 4);
+    EXPECT_EQ(push.payload, text("item"));
+}
+
+TEST_F(TunnelEngineTest, UnbindAndPeerCloseResumeEveryWaiterWithDisconnected) {
+    bind(TunnelEndpointRole::client);
+    auto a = request(1, {});
+    auto b = request(2, {});
+    peer->readFrame();
+    peer->readFrame();
+    runSync(runtime.executor(), engine->unbind());
+    EXPECT_EQ(failureOf(a), Case::disconnected);
+    EXPECT_EQ(failureOf(b), Case::disconnected);
+
+    bind(TunnelEndpointRole::client);
+    auto c = request(3, {});
+    peer->readFrame();
+    peer->closeNow();
+    EXPECT_EQ(failureOf(c), Case::disconnected);
+}
+
+TEST_F(TunnelEngineTest, FailedWriteReachesOnlyItsCallerAndTheTunnelStays) {
+    std::tie(transport, peer) = testing::socketPair(runtime.executor());
+    auto failing = std::make_shared<testing::FailingSendTransport>(transport);
+    TunnelBinding binding{failing, TunnelEndpointRole::client, std::nullopt, nullptr, nullptr};
+    runSync(runtime.executor(), engine->bind(std::move(binding)));
+
+    failing->failSends = true;
+    auto refused = request(1, {});
+    ASSERT_TRUE(readyInTime(refused));
+    try {
+        refused.get();
+        ADD_FAILURE() << "the write failure was not reported";
+    } catch (const TunnelTransportError& e) {
+        EXPECT_EQ(e.errorCase(), TunnelTransportError::Case::ioFailed);
+    }
+    EXPECT_EQ(role(), TunnelEndpointRole::client);
+
+    failing->failSends = false;
+    auto accepted = request(2, {});
+    Frame sent = peer->readFrame();
+    peer->writeFrame(FrameKind::response, 7, sent.header.flow);
+    ASSERT_TRUE(readyInTime(accepted));
+    EXPECT_EQ(accepted.get().code, 7);
+}
+
+TEST_F(TunnelEngineTest, RequestPayloadLimitIsFiveMebibytes) {
+    bind(TunnelEndpointRole::client);
+    auto tooLarge = request(1, Bytes(maxFramePayload + 1));
+    EXPECT_EQ(failureOf(tooLarge), Case::payloadTooLarge);
+    EXPECT_EQ(role(), TunnelEndpointRole::client);
+
+    auto largest = request(1, Bytes(maxFramePayload, 0x11));
+    Frame sent = peer->readFrame();
+    EXPECT_EQ(sent.payload.size(), maxFramePayload);
+    peer->writeFrame(FrameKind::response, 0, sent.header.flow, Bytes(maxFramePayload, 0x22));
+    ASSERT_TRUE(readyInTime(largest));
+    EXPECT_EQ(largest.get().payload, Bytes(maxFramePayload, 0x22));
+}
+
+TEST_F(TunnelEngineTest, ServerAnswersThroughItsHandlerOrWithCodeOne) {
+    bind(TunnelEndpointRole::server, [](std::uint16_t code, Bytes payload) {
+        return [](std::uint16_t c, Bytes p) -> asio::awaitable<TunnelMessage> {
+            p.push_back('!');
+            co_return TunnelMessage{static_cast<std::uint16_t>(c + 1), std::move(p)};
+        }(code, std::move(payload));
+    });
+    peer->writeFrame(FrameKind::request, 41, 77, text("ping"));
+    Frame answer = peer->readFrame();
+    EXPECT_EQ(answer.header.kind, FrameKind::response);
+    EXPECT_EQ(answer.header.code, 42);
+    EXPECT_EQ(answer.header.flow, 77u);
+    EXPECT_EQ(answer.payload, text("ping!"));
+
+    bind(TunnelEndpointRole::server);
+    peer->writeFrame(FrameKind::request, 41, 78, text("ignored"));
+    Frame fallback = peer->readFrame();
+    EXPECT_EQ(fallback.header.code, 1);
+    EXPECT_EQ(fallback.header.flow, 78u);
+    EXPECT_TRUE(fallback.payload.empty());
+}
+
+TEST_F(TunnelEngineTest, ServerHoldsPushesUntilRequestsInHandAreAnswered) {
+    runtime::OneShot<void> entered;
+    runtime::OneShot<void> gate;
+    bind(TunnelEndpointRole::server, [entered, gate](std::uint16_t, Bytes) {
+        return [](runtime::OneShot<void> in,
+                  runtime::OneShot<void> g) -> asio::awaitable<TunnelMessage> {
+            in.resume();
+            co_await g.wait();
+            co_return TunnelMessage{0, Bytes{'r'}};
+        }(entered, gate);
+    });
+    peer->writeFrame(FrameKind::request, 1, 5);
+    runSync(runtime.executor(), entered.wait());
+    EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 1);
+    runSync(runtime.executor(), engine->enqueuePush(77, text("held")));
+    gate.resume();
+
+    Frame first = peer->readFrame();
+    Frame second = peer->readFrame();
+    EXPECT_EQ(first.header.kind, FrameKind::response);
+    EXPECT_EQ(first.header.flow, 5u);
+    EXPECT_EQ(second.header.kind, FrameKind::push);
+    EXPECT_EQ(second.header.code, 77);
+    EXPECT_EQ(second.payload, text("held"));
+    EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 0);
+
+    runSync(runtime.executor(), engine->enqueuePush(78, {}));
+    Frame idle = peer->readFrame();
+    EXPECT_EQ(idle.header.code, 78);
+    EXPECT_NE(idle.header.flow, 0u);
+    EXPECT_NE(idle.header.flow, second.header.flow);
+}
+
+TEST_F(TunnelEngineTest, ServerEndsTheTunnelOnBadRequestsAndOversizedAnswers) {
+    for (FrameKind kind : {FrameKind::request, FrameKind::response, FrameKind::push}) {
+        SCOPED_TRACE(static_cast<int>(kind));
+        bind(TunnelEndpointRole::server);
+        // A request with flow 0 is invalid; any other kind does not belong to a server.
+        peer->writeFrame(kind, 1, kind == FrameKind::request ? 1 : 2);
+        if (kind == FrameKind::request) {
+            peer->readFrame();
+            Bytes zeroFlow = encodeFrame(kind, 1, 1, {}).value();
+            zeroFlow[8] = 0;
+            peer->write(zeroFlow);
+        }
+        EXPECT_TRUE(eventually([&] { return !role().has_value(); }));
+    }
+
+    bind(TunnelEndpointRole::server, [](std::uint16_t code, Bytes) {
+        return [](std::uint16_t c) -> asio::awaitable<TunnelMessage> {
+            co_return TunnelMessage{0, Bytes(maxFramePayload + (c == 2 ? 1 : 0))};
+        }(code);
+    });
+    peer->writeFrame(FrameKind::request, 1, 1);
+    EXPECT_EQ(peer->readFrame().payload.size(), maxFramePayload);
+    peer->writeFrame(FrameKind::request, 2, 2);
+    EXPECT_TRUE(eventually([&] { return !role().has_value(); }));
+}
+
+}  // namespace
+}  // namespace skiff::tunnel
