@@ -72,16 +72,6 @@ TEST_F(ConcurrencyTest, PruningOnTheEventThreadWakesABlockedReceive) {
     });
 }
 
-TEST_F(ConcurrencyTest, StaleReplacementWakesABlockedReceive) {
-    expectBlockedRecvWokenBy([&] {
-        fake.setDevices({});
-        fake.fireFromThread(2, 5, "A");  // gone ...
-        fake.setDevices({{7, "A"}});
-        fake.fireFromThread(1, 7, "A");  // ... and back: ensure connects anew
-        EXPECT_TRUE(usbmux_tunnel_ensure(id));
-    });
-}
-
 TEST_F(ConcurrencyTest, CallersAndDeviceEventsInterleave) {
     fake.onSend = [](int, const char*, uint32_t length, uint32_t* sent) {
         *sent = length;

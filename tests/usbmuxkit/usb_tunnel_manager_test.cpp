@@ -133,16 +133,5 @@ TEST_F(UsbTunnelManagerTest, EventsRefreshTheListAndReachTheCallbackOnlyWithAUdi
     EXPECT_EQ(seen.size(), 1u);
 }
 
-TEST_F(UsbTunnelManagerTest, QueriesBeforeStartRefreshButDoNotConnect) {
-    fake.setDevices({{5, "A"}});
-    EXPECT_TRUE(manager.currentTunnels().empty());
-    EXPECT_EQ(manager.sessionFor("", 1), nullptr);
-    EXPECT_FALSE(manager.isTunnelConnected("A", 1));
-    EXPECT_FALSE(manager.ensureTunnel("A", 1));
-    manager.invalidateSession("A", 1);
-    EXPECT_EQ(fake.listCalls, 1);  // once, while the list was dirty
-    EXPECT_TRUE(fake.connects.empty());
-}
-
 }  // namespace
 }  // namespace usbmuxkit
