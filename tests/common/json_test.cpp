@@ -148,23 +148,6 @@ TEST(JsonCoding, StrictDecodingRejectsBadFieldsWithoutThrowing) {
     }
 }
 
-TEST(JsonCoding, IntegersKeepTheirFullRange) {
-    struct Wide {
-        std::int64_t s = 0;
-        std::uint64_t u = 0;
-    };
-    auto j = skiff::json::Json::parse(R"({"s":-9223372036854775808,"u":18446744073709551615})");
-    Wide w;
-    EXPECT_TRUE(skiff::json::get(j, "s", w.s));
-    EXPECT_TRUE(skiff::json::get(j, "u", w.u));
-    EXPECT_EQ(w.s, INT64_MIN);
-    EXPECT_EQ(w.u, UINT64_MAX);
-    // Past 64 bits the parser yields a float, which no integer field accepts.
-    j = skiff::json::Json::parse(R"({"s":9223372036854775808,"u":18446744073709551616})");
-    EXPECT_FALSE(skiff::json::get(j, "s", w.s));
-    EXPECT_FALSE(skiff::json::get(j, "u", w.u));
-}
-
 TEST(JsonCoding, UnencodableBodiesYieldNothing) {
     auto s = sample();
     s.ratio = std::nan("");
