@@ -7,10 +7,10 @@
 
 namespace skiff {
 
-void fatalError(std::string_view what, std::source_location where) {
+void fatalError(std::string_view what, SourceLocation where) {
     const std::string text(what);
-    log::xpc().fault("fatal error at %{public}s:%{public}u: %{public}s", where.file_name(),
-                     static_cast<unsigned>(where.line()), text.c_str());
+    log::xpc().fault("fatal error at %{public}s:%{public}u: %{public}s", where.file, where.line,
+                     text.c_str());
     std::abort();
 }
 
