@@ -1,0 +1,83 @@
+#pragma once
+// The facade the rest of the service uses for the USB layer: starting and stopping the
+// tunnel manager, device attach/detach events, and one speed-test round (ping, download,
+// upload) against the companion app. An actor: its methods run one at a time on its strand.
+
+#include <asio.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+
+#include "common/runtime.hpp"
+
+namespace usbmuxkit {
+
+class UsbMuxService : public skiff::runtime::Actor {
+public:
+    struct DeviceEvent {
+        std::int32_t eventType;  // 1 added, 2 removed, 3 paired
+        std::string udid;        // empty when the native record's UDID is empty
+    };
+
+    struct ThroughputResult {
+        std::uint64_t bytes = 0;
+        double seconds = 0;
+        double mibPerSecond() const;
+        double mbitPerSecond() const;
+    };
+
+    struct SpeedTestRound {
+        std::string deviceUDID;
+        double pingMs = 0;
+        ThroughputResult download;  // host to iPhone
+        ThroughputResult upload;    // iPhone to host
+    };
+
+    enum class ErrorCode {
+        notStarted,
+        startFailed,
+        noDevices,
+        connectionFailed,
+        pingFailed,
+        downloadFailed,
+        uploadFailed
+    };
+
+    class Error : public std::runtime_error {
+    public:
+        explicit Error(ErrorCode code);
+        ErrorCode code() const { return code_; }
+
+    private:
+        ErrorCode code_;
+    };
+
+    using DeviceEventHandler = std::function<void(const DeviceEvent&)>;
+
+    // The process's instance, on IoRuntime::shared().
+    static UsbMuxService& shared();
+
+    // Tests make their own on a runtime of theirs. The native layer behind it is still
+    // the process-wide tunnel manager.
+    explicit UsbMuxService(asio::any_io_executor executor);
+    ~UsbMuxService();
+
+    // Throws Error(startFailed) when the native manager does not start.
+    asio::awaitable<void> start();
+    asio::awaitable<void> shutdown();
+    asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler);
+
+    // Blocks a serial queue (never an io_context thread) for the whole round and holds
+    // the actor that long. Throws Error.
+    asio::awaitable<SpeedTestRound> runSpeedTestRound(std::uint16_t port,
+                                                      std::uint64_t payloadBytes);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
+
+}  // namespace usbmuxkit
