@@ -28,6 +28,10 @@ BusLoop::BusLoop(const std::string& address) {
 
 BusLoop::~BusLoop() {
     stop();
+    if (thread_.joinable()) {
+        // Only when the last owner let go on the loop thread itself, which is ending.
+        thread_.detach();
+    }
     // Queued work may hold messages of this connection: release them before it closes.
     std::deque<std::function<void()>> dropped;
     {

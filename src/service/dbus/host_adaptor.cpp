@@ -45,6 +45,10 @@ void PeerTable::peerGone(const std::string& peer) {
 }
 
 void PeerTable::clear() {
+    for (auto& [peer, connection] : peers_) {
+        // Handlers usually hold their connection; dropping them breaks that cycle.
+        connection->takeInvalidationHandler();
+    }
     peers_.clear();
     refused_.clear();
 }

@@ -25,7 +25,7 @@ public:
     // The peer's unique name has lost its owner: invalidate and forget its connection.
     void peerGone(const std::string& peer);
 
-    // Forgets every peer without invalidating it (the service is going away).
+    // Forgets every peer and drops its handler without calling it (the service is going away).
     void clear();
 
 private:
