@@ -1,0 +1,90 @@
+// skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
+//   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
+//   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID | drop [UDID]
+
+#include <CLI/CLI.hpp>
+#include <asio.hpp>
+#include <cstdio>
+#include <iostream>
+
+#include "sim/control_client.hpp"
+#include "sim/sim_phone.hpp"
+
+namespace {
+
+void say(const std::string& line) {
+    std::cout << line << std::endl;
+}
+
+int serve(skiff::sim::SimPhoneOptions options) {
+    asio::io_context io;
+    std::string dir = options.dir;
+    skiff::sim::SimPhone phone(io, std::move(options), say);
+    try {
+        phone.start();
+    } catch (const std::system_error& e) {
+        std::cerr << "skiff-phone-sim: cannot listen in " << dir << ": " << e.what() << "\n";
+        return 1;
+    }
+    asio::signal_set signals(io, SIGINT, SIGTERM);
+    signals.async_wait([&](std::error_code, int) {
+        say("stopping");
+        io.stop();
+    });
+    for (const auto& device : phone.devices().devices()) {
+        say("device attached: " + device.udid + " (handle " + std::to_string(device.handle) + ")");
+    }
+    say("ready: usbmuxd socket " + skiff::sim::SimPhone::muxSocketPath(dir) + ", control socket " +
+        skiff::sim::SimPhone::controlSocketPath(dir));
+    io.run();
+    return 0;
+}
+
+int control(const std::string& dir, const std::vector<std::string>& words) {
+    std::string line;
+    for (const auto& word : words) {
+        line += (line.empty() ? "" : " ") + (word.empty() ? std::string("\"\"") : word);
+    }
+    auto reply = skiff::sim::sendControlCommand(skiff::sim::SimPhone::controlSocketPath(dir), line);
+    for (const auto& text : reply.lines) {
+        std::cout << text << "\n";
+    }
+    if (!reply.ok) {
+        std::cerr << "skiff-phone-sim: " << reply.error << "\n";
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"A simulated iPhone reached through the usbmuxd protocol"};
+    app.require_subcommand(1);
+
+    skiff::sim::SimPhoneOptions options;
+    uint16_t echoPort = 33325;
+    bool noEcho = false;
+    auto* serveCommand = app.add_subcommand("serve", "Run the simulated phone");
+    serveCommand->add_option("--dir", options.dir, "Directory for usbmuxd.sock and control.sock")
+        ->required();
+    serveCommand->add_option("--device", options.devices, "UDID of a device attached at start");
+    serveCommand->add_option("--echo-port", echoPort, "Device port with an echo app");
+    serveCommand->add_flag("--no-echo", noEcho, "No echo app on any port");
+
+    std::string ctlDir;
+    std::vector<std::string> words;
+    auto* ctlCommand = app.add_subcommand(
+        "ctl",
+        "Drive a running simulated phone: list, attach UDID, detach UDID, replug UDID, "
+        "drop [UDID]");
+    ctlCommand->add_option("--dir", ctlDir, "The directory given to serve")->required();
+    ctlCommand->add_option("command", words, "The command and its UDID")->required();
+
+    CLI11_PARSE(app, argc, argv);
+    if (serveCommand->parsed()) {
+        options.echoPort = noEcho ? std::nullopt : std::optional<uint16_t>(echoPort);
+        return serve(std::move(options));
+    }
+    return control(ctlDir, words);
+}

@@ -1,0 +1,75 @@
+#include "sim/sim_phone.hpp"
+
+namespace skiff::sim {
+SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report)
+    : report_(std::move(report)),
+      mux_(io, muxSocketPath(options.dir), devices_, listeners_, report_),
+      control_(io, controlSocketPath(options.dir),
+               [this](const ControlCommand& command) { return execute(command); }) {
+    for (auto& udid : options.devices) {
+        devices_.attach(std::move(udid));
+    }
+    if (options.echoPort) {
+        listeners_.listen(*options.echoPort, makeEchoListener());
+    }
+}
+
+void SimPhone::start() {
+    mux_.start();
+    control_.start();
+}
+
+ControlReply SimPhone::execute(const ControlCommand& command) {
+    ControlReply reply;
+    switch (command.verb) {
+        case ControlVerb::list:
+            for (const auto& device : devices_.devices()) {
+                reply.lines.push_back(std::to_string(device.handle) + " " + device.udid);
+            }
+            break;
+        case ControlVerb::attach: {
+            auto device = devices_.attach(command.udid);
+            if (!device) {
+                return controlError(command.udid + " is already attached");
+            }
+            mux_.deviceAttached(*device);
+            reply.lines.push_back(std::to_string(device->handle));
+            break;
+        }
+        case ControlVerb::detach: {
+            auto device = devices_.detach(command.udid);
+            if (!device) {
+                return controlError(command.udid + " is not attached");
+            }
+            mux_.deviceDetached(*device);
+            break;
+        }
+        case ControlVerb::replug: {
+            auto replug = devices_.replug(command.udid);
+            if (!replug) {
+                return controlError(command.udid + " is not attached");
+            }
+            mux_.deviceDetached(replug->removed);
+            mux_.deviceAttached(replug->added);
+            reply.lines.push_back(std::to_string(replug->added.handle));
+            break;
+        }
+        case ControlVerb::drop: {
+            std::optional<uint32_t> handle;
+            if (command.hasUdid) {
+                const SimDevice* device = devices_.findByUdid(command.udid);
+                if (device == nullptr) {
+                    return controlError(command.udid + " is not attached");
+                }
+                handle = device->handle;
+            }
+            size_t dropped = mux_.dropConnections(handle);
+            report_("dropped " + std::to_string(dropped) + " device-side connection(s)");
+            reply.lines.push_back(std::to_string(dropped));
+            break;
+        }
+    }
+    return reply;
+}
+
+}  // namespace skiff::sim

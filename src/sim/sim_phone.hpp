@@ -1,0 +1,48 @@
+#pragma once
+
+#include <asio.hpp>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sim/control_command.hpp"
+#include "sim/control_server.hpp"
+#include "sim/device_table.hpp"
+#include "sim/mux_server.hpp"
+#include "sim/port_listener.hpp"
+#include "sim/reporter.hpp"
+
+namespace skiff::sim {
+
+struct SimPhoneOptions {
+    std::string dir;                   // gets usbmuxd.sock and control.sock
+    std::vector<std::string> devices;  // attached at start, in this order
+    std::optional<uint16_t> echoPort = 33325;
+};
+
+// The whole simulated phone on one io_context: the device table, the apps by port,
+// the usbmuxd socket and the control socket.
+class SimPhone {
+public:
+    SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report);
+
+    // Binds both sockets; throws std::system_error.
+    void start();
+
+    ListenerRegistry& listeners() { return listeners_; }
+    const DeviceTable& devices() const { return devices_; }
+    ControlReply execute(const ControlCommand& command);
+
+    static std::string muxSocketPath(const std::string& dir) { return dir + "/usbmuxd.sock"; }
+    static std::string controlSocketPath(const std::string& dir) { return dir + "/control.sock"; }
+
+private:
+    Reporter report_;
+    DeviceTable devices_;
+    ListenerRegistry listeners_;
+    MuxServer mux_;
+    ControlServer control_;
+};
+
+}  // namespace skiff::sim

@@ -1,0 +1,167 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <plist/plist.h>
+
+#include <string>
+
+#include "sim/mux_message.hpp"
+
+namespace skiff::sim {
+namespace {
+
+std::vector<uint8_t> frame(const std::string& body, uint32_t tag = 7, uint32_t version = 1,
+                           uint32_t message = 8) {
+    std::vector<uint8_t> out;
+    for (uint32_t field : {uint32_t(16 + body.size()), version, message, tag}) {
+        for (int i = 0; i < 4; ++i) {
+            out.push_back(uint8_t(field >> (8 * i)));
+        }
+    }
+    for (char c : body) {
+        out.push_back(uint8_t(c));
+    }
+    return out;
+}
+
+std::string plistXml(const std::string& items) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\"><dict>" + items +
+           "</dict></plist>";
+}
+
+MuxRequest decode(const std::vector<uint8_t>& bytes) {
+    auto header = parseMuxHeader(bytes);
+    EXPECT_TRUE(header.has_value());
+    return decodeMuxRequest(*header, std::span(bytes).subspan(16));
+}
+
+// Decodes one of our own messages back into a plist for inspection.
+plist_t bodyOf(const std::vector<uint8_t>& message, uint32_t* tag = nullptr) {
+    auto header = parseMuxHeader(message);
+    EXPECT_TRUE(header.has_value());
+    EXPECT_EQ(header->length, message.size());
+    EXPECT_EQ(header->version, 1u);
+    EXPECT_EQ(header->message, 8u);
+    if (tag != nullptr) {
+        *tag = header->tag;
+    }
+    plist_t out = nullptr;
+    plist_from_xml(reinterpret_cast<const char*>(message.data() + 16),
+                   uint32_t(message.size() - 16), &out);
+    return out;
+}
+
+uint64_t uintAt(plist_t dict, const char* key) {
+    uint64_t v = 0;
+    plist_get_uint_val(plist_dict_get_item(dict, key), &v);
+    return v;
+}
+
+std::string stringAt(plist_t dict, const char* key) {
+    char* s = nullptr;
+    plist_get_string_val(plist_dict_get_item(dict, key), &s);
+    std::string out = s ? s : "";
+    free(s);
+    return out;
+}
+
+TEST(MuxMessage, HeaderRejectsShortInputAndImpossibleLengths) {
+    auto good = frame("x");
+    EXPECT_FALSE(parseMuxHeader(std::span(good).first(15)).has_value());
+    auto tooShort = frame("");
+    tooShort[0] = 15;
+    EXPECT_FALSE(parseMuxHeader(tooShort).has_value());
+    auto huge = frame("");
+    huge[3] = 0x7f;
+    EXPECT_FALSE(parseMuxHeader(huge).has_value());
+    EXPECT_EQ(parseMuxHeader(good)->length, 17u);
+}
+
+TEST(MuxMessage, DecodesTheRequestsTheClientSends) {
+    auto list = decode(frame(plistXml("<key>MessageType</key><string>ListDevices</string>"), 3));
+    EXPECT_EQ(list.kind, MuxRequestKind::listDevices);
+    EXPECT_EQ(list.tag, 3u);
+    EXPECT_EQ(decode(frame(plistXml("<key>MessageType</key><string>Listen</string>"))).kind,
+              MuxRequestKind::listen);
+
+    // The port travels byte-swapped into network order inside the integer.
+    auto connect =
+        decode(frame(plistXml("<key>MessageType</key><string>Connect</string>"
+                              "<key>DeviceID</key><integer>4</integer>"
+                              "<key>PortNumber</key><integer>" +
+                              std::to_string(htons(33325)) + "</integer>")));
+    EXPECT_EQ(connect.kind, MuxRequestKind::connect);
+    EXPECT_EQ(connect.deviceId, 4u);
+    EXPECT_EQ(connect.port, 33325);
+}
+
+TEST(MuxMessage, BadRequestsBecomeErrorResults) {
+    struct Case {
+        std::vector<uint8_t> bytes;
+        MuxRequestKind kind;
+        MuxResult error;
+    };
+    std::vector<Case> cases = {
+        {frame("not a plist at all"), MuxRequestKind::malformed, MuxResult::badCommand},
+        {frame("<plist><array/></plist>"), MuxRequestKind::malformed, MuxResult::badCommand},
+        {frame(plistXml("<key>ProgName</key><string>x</string>")), MuxRequestKind::malformed,
+         MuxResult::badCommand},
+        {frame(plistXml("<key>MessageType</key><integer>3</integer>")), MuxRequestKind::malformed,
+         MuxResult::badCommand},
+        {frame(plistXml("<key>MessageType</key><string>Connect</string>"
+                        "<key>DeviceID</key><integer>1</integer>")),
+         MuxRequestKind::malformed, MuxResult::badCommand},
+        {frame(plistXml("<key>MessageType</key><string>Connect</string>"
+                        "<key>DeviceID</key><integer>1</integer>"
+                        "<key>PortNumber</key><integer>70000</integer>")),
+         MuxRequestKind::malformed, MuxResult::badCommand},
+        {frame(plistXml("<key>MessageType</key><string>ReadBUID</string>")),
+         MuxRequestKind::unsupported, MuxResult::badCommand},
+        {frame("", 7, 0, 3), MuxRequestKind::malformed, MuxResult::badVersion},
+        {frame(""), MuxRequestKind::malformed, MuxResult::badCommand},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        auto request = decode(cases[i].bytes);
+        EXPECT_EQ(request.kind, cases[i].kind);
+        EXPECT_EQ(request.error, cases[i].error);
+        EXPECT_EQ(request.tag, 7u);
+    }
+    // A payload that does not match the header's length is not trusted.
+    auto bytes = frame(plistXml("<key>MessageType</key><string>Listen</string>"));
+    auto header = parseMuxHeader(bytes);
+    EXPECT_EQ(decodeMuxRequest(*header, std::span(bytes).subspan(17)).kind,
+              MuxRequestKind::malformed);
+}
+
+TEST(MuxMessage, RepliesCarryTheFieldsTheClientReads) {
+    uint32_t tag = 0;
+    plist_t result = bodyOf(encodeResult(9, MuxResult::connectionRefused), &tag);
+    EXPECT_EQ(tag, 9u);
+    EXPECT_EQ(stringAt(result, "MessageType"), "Result");
+    EXPECT_EQ(uintAt(result, "Number"), 3u);
+    plist_free(result);
+
+    SimDevice a{5, "udid-a"}, b{6, ""};
+    plist_t list = bodyOf(encodeDeviceList(2, {a, b}), &tag);
+    EXPECT_EQ(tag, 2u);
+    // Only DeviceList: a MessageType would turn the reply into an event for the client.
+    EXPECT_EQ(plist_dict_get_size(list), 1u);
+    plist_t devices = plist_dict_get_item(list, "DeviceList");
+    ASSERT_EQ(plist_array_get_size(devices), 2u);
+    plist_t first = plist_array_get_item(devices, 0);
+    EXPECT_EQ(stringAt(first, "MessageType"), "Attached");
+    plist_t props = plist_dict_get_item(first, "Properties");
+    EXPECT_EQ(stringAt(props, "SerialNumber"), "udid-a");
+    EXPECT_EQ(stringAt(props, "ConnectionType"), "USB");
+    EXPECT_EQ(uintAt(props, "DeviceID"), 5u);
+    EXPECT_NE(plist_dict_get_item(props, "ProductID"), nullptr);
+    plist_free(list);
+
+    plist_t detached = bodyOf(encodeDetached(6));
+    EXPECT_EQ(stringAt(detached, "MessageType"), "Detached");
+    EXPECT_EQ(uintAt(detached, "DeviceID"), 6u);
+    plist_free(detached);
+}
+
+}  // namespace
+}  // namespace skiff::sim

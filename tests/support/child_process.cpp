@@ -1,0 +1,213 @@
+#include "support/child_process.hpp"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+extern char** environ;
+
+namespace skiff::test {
+namespace {
+
+std::vector<std::string> mergedEnvironment(const std::vector<std::string>& extra) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        std::string_view entry(*e);
+        std::string_view name = entry.substr(0, entry.find('='));
+        bool replaced = false;
+        for (const auto& x : extra) {
+            if (std::string_view(x).substr(0, x.find('=')) == name) {
+                replaced = true;
+            }
+        }
+        if (!replaced) {
+            env.emplace_back(entry);
+        }
+    }
+    env.insert(env.end(), extra.begin(), extra.end());
+    return env;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> out;
+    for (auto& s : strings) {
+        out.push_back(s.data());
+    }
+    out.push_back(nullptr);
+    return out;
+}
+
+// Waits until fd is readable or the deadline passes; true when readable.
+bool pollReadable(int fd, std::chrono::milliseconds timeout) {
+    pollfd p{fd, POLLIN, 0};
+    int rc;
+    do {
+        rc = ::poll(&p, 1, int(timeout.count()));
+    } while (rc < 0 && errno == EINTR);
+    return rc > 0;
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv) {
+    int pipeFds[2];
+    if (::pipe2(pipeFds, O_CLOEXEC) != 0 || ::pipe2(wakeFd_, O_CLOEXEC) != 0) {
+        throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
+    auto env = mergedEnvironment(extraEnv);
+    auto argvPtrs = pointers(argv);
+    auto envPtrs = pointers(env);
+    int rc = ::posix_spawn(&pid_, argv.at(0).c_str(), &actions, nullptr, argvPtrs.data(),
+                           envPtrs.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeFds[1]);
+    if (rc != 0) {
+        ::close(pipeFds[0]);
+        ::close(wakeFd_[0]);
+        ::close(wakeFd_[1]);
+        throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
+    }
+    outputFd_ = pipeFds[0];
+    pidFd_ = int(::syscall(SYS_pidfd_open, pid_, 0));
+    reader_ = std::thread([this] { readOutput(); });
+}
+
+ChildProcess::~ChildProcess() {
+    stop();
+    {
+        // Let the reader drain what the child wrote last; a grandchild holding the pipe
+        // open must not hang the test, hence the bounded wait and the wake-up.
+        std::unique_lock lock(mutex_);
+        changed_.wait_for(lock, std::chrono::seconds(5), [this] { return outputEnded_; });
+    }
+    char byte = 1;
+    (void)!::write(wakeFd_[1], &byte, 1);
+    reader_.join();
+    for (int fd : {outputFd_, pidFd_, wakeFd_[0], wakeFd_[1]}) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+}
+
+void ChildProcess::readOutput() {
+    char buffer[4096];
+    for (;;) {
+        pollfd fds[2] = {{outputFd_, POLLIN, 0}, {wakeFd_[0], POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            break;
+        }
+        if (fds[0].revents == 0) {
+            break;  // woken up
+        }
+        ssize_t n = ::read(outputFd_, buffer, sizeof buffer);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            break;
+        }
+        std::lock_guard lock(mutex_);
+        output_.append(buffer, size_t(n));
+        changed_.notify_all();
+    }
+    std::lock_guard lock(mutex_);
+    outputEnded_ = true;
+    changed_.notify_all();
+}
+
+bool ChildProcess::waitForOutput(std::string_view text, std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout,
+                      [&] { return output_.find(text) != std::string::npos || outputEnded_; });
+    return output_.find(text) != std::string::npos;
+}
+
+std::string ChildProcess::output() const {
+    std::lock_guard lock(mutex_);
+    return output_;
+}
+
+std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
+    if (status_) {
+        return status_;
+    }
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        int status = 0;
+        pid_t rc = ::waitpid(pid_, &status, WNOHANG);
+        if (rc == pid_) {
+            status_ = status;
+            return status_;
+        }
+        if (rc < 0 && errno != EINTR) {
+            status_ = -1;
+            return status_;
+        }
+        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left <= std::chrono::milliseconds(0)) {
+            return std::nullopt;
+        }
+        if (pidFd_ >= 0) {
+            pollReadable(pidFd_, left);
+        } else {
+            // No pidfd on this kernel: poll the exit in short steps up to the deadline.
+            std::this_thread::sleep_for(std::min(left, std::chrono::milliseconds(20)));
+        }
+    }
+}
+
+int ChildProcess::stop(std::chrono::milliseconds grace) {
+    if (status_) {
+        return *status_;
+    }
+    ::kill(pid_, SIGTERM);
+    if (auto status = waitForExit(grace)) {
+        return *status;
+    }
+    ::kill(pid_, SIGKILL);
+    return waitForExit(std::chrono::seconds(30)).value_or(-1);
+}
+
+TempDir::TempDir(std::string_view prefix) {
+    const char* base = std::getenv("TMPDIR");
+    std::string pattern =
+        std::string(base && *base ? base : "/tmp") + "/" + std::string(prefix) + "-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp " + pattern + ": " + std::strerror(errno));
+    }
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string buildPath(std::string_view relative) {
+    const char* dir = std::getenv("SKIFF_BUILD_DIR");
+    if (dir == nullptr || *dir == '\0') {
+        throw std::runtime_error("SKIFF_BUILD_DIR is not set (run the test through ctest)");
+    }
+    return std::string(dir) + "/" + std::string(relative);
+}
+
+}  // namespace skiff::test

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/control_command.hpp"
+#include "support/child_process.hpp"
+
+namespace skiff::test {
+
+struct SimulatedDevice {
+    uint32_t handle = 0;
+    std::string udid;
+};
+
+// Runs `skiff-phone-sim serve` in a fresh temporary directory for the life of the
+// object and points libusbmuxd in this process at it (USBMUXD_SOCKET_ADDRESS). The
+// control methods throw std::runtime_error when the simulator refuses a command.
+class SimulatedPhone {
+public:
+    explicit SimulatedPhone(std::vector<std::string> devices = {},
+                            std::vector<std::string> extraArgs = {});
+    ~SimulatedPhone();
+    SimulatedPhone(const SimulatedPhone&) = delete;
+    SimulatedPhone& operator=(const SimulatedPhone&) = delete;
+
+    const std::string& dir() const { return dir_.path(); }
+    std::string muxSocketPath() const;
+    std::string controlSocketPath() const;
+    // "USBMUXD_SOCKET_ADDRESS=UNIX:..." for child processes that should see this phone.
+    std::string muxEnvironment() const;
+
+    sim::ControlReply command(const std::string& line);
+    uint32_t attach(const std::string& udid);
+    void detach(const std::string& udid);
+    uint32_t replug(const std::string& udid);
+    std::vector<SimulatedDevice> list();
+    // Closes the device-side streams (of one device, or all); returns how many.
+    size_t drop(const std::string& udid = {});
+
+    ChildProcess& process() { return *process_; }
+
+private:
+    TempDir dir_;
+    std::unique_ptr<ChildProcess> process_;
+};
+
+}  // namespace skiff::test
