@@ -41,7 +41,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <thread>
 #include <type_traits>
@@ -222,7 +221,7 @@ protected:
     void spawnIsolated(asio::awaitable<void> task) const { spawnTask(strand_, std::move(task)); }
 
     // State that only the strand may touch is guarded by this check.
-    void assertIsolated(std::source_location where = std::source_location::current()) const {
+    void assertIsolated(SourceLocation where = SourceLocation::current()) const {
         if (!isIsolated()) {
             fatalError("actor state touched off its strand", where);
         }
@@ -255,28 +254,29 @@ public:
     asio::awaitable<std::invoke_result_t<F&>> run(F f) {
         using R = std::invoke_result_t<F&>;
         using V = detail::ValueOf<R>;
+        // Named, not a temporary inside the co_await: GCC 12 destroys such temporaries
+        // with init-captures twice.
+        auto initiate = [this](auto handler, F fn) {
+            using Handler = decltype(handler);
+            enqueue(detail::Job([fn = std::move(fn), done = detail::PostedCompletion<Handler, V>(
+                                                         std::move(handler))]() mutable {
+                std::exception_ptr error;
+                V result{};
+                try {
+                    if constexpr (std::is_void_v<R>) {
+                        fn();
+                    } else {
+                        result = fn();
+                    }
+                } catch (...) {
+                    error = std::current_exception();
+                }
+                done(error, std::move(result));
+            }));
+        };
         auto value = co_await asio::async_initiate<const asio::use_awaitable_t<>&,
                                                    void(std::exception_ptr, V)>(
-            [this](auto handler, F fn) {
-                using Handler = decltype(handler);
-                enqueue(detail::Job(
-                    [fn = std::move(fn),
-                     done = detail::PostedCompletion<Handler, V>(std::move(handler))]() mutable {
-                        std::exception_ptr error;
-                        V result{};
-                        try {
-                            if constexpr (std::is_void_v<R>) {
-                                fn();
-                            } else {
-                                result = fn();
-                            }
-                        } catch (...) {
-                            error = std::current_exception();
-                        }
-                        done(error, std::move(result));
-                    }));
-            },
-            asio::use_awaitable, std::move(f));
+            initiate, asio::use_awaitable, std::move(f));
         if constexpr (!std::is_void_v<R>) {
             co_return std::move(value);
         }
@@ -343,10 +343,10 @@ public:
     }
 
     asio::awaitable<T> wait() const {
+        auto initiate = [state = state_](auto handler) { state->attach(std::move(handler)); };
         auto value = co_await asio::async_initiate<const asio::use_awaitable_t<>&,
                                                    void(std::exception_ptr, V)>(
-            [state = state_](auto handler) { state->attach(std::move(handler)); },
-            asio::use_awaitable);
+            initiate, asio::use_awaitable);
         if constexpr (!std::is_void_v<T>) {
             co_return std::move(value);
         }

@@ -55,14 +55,13 @@ TEST_F(RuntimeTest, ActorBodiesRunOnStrandAndCallersResumeOnTheirOwnExecutor) {
         }
         co_return callerResumedOnItsStrand;
     };
-    auto other = asio::co_spawn(
-        runtime.executor(),
-        [&]() -> asio::awaitable<void> {
-            for (int i = 0; i < kCalls / 2; ++i) {
-                co_await counter.increment();
-            }
-        }(),
-        asio::use_future);
+    // A named lambda: its captures must outlive the coroutine it starts.
+    auto otherCaller = [&]() -> asio::awaitable<void> {
+        for (int i = 0; i < kCalls / 2; ++i) {
+            co_await counter.increment();
+        }
+    };
+    auto other = asio::co_spawn(runtime.executor(), otherCaller(), asio::use_future);
     EXPECT_TRUE(runSync(callerStrand, task()));
     ASSERT_TRUE(skiff::testing::readyInTime(other));
     EXPECT_EQ(runSync(runtime.executor(), counter.increment()), kCalls + 1);
