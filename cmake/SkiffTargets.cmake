@@ -40,9 +40,11 @@ function(skiff_test name)
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
     skiff_warnings(${name})
-    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
-        PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT 240
-        ENVIRONMENT "SKIFF_BUILD_DIR=${PROJECT_BINARY_DIR}")
+    set(_props TIMEOUT 240 ENVIRONMENT "SKIFF_BUILD_DIR=${PROJECT_BINARY_DIR}")
+    if(ARG_LABELS)
+        list(APPEND _props LABELS "${ARG_LABELS}")
+    endif()
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES ${_props})
 endfunction()
 
 # skiff_fuzzer(name SOURCES ... LIBS ...): a libFuzzer target, run briefly by CTest
