@@ -40,6 +40,9 @@ std::variant<ControlCommand, std::string> parseControlCommand(std::string_view l
         command.verb = ControlVerb::detach;
     } else if (w[0] == "replug") {
         command.verb = ControlVerb::replug;
+    } else if (w[0] == "connections") {
+        command.verb = ControlVerb::connections;
+        needsUdid = mayHaveUdid = false;
     } else if (w[0] == "drop") {
         command.verb = ControlVerb::drop;
         needsUdid = false;

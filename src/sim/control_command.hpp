@@ -6,9 +6,11 @@
 //   attach UDID          data line: the new handle
 //   detach UDID
 //   replug UDID          detach and attach again; data line: the new handle
+//   connections          one line per open device-side stream: "<handle> <port> <udid>"
 //   drop [UDID]          close the device-side streams (of one device, or all);
 //                        data line: how many were closed
-// A UDID written as "" stands for the empty UDID (a device that reports none).
+// A UDID written as "" stands for the empty UDID (a device that reports none; libusbmuxd
+// refuses such a record and keeps reconnecting, so it is for probing other clients).
 
 #include <cstdint>
 #include <string>
@@ -20,7 +22,7 @@ namespace skiff::sim {
 
 inline constexpr size_t kControlMaxLine = 4096;
 
-enum class ControlVerb { list, attach, detach, replug, drop };
+enum class ControlVerb { list, attach, detach, replug, drop, connections };
 
 struct ControlCommand {
     ControlVerb verb = ControlVerb::list;

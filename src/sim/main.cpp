@@ -1,6 +1,7 @@
 // skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
 //   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
-//   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID | drop [UDID]
+//   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
+//                                 connections | drop [UDID]
 
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
@@ -77,7 +78,7 @@ int main(int argc, char** argv) {
     auto* ctlCommand = app.add_subcommand(
         "ctl",
         "Drive a running simulated phone: list, attach UDID, detach UDID, replug UDID, "
-        "drop [UDID]");
+        "connections, drop [UDID]");
     ctlCommand->add_option("--dir", ctlDir, "The directory given to serve")->required();
     ctlCommand->add_option("command", words, "The command and its UDID")->required();
 

@@ -170,23 +170,28 @@ asio::awaitable<bool> MuxServer::connect(std::shared_ptr<MuxConnection> connecti
                 deviceName(*device) + ": nothing listens there");
         result = MuxResult::connectionRefused;
     }
-    co_await asio::async_write(connection->socket, asio::buffer(encodeResult(tag, result)),
-                               asio::use_awaitable);
     if (result != MuxResult::ok) {
+        co_await asio::async_write(connection->socket, asio::buffer(encodeResult(tag, result)),
+                                   asio::use_awaitable);
         co_return false;
     }
-    // The device or the app may have gone while the answer was being written.
-    device = devices_.findByHandle(deviceId);
-    const PortListener* listener = listeners_.find(port);
+    // Recorded before the answer goes out, so that once the client has its answer the
+    // connection is already known to the control interface.
+    AppConnectionInfo info{device->udid, device->handle, port};
     auto socket = std::make_shared<AppSocket>(std::move(connection->socket));
-    if (device == nullptr || listener == nullptr) {
+    std::erase_if(appLinks_, [](const AppLink& link) { return link.socket.expired(); });
+    appLinks_.push_back(AppLink{info, socket});
+    report_("a client connected to port " + std::to_string(port) + " of " + deviceName(*device));
+    std::error_code ec;
+    co_await asio::async_write(*socket, asio::buffer(encodeResult(tag, MuxResult::ok)),
+                               asio::redirect_error(asio::use_awaitable, ec));
+    // The client, the device or the app may have gone while the answer was being written.
+    const PortListener* listener = listeners_.find(port);
+    if (ec || !socket->is_open() || devices_.findByHandle(deviceId) == nullptr ||
+        listener == nullptr) {
         closeSocket(*socket);
         co_return true;
     }
-    AppConnectionInfo info{device->udid, device->handle, port};
-    std::erase_if(appLinks_, [](const AppLink& link) { return link.socket.expired(); });
-    appLinks_.push_back(AppLink{device->handle, socket});
-    report_("a client connected to port " + std::to_string(port) + " of " + deviceName(*device));
     (*listener)(std::move(socket), info);
     co_return true;
 }
@@ -215,7 +220,7 @@ void MuxServer::deviceDetached(const SimDevice& device) {
 size_t MuxServer::dropConnections(std::optional<uint32_t> handle) {
     size_t dropped = 0;
     for (auto& link : appLinks_) {
-        if (handle && link.handle != *handle) {
+        if (handle && link.info.handle != *handle) {
             continue;
         }
         if (auto socket = link.socket.lock(); socket && socket->is_open()) {
@@ -224,9 +229,19 @@ size_t MuxServer::dropConnections(std::optional<uint32_t> handle) {
         }
     }
     std::erase_if(appLinks_, [&](const AppLink& link) {
-        return !handle || link.handle == *handle || link.socket.expired();
+        return !handle || link.info.handle == *handle || link.socket.expired();
     });
     return dropped;
+}
+
+std::vector<AppConnectionInfo> MuxServer::appConnections() const {
+    std::vector<AppConnectionInfo> open;
+    for (const auto& link : appLinks_) {
+        if (auto socket = link.socket.lock(); socket && socket->is_open()) {
+            open.push_back(link.info);
+        }
+    }
+    return open;
 }
 
 }  // namespace skiff::sim

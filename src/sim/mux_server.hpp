@@ -36,9 +36,12 @@ public:
     // Closes the device-side streams (all, or those through one handle); returns how many.
     size_t dropConnections(std::optional<uint32_t> handle);
 
+    // The device-side streams still open.
+    std::vector<AppConnectionInfo> appConnections() const;
+
 private:
     struct AppLink {
-        uint32_t handle = 0;
+        AppConnectionInfo info;
         std::weak_ptr<AppSocket> socket;
     };
 

@@ -54,6 +54,12 @@ ControlReply SimPhone::execute(const ControlCommand& command) {
             reply.lines.push_back(std::to_string(replug->added.handle));
             break;
         }
+        case ControlVerb::connections:
+            for (const auto& info : mux_.appConnections()) {
+                reply.lines.push_back(std::to_string(info.handle) + " " +
+                                      std::to_string(info.port) + " " + info.udid);
+            }
+            break;
         case ControlVerb::drop: {
             std::optional<uint32_t> handle;
             if (command.hasUdid) {

@@ -99,6 +99,19 @@ std::vector<SimulatedDevice> SimulatedPhone::list() {
     return out;
 }
 
+std::vector<SimulatedConnection> SimulatedPhone::connections() {
+    auto reply = mustSucceed(command("connections"), "connections");
+    std::vector<SimulatedConnection> out;
+    for (const auto& line : reply.lines) {
+        size_t first = line.find(' ');
+        size_t second = line.find(' ', first + 1);
+        out.push_back({uint32_t(std::stoul(line.substr(0, first))),
+                       uint16_t(std::stoul(line.substr(first + 1, second - first - 1))),
+                       second == std::string::npos ? "" : line.substr(second + 1)});
+    }
+    return out;
+}
+
 size_t SimulatedPhone::drop(const std::string& udid) {
     std::string line = udid.empty() ? "drop" : "drop " + udid;
     return firstNumber(mustSucceed(command(line), line));

@@ -16,6 +16,12 @@ struct SimulatedDevice {
     std::string udid;
 };
 
+struct SimulatedConnection {
+    uint32_t handle = 0;
+    uint16_t port = 0;
+    std::string udid;
+};
+
 // Runs `skiff-phone-sim serve` in a fresh temporary directory for the life of the
 // object and points libusbmuxd in this process at it (USBMUXD_SOCKET_ADDRESS). The
 // control methods throw std::runtime_error when the simulator refuses a command.
@@ -38,6 +44,8 @@ public:
     void detach(const std::string& udid);
     uint32_t replug(const std::string& udid);
     std::vector<SimulatedDevice> list();
+    // The device-side streams currently open.
+    std::vector<SimulatedConnection> connections();
     // Closes the device-side streams (of one device, or all); returns how many.
     size_t drop(const std::string& udid = {});
 

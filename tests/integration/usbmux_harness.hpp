@@ -1,0 +1,90 @@
+#pragma once
+// Runs the native layer against a simulated phone through the real libusbmuxd.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "support/simulated_phone.hpp"
+#include "usbmuxkit/usbmux_flat.h"
+
+namespace skiff::test {
+
+inline constexpr uint16_t kEchoPort = 33325;
+inline constexpr auto kEventTimeout = std::chrono::seconds(20);
+
+struct SeenEvent {
+    int32_t type = 0;
+    std::string udid;
+};
+
+// Collects device events from libusbmuxd's event thread; the callback is a plain
+// function, so the collector is process-wide (each test case runs in its own process).
+class EventLog {
+public:
+    static EventLog& instance() {
+        static EventLog log;
+        return log;
+    }
+    static void callback(const DeviceEvent* event) {
+        auto& log = instance();
+        std::lock_guard lock(log.mutex_);
+        log.events_.push_back({event->eventType, event->udid});
+        log.changed_.notify_all();
+    }
+
+    // True once an event of this type and UDID has been seen.
+    bool waitFor(int32_t type, const std::string& udid) {
+        return waitUntil([&](const std::vector<SeenEvent>&) { return count(type, udid) > 0; });
+    }
+    bool waitUntil(const std::function<bool(const std::vector<SeenEvent>&)>& done) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, kEventTimeout, [&] { return done(events_); });
+    }
+    size_t countOf(int32_t type, const std::string& udid) {
+        std::lock_guard lock(mutex_);
+        return count(type, udid);
+    }
+
+private:
+    size_t count(int32_t type, const std::string& udid) const {
+        size_t n = 0;
+        for (const auto& e : events_) {
+            n += e.type == type && e.udid == udid;
+        }
+        return n;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<SeenEvent> events_;
+};
+
+inline constexpr int32_t kDeviceAdded = 1;
+inline constexpr int32_t kDeviceRemoved = 2;
+
+inline tunnel_id tunnelTo(const std::string& udid, uint16_t port = kEchoPort) {
+    tunnel_id id{};
+    std::strncpy(id.udid, udid.c_str(), sizeof(id.udid) - 1);
+    id.port = port;
+    return id;
+}
+
+class UsbMuxIntegration : public testing::Test {
+protected:
+    void startPhone(std::vector<std::string> devices) {
+        phone_ = std::make_unique<SimulatedPhone>(std::move(devices));
+    }
+    void TearDown() override { usbmux_mgr_shutdown(); }
+
+    std::unique_ptr<SimulatedPhone> phone_;
+};
+
+}  // namespace skiff::test
