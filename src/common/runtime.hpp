@@ -29,7 +29,8 @@
 //              (a second wait is a programming error and stops the process);
 //              resume()/fail() may be called from any thread, and every call after the
 //              first is a no-op that returns false. The waiter always resumes through a
-//              post to its own executor, never inline in the caller of resume().
+//              post to its own executor, never inline in the caller of resume(). When
+//              every copy is dropped unresumed, the waiting coroutine is destroyed.
 //              T (when not void) must be default-constructible.
 
 #include <pthread.h>
@@ -254,29 +255,31 @@ public:
     asio::awaitable<std::invoke_result_t<F&>> run(F f) {
         using R = std::invoke_result_t<F&>;
         using V = detail::ValueOf<R>;
-        // Named, not a temporary inside the co_await: GCC 12 destroys such temporaries
-        // with init-captures twice.
-        auto initiate = [this](auto handler, F fn) {
+        // GCC 12 may destroy objects handed through async_initiate twice, so only plain
+        // pointers go through it: fn lives in this frame, which the queued job keeps
+        // alive (it owns the handler) until the job has run.
+        F fn = std::move(f);
+        auto initiate = [this, fnp = &fn](auto handler) {
             using Handler = decltype(handler);
-            enqueue(detail::Job([fn = std::move(fn), done = detail::PostedCompletion<Handler, V>(
-                                                         std::move(handler))]() mutable {
-                std::exception_ptr error;
-                V result{};
-                try {
-                    if constexpr (std::is_void_v<R>) {
-                        fn();
-                    } else {
-                        result = fn();
+            enqueue(detail::Job(
+                [fnp, done = detail::PostedCompletion<Handler, V>(std::move(handler))]() mutable {
+                    std::exception_ptr error;
+                    V result{};
+                    try {
+                        if constexpr (std::is_void_v<R>) {
+                            (*fnp)();
+                        } else {
+                            result = (*fnp)();
+                        }
+                    } catch (...) {
+                        error = std::current_exception();
                     }
-                } catch (...) {
-                    error = std::current_exception();
-                }
-                done(error, std::move(result));
-            }));
+                    done(error, std::move(result));
+                }));
         };
         auto value = co_await asio::async_initiate<const asio::use_awaitable_t<>&,
                                                    void(std::exception_ptr, V)>(
-            initiate, asio::use_awaitable, std::move(f));
+            initiate, asio::use_awaitable);
         if constexpr (!std::is_void_v<R>) {
             co_return std::move(value);
         }
@@ -343,7 +346,14 @@ public:
     }
 
     asio::awaitable<T> wait() const {
-        auto initiate = [state = state_](auto handler) { state->attach(std::move(handler)); };
+        // A plain pointer through async_initiate (see SerialQueue::run). The frame gives
+        // up its reference once the waiter is stored, so a OneShot dropped by everyone
+        // else frees its waiter instead of keeping it in a cycle.
+        std::shared_ptr<State> state = state_;
+        auto initiate = [held = &state](auto handler) {
+            std::shared_ptr<State> owner = std::move(*held);
+            owner->attach(std::move(handler));
+        };
         auto value = co_await asio::async_initiate<const asio::use_awaitable_t<>&,
                                                    void(std::exception_ptr, V)>(
             initiate, asio::use_awaitable);
