@@ -28,6 +28,16 @@ std::variant<ControlCommand, std::string> parseControlCommand(std::string_view l
     if (w.empty()) {
         return std::string("empty command");
     }
+    if (isAppVerb(w[0])) {
+        auto app = parseAppCommand(line);
+        if (auto* error = std::get_if<std::string>(&app)) {
+            return *error;
+        }
+        ControlCommand command;
+        command.verb = ControlVerb::app;
+        command.app = std::get<AppCommand>(std::move(app));
+        return command;
+    }
     ControlCommand command;
     bool needsUdid = true;
     bool mayHaveUdid = true;

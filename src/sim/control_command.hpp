@@ -18,16 +18,19 @@
 #include <variant>
 #include <vector>
 
+#include "sim/app_command.hpp"
+
 namespace skiff::sim {
 
 inline constexpr size_t kControlMaxLine = 4096;
 
-enum class ControlVerb { list, attach, detach, replug, drop, connections };
+enum class ControlVerb { list, attach, detach, replug, drop, connections, app };
 
 struct ControlCommand {
     ControlVerb verb = ControlVerb::list;
     std::string udid;
     bool hasUdid = false;
+    AppCommand app;  // verb app
 };
 
 struct ControlReply {

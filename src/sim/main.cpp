@@ -1,7 +1,9 @@
 // skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
 //   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
+//                         [--app-port PORT | --no-app]
 //   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
-//                                 connections | drop [UDID]
+//                                 connections | drop [UDID] | push CODE [BODY] |
+//                                 fault ... | inject ... | received
 
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
@@ -64,27 +66,32 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
 
     skiff::sim::SimPhoneOptions options;
-    uint16_t echoPort = 33325;
+    uint16_t echoPort = skiff::sim::kEchoPort;
     bool noEcho = false;
+    uint16_t appPort = skiff::sim::kCompanionAppPort;
+    bool noApp = false;
     auto* serveCommand = app.add_subcommand("serve", "Run the simulated phone");
     serveCommand->add_option("--dir", options.dir, "Directory for usbmuxd.sock and control.sock")
         ->required();
     serveCommand->add_option("--device", options.devices, "UDID of a device attached at start");
     serveCommand->add_option("--echo-port", echoPort, "Device port with an echo app");
     serveCommand->add_flag("--no-echo", noEcho, "No echo app on any port");
+    serveCommand->add_option("--app-port", appPort, "Device port of the companion app");
+    serveCommand->add_flag("--no-app", noApp, "No companion app on any port");
 
     std::string ctlDir;
     std::vector<std::string> words;
     auto* ctlCommand = app.add_subcommand(
         "ctl",
         "Drive a running simulated phone: list, attach UDID, detach UDID, replug UDID, "
-        "connections, drop [UDID]");
+        "connections, drop [UDID], push CODE [BODY], fault NAME [VALUE], inject WHAT, received");
     ctlCommand->add_option("--dir", ctlDir, "The directory given to serve")->required();
     ctlCommand->add_option("command", words, "The command and its UDID")->required();
 
     CLI11_PARSE(app, argc, argv);
     if (serveCommand->parsed()) {
         options.echoPort = noEcho ? std::nullopt : std::optional<uint16_t>(echoPort);
+        options.appPort = noApp ? std::nullopt : std::optional<uint16_t>(appPort);
         return serve(std::move(options));
     }
     return control(ctlDir, words);

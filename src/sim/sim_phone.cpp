@@ -3,11 +3,15 @@
 namespace skiff::sim {
 SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report)
     : report_(std::move(report)),
+      app_(io.get_executor(), report_),
       mux_(io, muxSocketPath(options.dir), devices_, listeners_, report_),
       control_(io, controlSocketPath(options.dir),
                [this](const ControlCommand& command) { return execute(command); }) {
     for (auto& udid : options.devices) {
         devices_.attach(std::move(udid));
+    }
+    if (options.appPort) {
+        listeners_.listen(*options.appPort, app_.listener());
     }
     if (options.echoPort) {
         listeners_.listen(*options.echoPort, makeEchoListener());
@@ -22,6 +26,8 @@ void SimPhone::start() {
 ControlReply SimPhone::execute(const ControlCommand& command) {
     ControlReply reply;
     switch (command.verb) {
+        case ControlVerb::app:
+            return app_.execute(command.app);
         case ControlVerb::list:
             for (const auto& device : devices_.devices()) {
                 reply.lines.push_back(std::to_string(device.handle) + " " + device.udid);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "sim/companion_app.hpp"
 #include "sim/control_command.hpp"
 #include "sim/control_server.hpp"
 #include "sim/device_table.hpp"
@@ -15,10 +16,14 @@
 
 namespace skiff::sim {
 
+inline constexpr uint16_t kEchoPort = 33326;
+
 struct SimPhoneOptions {
     std::string dir;                   // gets usbmuxd.sock and control.sock
     std::vector<std::string> devices;  // attached at start, in this order
-    std::optional<uint16_t> echoPort = 33325;
+    std::optional<uint16_t> appPort = kCompanionAppPort;
+    // Echo wins over the app when both are given the same port.
+    std::optional<uint16_t> echoPort = kEchoPort;
 };
 
 // The whole simulated phone on one io_context: the device table, the apps by port,
@@ -31,6 +36,7 @@ public:
     void start();
 
     ListenerRegistry& listeners() { return listeners_; }
+    CompanionApp& app() { return app_; }
     const DeviceTable& devices() const { return devices_; }
     ControlReply execute(const ControlCommand& command);
 
@@ -41,6 +47,7 @@ private:
     Reporter report_;
     DeviceTable devices_;
     ListenerRegistry listeners_;
+    CompanionApp app_;
     MuxServer mux_;
     ControlServer control_;
 };

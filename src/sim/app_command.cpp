@@ -1,0 +1,145 @@
+#include "sim/app_command.hpp"
+
+#include <charconv>
+
+namespace skiff::sim {
+namespace {
+
+bool isBlank(char c) {
+    return c == ' ' || c == '\t' || c == '\r';
+}
+
+// Splits off the first word; the rest keeps its inner spaces.
+std::string_view nextWord(std::string_view& rest) {
+    size_t i = 0;
+    while (i < rest.size() && isBlank(rest[i])) {
+        ++i;
+    }
+    size_t start = i;
+    while (i < rest.size() && !isBlank(rest[i])) {
+        ++i;
+    }
+    std::string_view word = rest.substr(start, i - start);
+    rest.remove_prefix(i);
+    return word;
+}
+
+std::string restText(std::string_view rest) {
+    while (!rest.empty() && isBlank(rest.front())) {
+        rest.remove_prefix(1);
+    }
+    while (!rest.empty() && isBlank(rest.back())) {
+        rest.remove_suffix(1);
+    }
+    return rest == "\"\"" ? std::string() : std::string(rest);
+}
+
+template <class T>
+std::optional<T> number(std::string_view word) {
+    T value{};
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+    if (word.empty() || error != std::errc() || end != word.data() + word.size()) {
+        return std::nullopt;
+    }
+    return value;
+}
+
+std::variant<AppCommand, std::string> parseFault(std::string_view rest) {
+    AppCommand command;
+    command.verb = AppVerb::fault;
+    std::string_view name = nextWord(rest);
+    std::string_view peek = rest;
+    std::string_view value = nextWord(peek);
+    bool single = nextWord(peek).empty();
+    if (name == "clear") {
+        command.fault = AppFault::clear;
+        return value.empty() ? std::variant<AppCommand, std::string>(command)
+                             : std::string("fault clear takes nothing");
+    }
+    if (name == "silent" || name == "close") {
+        command.fault = name == "silent" ? AppFault::silent : AppFault::close;
+        if (!single || (value != "on" && value != "off")) {
+            return "fault " + std::string(name) + " takes on or off";
+        }
+        command.on = value == "on";
+        return command;
+    }
+    if (name == "status") {
+        command.fault = AppFault::status;
+        command.on = value != "off";
+        auto code = number<std::uint16_t>(value);
+        if (!single || (command.on && !code)) {
+            return std::string("fault status takes a code of 0 to 65535, or off");
+        }
+        command.code = code.value_or(0);
+        return command;
+    }
+    if (name == "delay") {
+        command.fault = AppFault::delay;
+        auto ms = number<std::uint32_t>(value);
+        if (!single || !ms) {
+            return std::string("fault delay takes milliseconds");
+        }
+        command.delayMs = *ms;
+        command.on = *ms > 0;
+        return command;
+    }
+    if (name == "pong" || name == "ack") {
+        command.fault = name == "pong" ? AppFault::pong : AppFault::ack;
+        if (value.empty()) {
+            return "fault " + std::string(name) + " takes a line, or off";
+        }
+        command.on = !(single && value == "off");
+        command.text = command.on ? restText(rest) : std::string();
+        return command;
+    }
+    return "unknown fault " + std::string(name);
+}
+
+}  // namespace
+
+bool isAppVerb(std::string_view word) {
+    return word == "push" || word == "fault" || word == "inject" || word == "received";
+}
+
+std::variant<AppCommand, std::string> parseAppCommand(std::string_view line) {
+    std::string_view rest = line;
+    std::string_view verb = nextWord(rest);
+    AppCommand command;
+    if (verb == "push") {
+        command.verb = AppVerb::push;
+        auto code = number<std::uint16_t>(nextWord(rest));
+        if (!code) {
+            return std::string("push takes a code of 0 to 65535 and an optional body");
+        }
+        command.code = *code;
+        command.text = restText(rest);
+        return command;
+    }
+    if (verb == "fault") {
+        return parseFault(rest);
+    }
+    std::string_view what = nextWord(rest);
+    bool nothingMore = nextWord(rest).empty();
+    if (verb == "inject") {
+        command.verb = AppVerb::inject;
+        if (what == "unknown-flow" && nothingMore) {
+            command.injection = AppInjection::unknownFlow;
+        } else if (what == "bad-header" && nothingMore) {
+            command.injection = AppInjection::badHeader;
+        } else {
+            return std::string("inject takes unknown-flow or bad-header");
+        }
+        return command;
+    }
+    if (verb == "received") {
+        command.verb = AppVerb::received;
+        if (!what.empty()) {
+            return std::string("received takes nothing");
+        }
+        return command;
+    }
+    return "unknown command " + std::string(verb);
+}
+
+}  // namespace skiff::sim

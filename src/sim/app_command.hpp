@@ -1,0 +1,46 @@
+#pragma once
+
+// Control commands of the companion app, parsed from a whole control line:
+//   push CODE [BODY]        a push frame to every framed connection; data line: how many
+//   fault silent on|off     read requests but leave them unanswered (off answers them)
+//   fault close on|off      close the connection instead of answering a request or a
+//                           measurement line
+//   fault status CODE|off   answer every request with CODE and an empty body
+//   fault delay MS          hold every answer back by MS milliseconds (0: no delay)
+//   fault pong TEXT|off     the line that answers PING ("PONG" when off)
+//   fault ack TEXT|off      the line after a download ("BW:DOWN:OK:<N>" when off)
+//   fault clear             every fault off
+//   inject unknown-flow     a response frame for a flow nobody asked for, to every
+//                           framed connection; data line: how many
+//   inject bad-header       16 bytes that are no frame header, likewise
+//   received                what the measurement connections received, one line each
+// BODY and TEXT are the rest of the line; "" stands for the empty text.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace skiff::sim {
+
+enum class AppVerb { push, fault, inject, received };
+enum class AppFault { silent, close, status, delay, pong, ack, clear };
+enum class AppInjection { unknownFlow, badHeader };
+
+struct AppCommand {
+    AppVerb verb = AppVerb::received;
+    std::uint16_t code = 0;  // push: the push code; fault status: the answer code
+    std::string text;        // push: the body; fault pong/ack: the line
+    AppFault fault = AppFault::clear;
+    bool on = false;            // the fault is switched on (pong/ack: text replaces the default)
+    std::uint32_t delayMs = 0;  // fault delay
+    AppInjection injection = AppInjection::unknownFlow;
+};
+
+bool isAppVerb(std::string_view word);
+
+// The command, or the error text when the line is not one.
+std::variant<AppCommand, std::string> parseAppCommand(std::string_view line);
+
+}  // namespace skiff::sim

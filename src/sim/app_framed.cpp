@@ -1,0 +1,133 @@
+#include <unistd.h>
+
+#include <limits>
+
+#include "sim/app_framed.hpp"
+#include "tunnel/tunnel_errors.hpp"
+#include "tunnel/tunnel_frame.hpp"
+
+namespace skiff::sim {
+namespace {
+
+// The socket transport behind the bytes the app read to tell the protocols apart, and
+// the place where the app learns that the connection has ended.
+class AppTransport : public tunnel::TunnelTransport {
+public:
+    AppTransport(std::shared_ptr<FramedConnection> connection, std::string head)
+        : connection_(connection), inner_(connection->socketTransport), head_(std::move(head)) {}
+
+    asio::awaitable<void> send(Bytes data) override { return inner_->send(std::move(data)); }
+
+    asio::awaitable<Bytes> receive(std::size_t count) override {
+        size_t taken = std::min(count, head_.size());
+        Bytes out(head_.begin(), head_.begin() + static_cast<std::ptrdiff_t>(taken));
+        head_.erase(0, taken);
+        if (taken == count) {
+            co_return out;
+        }
+        bool failed = false;
+        Bytes rest;
+        try {
+            rest = co_await inner_->receive(count - taken);
+        } catch (const tunnel::TunnelTransportError&) {
+            failed = true;
+        }
+        if (failed) {
+            endConnection();
+            throw tunnel::TunnelTransportError(tunnel::TunnelTransportError::Case::disconnected);
+        }
+        out.insert(out.end(), rest.begin(), rest.end());
+        co_return out;
+    }
+
+    asio::awaitable<void> close() override { return inner_->close(); }
+
+private:
+    void endConnection() {
+        if (auto connection = connection_.lock()) {
+            closeFramedConnection(*connection);
+        }
+    }
+
+    std::weak_ptr<FramedConnection> connection_;
+    std::shared_ptr<tunnel::SocketTunnelTransport> inner_;
+    std::string head_;
+};
+
+asio::awaitable<tunnel::TunnelMessage> answer(std::shared_ptr<CompanionApp::State> state,
+                                              std::weak_ptr<FramedConnection> weak,
+                                              std::uint16_t code, Bytes payload) {
+    if (state->faults.closeOnRequest) {
+        if (auto connection = weak.lock()) {
+            closeFramedConnection(*connection);
+        }
+        co_return tunnel::TunnelMessage{kUnknownRequestCode, {}};  // never gets out
+    }
+    while (state->faults.silent) {
+        auto timer = std::make_shared<asio::steady_timer>(state->executor);
+        state->parked.push_back(timer);
+        co_await pause(timer, std::chrono::hours(24 * 365));
+    }
+    if (state->faults.delay.count() > 0) {
+        co_await pause(std::make_shared<asio::steady_timer>(state->executor), state->faults.delay);
+    }
+    if (state->faults.status) {
+        co_return tunnel::TunnelMessage{*state->faults.status, {}};
+    }
+    auto it = state->handlers.find(code);
+    if (it == state->handlers.end()) {
+        co_return tunnel::TunnelMessage{kUnknownRequestCode, {}};
+    }
+    // A copy: the table may change while the handler is suspended.
+    AppRequestHandler handler = it->second;
+    co_return co_await handler(std::move(payload));
+}
+
+}  // namespace
+
+void closeFramedConnection(FramedConnection& connection) {
+    connection.ended = true;
+    std::error_code ignored;
+    connection.socket->shutdown(asio::socket_base::shutdown_both, ignored);
+    connection.socket->close(ignored);
+}
+
+asio::awaitable<void> serveFrames(std::shared_ptr<CompanionApp::State> state,
+                                  std::shared_ptr<AppSocket> socket, std::string head) {
+    auto connection = std::make_shared<FramedConnection>();
+    connection->socket = socket;
+    // The transport gets its own descriptor; the mux server's close of the shared socket
+    // still shuts the stream down for both.
+    connection->socketTransport = std::make_shared<tunnel::SocketTunnelTransport>(
+        state->executor, ::dup(socket->native_handle()));
+    connection->engine = std::make_shared<tunnel::TunnelEngine>(state->executor);
+    std::erase_if(state->framed, [](const auto& c) { return c->ended; });
+    state->framed.push_back(connection);
+
+    std::weak_ptr<FramedConnection> weak = connection;
+    tunnel::TunnelBinding binding;
+    binding.transport = std::make_shared<AppTransport>(connection, std::move(head));
+    binding.role = tunnel::TunnelEndpointRole::server;
+    binding.tunnelKey = "app";
+    binding.requestHandler = [state, weak](std::uint16_t code, Bytes payload) {
+        return answer(state, weak, code, std::move(payload));
+    };
+    co_await connection->engine->bind(std::move(binding));
+}
+
+std::vector<std::shared_ptr<FramedConnection>> liveFramedConnections(CompanionApp::State& state) {
+    std::erase_if(state.framed, [](const auto& c) { return c->ended || !c->socket->is_open(); });
+    return state.framed;
+}
+
+Bytes unknownFlowFrame() {
+    // The client's counter would need four billion requests to reach this flow.
+    return *tunnel::encodeFrame(tunnel::FrameKind::response, 0,
+                                std::numeric_limits<std::uint32_t>::max(), {});
+}
+
+Bytes badFrameHeader() {
+    return Bytes(tunnel::kFrameHeaderSize, 0xFF);
+}
+
+}  // namespace skiff::sim

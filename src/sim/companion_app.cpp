@@ -1,0 +1,203 @@
+#include "sim/companion_app.hpp"
+
+#include <array>
+#include <string_view>
+
+#include "sim/app_framed.hpp"
+#include "sim/app_state.hpp"
+
+namespace skiff::sim {
+namespace {
+
+constexpr size_t kReceivedLimit = 1000;
+
+enum class Protocol { undecided, frames, measurement, echo };
+
+Protocol protocolOf(std::string_view head) {
+    struct Start {
+        std::string_view bytes;
+        Protocol protocol;
+    };
+    constexpr std::array<Start, 3> starts{{{"PRTU", Protocol::frames},
+                                           {"PING", Protocol::measurement},
+                                           {"BW:", Protocol::measurement}}};
+    bool couldStillBe = false;
+    for (const auto& start : starts) {
+        if (head.starts_with(start.bytes)) {
+            return start.protocol;
+        }
+        couldStillBe = couldStillBe || start.bytes.starts_with(head);
+    }
+    return couldStillBe ? Protocol::undecided : Protocol::echo;
+}
+
+asio::awaitable<void> echo(std::shared_ptr<AppSocket> socket, std::string head) {
+    std::array<char, 65536> buffer{};
+    try {
+        co_await asio::async_write(*socket, asio::buffer(head), asio::use_awaitable);
+        for (;;) {
+            size_t n = co_await socket->async_read_some(asio::buffer(buffer), asio::use_awaitable);
+            co_await asio::async_write(*socket, asio::buffer(buffer.data(), n),
+                                       asio::use_awaitable);
+        }
+    } catch (const std::system_error&) {
+        // Peer gone.
+    }
+}
+
+asio::awaitable<void> serveConnection(std::shared_ptr<CompanionApp::State> state,
+                                      std::shared_ptr<AppSocket> socket) {
+    std::string head;
+    std::array<char, 64> buffer{};
+    Protocol protocol = Protocol::undecided;
+    while (protocol == Protocol::undecided) {
+        std::error_code ec;
+        size_t n = co_await socket->async_read_some(asio::buffer(buffer),
+                                                    asio::redirect_error(asio::use_awaitable, ec));
+        if (ec) {
+            co_return;
+        }
+        head.append(buffer.data(), n);
+        protocol = protocolOf(head);
+    }
+    switch (protocol) {
+        case Protocol::frames:
+            state->report("app: a framed connection");
+            co_await serveFrames(state, std::move(socket), std::move(head));
+            break;
+        case Protocol::measurement:
+            state->report("app: a measurement connection");
+            co_await serveMeasurement(state, std::move(socket), std::move(head));
+            break;
+        default:
+            co_await echo(std::move(socket), std::move(head));
+            break;
+    }
+}
+
+void releaseParked(CompanionApp::State& state) {
+    for (auto& weak : state.parked) {
+        if (auto timer = weak.lock()) {
+            timer->cancel();
+        }
+    }
+    state.parked.clear();
+}
+
+ControlReply applyFault(CompanionApp::State& state, const AppCommand& command) {
+    AppFaults& faults = state.faults;
+    switch (command.fault) {
+        case AppFault::silent:
+            faults.silent = command.on;
+            break;
+        case AppFault::close:
+            faults.closeOnRequest = command.on;
+            break;
+        case AppFault::status:
+            faults.status = command.on ? std::optional<std::uint16_t>(command.code) : std::nullopt;
+            break;
+        case AppFault::delay:
+            faults.delay = std::chrono::milliseconds(command.delayMs);
+            break;
+        case AppFault::pong:
+            faults.pongLine = command.on ? std::optional<std::string>(command.text) : std::nullopt;
+            break;
+        case AppFault::ack:
+            faults.downloadAck =
+                command.on ? std::optional<std::string>(command.text) : std::nullopt;
+            break;
+        case AppFault::clear:
+            faults = AppFaults{};
+            break;
+    }
+    if (!faults.silent) {
+        releaseParked(state);
+    }
+    return ControlReply{};
+}
+
+// Sends through each live framed connection; the data line says how many.
+template <class MakeTask>
+ControlReply toEveryFramedConnection(CompanionApp::State& state, MakeTask makeTask) {
+    auto connections = liveFramedConnections(state);
+    for (const auto& connection : connections) {
+        runtime::spawnTask(state.executor, makeTask(*connection));
+    }
+    ControlReply reply;
+    reply.lines.push_back(std::to_string(connections.size()));
+    return reply;
+}
+
+asio::awaitable<void> sendRaw(std::shared_ptr<tunnel::SocketTunnelTransport> transport,
+                              Bytes bytes) {
+    try {
+        co_await transport->send(std::move(bytes));
+    } catch (const tunnel::TunnelTransportError&) {
+        // The engine's read loop notices a dead connection.
+    }
+}
+
+}  // namespace
+
+void CompanionApp::State::record(std::string entry) {
+    received.push_back(std::move(entry));
+    if (received.size() > kReceivedLimit) {
+        received.pop_front();
+    }
+}
+
+asio::awaitable<void> pause(std::shared_ptr<asio::steady_timer> timer,
+                            std::chrono::steady_clock::duration duration) {
+    timer->expires_after(duration);
+    std::error_code ignored;
+    co_await timer->async_wait(asio::redirect_error(asio::use_awaitable, ignored));
+}
+
+CompanionApp::CompanionApp(asio::any_io_executor executor, Reporter report)
+    : state_(std::make_shared<State>()) {
+    state_->executor = std::move(executor);
+    state_->report = std::move(report);
+    installBasicHandlers(state_->handlers);
+}
+
+CompanionApp::~CompanionApp() {
+    releaseParked(*state_);
+}
+
+PortListener CompanionApp::listener() {
+    return [state = state_](std::shared_ptr<AppSocket> socket, const AppConnectionInfo&) {
+        runtime::spawnTask(state->executor, serveConnection(state, std::move(socket)));
+    };
+}
+
+AppHandlerTable& CompanionApp::handlers() {
+    return state_->handlers;
+}
+
+ControlReply CompanionApp::execute(const AppCommand& command) {
+    switch (command.verb) {
+        case AppVerb::push: {
+            Bytes body(command.text.begin(), command.text.end());
+            return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
+                return connection.engine->enqueuePush(command.code, body);
+            });
+        }
+        case AppVerb::fault:
+            return applyFault(*state_, command);
+        case AppVerb::inject: {
+            Bytes bytes = command.injection == AppInjection::unknownFlow ? unknownFlowFrame()
+                                                                         : badFrameHeader();
+            return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
+                return sendRaw(connection.socketTransport, bytes);
+            });
+        }
+        case AppVerb::received: {
+            ControlReply reply;
+            reply.lines.assign(state_->received.begin(), state_->received.end());
+            return reply;
+        }
+    }
+    return ControlReply{};
+}
+
+}  // namespace skiff::sim

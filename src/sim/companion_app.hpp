@@ -1,0 +1,40 @@
+#pragma once
+
+// The companion app on the simulated phone. A connection's first bytes pick what it
+// speaks: "PRTU" starts tunnel frames, answered through the handler table by a
+// TunnelEngine in the server role; "PING" or "BW:" start measurement lines. Anything
+// else is echoed back, so plain byte-stream checks may use the app's port as well.
+// Faults and pushes are switched from the control interface (sim/app_command.hpp).
+
+#include <asio.hpp>
+#include <cstdint>
+#include <memory>
+
+#include "sim/app_command.hpp"
+#include "sim/app_handlers.hpp"
+#include "sim/control_command.hpp"
+#include "sim/port_listener.hpp"
+#include "sim/reporter.hpp"
+
+namespace skiff::sim {
+
+inline constexpr std::uint16_t kCompanionAppPort = 33325;
+
+class CompanionApp {
+public:
+    CompanionApp(asio::any_io_executor executor, Reporter report);
+    ~CompanionApp();
+    CompanionApp(const CompanionApp&) = delete;
+    CompanionApp& operator=(const CompanionApp&) = delete;
+
+    PortListener listener();
+    AppHandlerTable& handlers();
+    ControlReply execute(const AppCommand& command);
+
+    struct State;
+
+private:
+    std::shared_ptr<State> state_;
+};
+
+}  // namespace skiff::sim
