@@ -1,0 +1,189 @@
+// skiffctl: talks to skiffd on the session bus, for people and scripts.
+
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "ctl/commands.hpp"
+#include "ctl/ctl_session.hpp"
+
+namespace {
+
+using skiff::ctl::CtlSession;
+
+const std::map<std::string, std::int64_t> kRoles = {
+    {"fileprovider", 0}, {"desktop", 1}, {"usbmux", 2}};
+
+// Signals that end `watch` are taken from the pending set instead of killing the process,
+// so they must be blocked before the bus thread starts.
+void holdStopSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"skiffctl: use skiffd, the Skiff service, from the command line"};
+    app.require_subcommand(1);
+
+    std::string role = "desktop";
+    double timeoutSeconds = 120;
+    std::string bus;
+    skiff::ctl::Output out;
+    app.add_option("--role", role,
+                   "Register as the desktop app or the file provider before the command, or not "
+                   "at all")
+        ->check(CLI::IsMember({"desktop", "fileprovider", "none"}))
+        ->capture_default_str();
+    app.add_option("--timeout", timeoutSeconds, "Seconds to wait for each call to the service")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--bus", bus, "D-Bus address to use instead of the session bus");
+    app.add_flag("--json", out.json, "Print results as JSON");
+
+    auto* version = app.add_subcommand("version", "Print the service's build number");
+
+    std::string pingRole = "desktop";
+    auto* ping = app.add_subcommand(
+        "ping", "Ask the service whether a client of a role answers (yes at once for your own)");
+    ping->add_option("role", pingRole, "fileprovider, desktop, usbmux or a raw role number")
+        ->capture_default_str();
+
+    std::uint64_t echoCount = 1;
+    auto* echo = app.add_subcommand("echo", "Time empty round trips to the service");
+    echo->add_option("--count", echoCount, "How many round trips")->capture_default_str();
+
+    auto* speedtest =
+        app.add_subcommand("speedtest", "Measure latency and bandwidth to the phone's app");
+
+    std::string identifier;
+    std::string source = "fsGetAttributes";
+    auto* lookup = app.add_subcommand("lookup", "Look up an item on the phone");
+    lookup->add_option("identifier", identifier, "Path of the item in the app's storage")
+        ->required();
+    lookup
+        ->add_option("--source", source,
+                     "fsGetAttributes, fsLookupByName, fsSetAttributesRefresh or "
+                     "fsSetAttributesAfterTruncate")
+        ->capture_default_str();
+
+    std::int64_t selector = 0;
+    std::optional<std::string> bodyPath;
+    std::optional<std::string> outputPath;
+    auto* relay = app.add_subcommand("relay", "Send one relay request to the phone's app");
+    relay->add_option("selector", selector, "The request code (0-65535)")
+        ->required()
+        ->check(CLI::Range(0, 65535));
+    relay->add_option("--body", bodyPath, "File holding the request body, - for standard input");
+    relay->add_option("--output", outputPath, "Write the raw response body to this file");
+
+    std::uint64_t watchCount = 0;
+    auto* watch =
+        app.add_subcommand("watch", "Print each notification as one JSON line until interrupted");
+    watch->add_option("--count", watchCount, "Stop after this many notifications");
+
+    std::uint64_t ingestBytes = 0;
+    auto* ingest = app.add_subcommand("ingest", "Send bytes to the service and time it");
+    ingest->add_option("bytes", ingestBytes, "How many bytes (suffixes K, M, G allowed)")
+        ->required()
+        ->transform(CLI::AsSizeValue(false));
+
+    std::uint64_t chunkSize = 0;
+    std::uint64_t chunkCount = 0;
+    auto addChunks = [&](CLI::App* command) {
+        command->add_option("chunk", chunkSize, "Bytes per chunk (suffixes K, M, G allowed)")
+            ->required()
+            ->transform(CLI::AsSizeValue(false));
+        command->add_option("count", chunkCount, "How many chunks")->required();
+    };
+    auto* hostToExt =
+        app.add_subcommand("host-to-ext", "Time the service sending chunks to the file provider");
+    addChunks(hostToExt);
+    auto* extToHost =
+        app.add_subcommand("ext-to-host", "Time the file provider sending chunks to the service");
+    addChunks(extToHost);
+
+    std::int64_t pingValue = 0;
+    auto* extToHostPing = app.add_subcommand(
+        "ext-to-host-ping",
+        "Time the file provider's ping of the service; VALUE is the role it pings (0: the "
+        "service answers at once)");
+    extToHostPing->add_option("value", pingValue, "Role the file provider pings")->required();
+
+    CLI11_PARSE(app, argc, argv);
+
+    std::int64_t pingTarget = 0;
+    if (ping->parsed()) {
+        if (auto it = kRoles.find(pingRole); it != kRoles.end()) {
+            pingTarget = it->second;
+        } else {
+            try {
+                pingTarget = std::stoll(pingRole);
+            } catch (const std::exception&) {
+                std::cerr << "skiffctl: unknown role \"" << pingRole << "\"" << std::endl;
+                return skiff::ctl::kExitFailed;
+            }
+        }
+    }
+    if (watch->parsed()) {
+        holdStopSignals();
+    }
+
+    try {
+        CtlSession session(
+            bus, std::chrono::milliseconds(static_cast<std::int64_t>(timeoutSeconds * 1000)));
+        if (role != "none" && !session.client().registerClient(kRoles.at(role))) {
+            std::cerr << "skiffctl: the service refused to register this client as " << role
+                      << std::endl;
+            return skiff::ctl::kExitUnreachable;
+        }
+        if (version->parsed()) {
+            return runVersion(session, out);
+        }
+        if (ping->parsed()) {
+            return runPing(session, out, pingTarget);
+        }
+        if (echo->parsed()) {
+            return runEcho(session, out, echoCount);
+        }
+        if (speedtest->parsed()) {
+            return runSpeedTest(session, out);
+        }
+        if (lookup->parsed()) {
+            return runLookup(session, out, identifier, source);
+        }
+        if (relay->parsed()) {
+            return runRelay(session, out, selector, bodyPath, outputPath);
+        }
+        if (watch->parsed()) {
+            return runWatch(session, watchCount);
+        }
+        if (ingest->parsed()) {
+            return runIngest(session, out, ingestBytes);
+        }
+        if (hostToExt->parsed()) {
+            return runHostToExt(session, out, chunkSize, chunkCount);
+        }
+        if (extToHost->parsed()) {
+            return runExtToHost(session, out, chunkSize, chunkCount);
+        }
+        if (extToHostPing->parsed()) {
+            return runExtToHostPing(session, out, pingValue);
+        }
+    } catch (const skiff::service::dbus::BusError& e) {
+        std::cerr << "skiffctl: " << e.name() << ": " << e.message() << std::endl;
+        return skiff::ctl::kExitUnreachable;
+    }
+    return skiff::ctl::kExitFailed;
+}

@@ -1,0 +1,43 @@
+#include "ctl/notification_line.hpp"
+
+#include "common/base64.hpp"
+#include "service/bridge_messages.hpp"
+
+namespace skiff::ctl {
+
+std::string_view notificationName(std::int64_t message) {
+    using service::BridgeNotifyMessage;
+    const auto known = service::notifyMessageFromRaw(message);
+    if (!known) {
+        return "unknown";
+    }
+    switch (*known) {
+        case BridgeNotifyMessage::bridgeStateChanged:
+            return "bridgeStateChanged";
+        case BridgeNotifyMessage::fileIOProgress:
+            return "fileIOProgress";
+        case BridgeNotifyMessage::mountControl:
+            return "mountControl";
+        case BridgeNotifyMessage::itemMutation:
+            return "itemMutation";
+    }
+    return "unknown";
+}
+
+json::Json embeddedBody(const Bytes& body) {
+    if (auto document = json::parse(body)) {
+        return std::move(*document);
+    }
+    return base64::encode(body);
+}
+
+std::string notificationLine(std::int64_t message, const Bytes& param) {
+    json::Json line = json::Json::object();
+    line["message"] = message;
+    line["name"] = std::string(notificationName(message));
+    line["payload"] = embeddedBody(param);
+    // Replacement keeps the line printable even when a payload string is not UTF-8.
+    return line.dump(-1, ' ', false, json::Json::error_handler_t::replace);
+}
+
+}  // namespace skiff::ctl
