@@ -1,0 +1,238 @@
+#include "relay/tunnel_relay_bridge.hpp"
+
+#include <exception>
+#include <string>
+#include <utility>
+
+#include "common/log.hpp"
+#include "relay/relay_schema.hpp"
+#include "service/bridge_messages.hpp"
+#include "tunnel/tunnel_errors.hpp"
+#include "tunnel/tunnel_frame.hpp"
+
+namespace skiff::relay {
+
+using tunnel::TunnelEngineError;
+
+namespace {
+constexpr auto raw(UsbMuxRelayError e) {
+    return static_cast<std::int64_t>(e);
+}
+}  // namespace
+
+TunnelRelayBridge::TunnelRelayBridge(asio::any_io_executor executor,
+                                     std::shared_ptr<tunnel::TunnelEngine> engine,
+                                     std::shared_ptr<TunnelOpener> opener, PushTargets targets)
+    : Actor(executor),
+      engine_(std::move(engine)),
+      opener_(std::move(opener)),
+      targets_(std::move(targets)),
+      executor_(std::move(executor)) {}
+
+asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
+                                                       Bytes payload) {
+    co_return co_await isolated(doRelay(port, code, std::move(payload)));
+}
+
+asio::awaitable<void> TunnelRelayBridge::unbindAfterFailure(RelayOutcome outcome) {
+    co_await isolated(doUnbindAfterFailure(std::move(outcome)));
+}
+
+asio::awaitable<void> TunnelRelayBridge::dropBinding() {
+    co_await isolated(doDropBinding());
+}
+
+asio::awaitable<void> TunnelRelayBridge::beginExclusiveUse(std::uint16_t port) {
+    co_await isolated(doBeginExclusiveUse(port));
+}
+
+asio::awaitable<void> TunnelRelayBridge::endExclusiveUse(std::uint16_t port) {
+    co_await isolated(doEndExclusiveUse(port));
+}
+
+asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code, Bytes payload) {
+    if (payload.size() > tunnel::maxFramePayload) {
+        co_return RelayReply{{}, raw(UsbMuxRelayError::payloadTooLarge), 0};
+    }
+    RelayOutcome outcome = co_await relay(kRelayPort, code, std::move(payload));
+    if (outcome.response) {
+        touchContact();
+        // Answer codes the service does not know read as a plain I/O error.
+        const std::int64_t status = outcome.response->code > 9
+                                        ? static_cast<std::int64_t>(RelayDeviceStatus::ioError)
+                                        : outcome.response->code;
+        if (status == 0) {
+            co_return RelayReply{std::move(outcome.response->payload), raw(UsbMuxRelayError::ok),
+                                 0};
+        }
+        co_return RelayReply{std::move(outcome.response->payload),
+                             raw(UsbMuxRelayError::deviceStatus), status};
+    }
+    const std::int64_t status = outcome.failureStatus;
+    co_await unbindAfterFailure(std::move(outcome));
+    co_return RelayReply{{}, status, 0};
+}
+
+std::optional<TunnelRelayBridge::Clock::time_point> TunnelRelayBridge::lastIOSContact() const {
+    std::lock_guard guard(contactLock_);
+    return lastIOSContact_;
+}
+
+void TunnelRelayBridge::touchContact() {
+    std::lock_guard guard(contactLock_);
+    lastIOSContact_ = Clock::now();
+}
+
+asio::awaitable<RelayOutcome> TunnelRelayBridge::doRelay(std::uint16_t port, std::uint16_t code,
+                                                         Bytes payload) {
+    RelayOutcome outcome;
+    const auto binding = co_await ensureBinding(port);
+    if (!binding) {
+        outcome.failureStatus = raw(UsbMuxRelayError::notConnected);
+        co_return outcome;
+    }
+    outcome.binding = *binding;
+    try {
+        outcome.response = co_await engine_->request(code, std::move(payload));
+    } catch (const TunnelEngineError& e) {
+        outcome.failureStatus = e.errorCase() == TunnelEngineError::Case::notBound
+                                    ? raw(UsbMuxRelayError::notConnected)
+                                    : raw(UsbMuxRelayError::transportFailed);
+    } catch (const std::exception&) {
+        outcome.failureStatus = raw(UsbMuxRelayError::transportFailed);
+    }
+    co_return outcome;
+}
+
+asio::awaitable<void> TunnelRelayBridge::doUnbindAfterFailure(RelayOutcome outcome) {
+    // A binding made after the failure is healthy; leave it.
+    if (outcome.binding != binding_) {
+        co_return;
+    }
+    co_await unbindAndClose();
+}
+
+asio::awaitable<void> TunnelRelayBridge::doDropBinding() {
+    // Named: GCC 12 destroys class temporaries inside a co_await twice.
+    const TunnelEngineError gone(TunnelEngineError::Case::disconnected);
+    co_await engine_->failAllPending(gone);
+    co_await unbindAndClose();
+}
+
+asio::awaitable<void> TunnelRelayBridge::doBeginExclusiveUse(std::uint16_t port) {
+    while (opening_ || exclusive_) {
+        co_await waitForGate();
+    }
+    exclusive_ = true;
+    co_await unbindAndClose();
+    co_await opener_->invalidate(port);
+}
+
+asio::awaitable<void> TunnelRelayBridge::doEndExclusiveUse(std::uint16_t port) {
+    co_await opener_->invalidate(port);
+    exclusive_ = false;
+    openGate();
+}
+
+asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(std::uint16_t port) {
+    const std::string key = "relay:" + std::to_string(port);
+    for (;;) {
+        while (opening_ || exclusive_) {
+            co_await waitForGate();
+        }
+        const auto current = co_await engine_->tunnelKey();
+        if (opening_ || exclusive_) {
+            continue;  // someone took the tunnel while we looked
+        }
+        if (current == key) {
+            co_return binding_;
+        }
+        opening_ = true;
+        std::shared_ptr<tunnel::TunnelTransport> transport;
+        try {
+            // Whatever was bound before is dead or for another key: drop it first, since
+            // closing it later would invalidate the fresh tunnel under the same key.
+            co_await unbindAndClose();
+            transport = co_await opener_->open(port);
+            if (transport) {
+                co_await engine_->unbind();
+                tunnel::TunnelBinding binding;
+                binding.transport = transport;
+                binding.role = tunnel::TunnelEndpointRole::client;
+                binding.tunnelKey = key;
+                binding.notifyHandler = [weak = weak_from_this()](std::uint16_t code, Bytes body) {
+                    if (auto self = weak.lock()) {
+                        self->handlePush(code, std::move(body));
+                    }
+                };
+                co_await engine_->bind(std::move(binding));
+                transport_ = transport;
+                ++binding_;
+            }
+        } catch (const std::exception& e) {
+            log::xpc().error("relay tunnel bind failed: %{public}s", e.what());
+            transport = nullptr;
+        }
+        opening_ = false;
+        openGate();
+        if (!transport) {
+            co_return std::nullopt;
+        }
+        co_return binding_;
+    }
+}
+
+asio::awaitable<void> TunnelRelayBridge::waitForGate() {
+    runtime::OneShot<void> turn;
+    gateWaiters_.push_back(turn);
+    co_await turn.wait();
+}
+
+void TunnelRelayBridge::openGate() {
+    auto waiters = std::move(gateWaiters_);
+    gateWaiters_.clear();
+    for (auto& waiter : waiters) {
+        waiter.resume();
+    }
+}
+
+asio::awaitable<void> TunnelRelayBridge::unbindAndClose() {
+    co_await engine_->unbind();
+    if (auto transport = std::move(transport_)) {
+        transport_.reset();
+        co_await transport->close();
+    }
+}
+
+void TunnelRelayBridge::handlePush(std::uint16_t code, Bytes body) {
+    touchContact();
+    const auto message = service::notifyMessageFromRaw(code);
+    if (!message) {
+        return;
+    }
+    auto forward = [this](std::uint16_t c, Bytes b) {
+        if (targets_.forwardToExtension) {
+            targets_.forwardToExtension(c, std::move(b));
+        }
+    };
+    auto handOver = [this](const std::function<void(Bytes)>& handler, Bytes b) {
+        if (handler) {
+            asio::post(executor_, [handler, b = std::move(b)]() mutable { handler(std::move(b)); });
+        }
+    };
+    switch (*message) {
+        case service::BridgeNotifyMessage::bridgeStateChanged:
+        case service::BridgeNotifyMessage::fileIOProgress:
+            forward(code, std::move(body));
+            break;
+        case service::BridgeNotifyMessage::mountControl:
+            forward(code, body);
+            handOver(targets_.mountControl, std::move(body));
+            break;
+        case service::BridgeNotifyMessage::itemMutation:
+            handOver(targets_.itemMutation, std::move(body));
+            break;
+    }
+}
+
+}  // namespace skiff::relay

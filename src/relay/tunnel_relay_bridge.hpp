@@ -1,0 +1,112 @@
+#pragma once
+// Carries client requests through the shared TunnelEngine to the companion app and
+// dispatches the app's pushes. It owns the engine's binding: the tunnel is opened on
+// demand, and a failed tunnel is dropped (its transport closed) so that the next
+// request connects anew; nothing is repaired in place.
+//
+// The speed test shares the tunnel's key (first device, the app's port) but must never
+// share its connection: while a caller holds exclusive use, relays wait instead of
+// opening the tunnel.
+
+#include <asio.hpp>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/bytes.hpp"
+#include "common/runtime.hpp"
+#include "relay/tunnel_opener.hpp"
+#include "tunnel/tunnel_engine.hpp"
+
+namespace skiff::relay {
+
+inline constexpr std::uint16_t kRelayPort = 33325;
+
+// What a client receives: the data, a UsbMuxRelayError raw value and its detail.
+struct RelayReply {
+    Bytes data;
+    std::int64_t status = 0;
+    std::int64_t detail = 0;
+};
+
+// The response of the app, or the failure status 1 (not bound) or 3 (tunnel failed).
+struct RelayOutcome {
+    std::optional<tunnel::TunnelMessage> response;
+    std::int64_t failureStatus = 0;
+    std::uint64_t binding = 0;  // which binding carried the request
+};
+
+// Where pushes go besides the bridge itself.
+struct PushTargets {
+    // Sends (message, body) to the file-system extension, if it is registered.
+    std::function<void(std::int64_t, Bytes)> forwardToExtension;
+    // The phone-initiated mount and item handlers attach here; without them the body
+    // is dropped.
+    std::function<void(Bytes)> mountControl;
+    std::function<void(Bytes)> itemMutation;
+};
+
+class TunnelRelayBridge : public runtime::Actor,
+                          public std::enable_shared_from_this<TunnelRelayBridge> {
+public:
+    using Clock = std::chrono::system_clock;
+
+    TunnelRelayBridge(asio::any_io_executor executor, std::shared_ptr<tunnel::TunnelEngine> engine,
+                      std::shared_ptr<TunnelOpener> opener, PushTargets targets);
+
+    // Binds the engine to port when needed and sends one request.
+    asio::awaitable<RelayOutcome> relay(std::uint16_t port, std::uint16_t code, Bytes payload);
+    // Drops the binding that failed in outcome, unless another has replaced it already.
+    asio::awaitable<void> unbindAfterFailure(RelayOutcome outcome);
+
+    // A client's relay to the app's port, mapped to its reply.
+    asio::awaitable<RelayReply> relayForClient(std::uint16_t code, Bytes payload);
+
+    // The device went away: fail every waiting request and drop the tunnel.
+    asio::awaitable<void> dropBinding();
+
+    // Takes the tunnel to port away from the relay until endExclusiveUse: the binding is
+    // dropped and the native tunnel invalidated. Holders take turns.
+    asio::awaitable<void> beginExclusiveUse(std::uint16_t port);
+    // Invalidates the native tunnel again, so the next relay opens a fresh connection.
+    asio::awaitable<void> endExclusiveUse(std::uint16_t port);
+
+    std::optional<Clock::time_point> lastIOSContact() const;
+
+private:
+    asio::awaitable<RelayOutcome> doRelay(std::uint16_t port, std::uint16_t code, Bytes payload);
+    asio::awaitable<void> doUnbindAfterFailure(RelayOutcome outcome);
+    asio::awaitable<void> doDropBinding();
+    asio::awaitable<void> doBeginExclusiveUse(std::uint16_t port);
+    asio::awaitable<void> doEndExclusiveUse(std::uint16_t port);
+
+    // Returns the binding serving port, or nothing when the tunnel cannot be opened.
+    asio::awaitable<std::optional<std::uint64_t>> ensureBinding(std::uint16_t port);
+    asio::awaitable<void> waitForGate();
+    void openGate();
+    asio::awaitable<void> unbindAndClose();
+    void handlePush(std::uint16_t code, Bytes body);
+    void touchContact();
+
+    std::shared_ptr<tunnel::TunnelEngine> engine_;
+    std::shared_ptr<TunnelOpener> opener_;
+    PushTargets targets_;
+    asio::any_io_executor executor_;
+
+    // Strand state.
+    std::shared_ptr<tunnel::TunnelTransport> transport_;
+    std::uint64_t binding_ = 0;
+    bool opening_ = false;
+    bool exclusive_ = false;
+    std::vector<runtime::OneShot<void>> gateWaiters_;
+
+    mutable std::mutex contactLock_;
+    std::optional<Clock::time_point> lastIOSContact_;
+};
+
+}  // namespace skiff::relay

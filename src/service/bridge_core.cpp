@@ -1,0 +1,174 @@
+#include "service/bridge_core.hpp"
+
+#include <utility>
+
+#include "common/log.hpp"
+#include "common/runtime.hpp"
+
+namespace skiff::service {
+
+namespace {
+constexpr std::int64_t kFileProvider =
+    static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
+constexpr std::int64_t kDesktopApp = static_cast<std::int64_t>(HarborBridgeClientRole::desktopApp);
+constexpr std::int64_t kUsbMux = static_cast<std::int64_t>(HarborBridgeClientRole::usbMux);
+constexpr std::int32_t kDeviceRemoved = 2;
+}  // namespace
+
+BridgeCore::BridgeCore(BridgeCollaborators collaborators)
+    : collaborators_(std::move(collaborators)),
+      mainActor_(asio::make_strand(collaborators_.executor)) {}
+
+void BridgeCore::bootstrapUsbMuxIfNeeded() {
+    {
+        Lock guard(lock_);
+        if (usbMuxBootstrapped_) {
+            return;
+        }
+        // Never cleared, so a failed start is not retried in the life of the process.
+        usbMuxBootstrapped_ = true;
+    }
+    log::xpc().info("bootstrapping UsbMuxService");
+    runtime::spawnTask(collaborators_.executor, startUsbMux());
+}
+
+asio::awaitable<void> BridgeCore::startUsbMux() {
+    auto usbMux = collaborators_.usbMux;
+    if (!usbMux) {
+        log::xpc().error("UsbMuxService start failed: %{public}s", "no USB layer in this build");
+        co_return;
+    }
+    std::weak_ptr<BridgeCore> weak = weak_from_this();
+    UsbMuxLink::DeviceEventHandler handler = [weak](std::int32_t type, const std::string& udid) {
+        if (auto self = weak.lock()) {
+            self->handleUsbDeviceEvent(type, udid);
+        }
+    };
+    co_await usbMux->setDeviceEventHandler(std::move(handler));
+    try {
+        co_await usbMux->start();
+        log::xpc().info("UsbMuxService started");
+    } catch (const std::exception& e) {
+        log::xpc().error("UsbMuxService start failed: %{public}s", e.what());
+    }
+}
+
+void BridgeCore::addPending(const HarborBridgeHostProtocol* host,
+                            std::shared_ptr<ClientConnection> connection) {
+    Lock guard(lock_);
+    pendingByHost_[host] = std::move(connection);
+}
+
+bool BridgeCore::registerClient(const HarborBridgeHostProtocol* host, std::int64_t role) {
+    if (!clientRoleFromRaw(role)) {
+        return false;
+    }
+    Lock guard(lock_);
+    std::shared_ptr<ClientConnection> connection;
+    if (auto pending = pendingByHost_.find(host); pending != pendingByHost_.end()) {
+        connection = std::move(pending->second);
+        pendingByHost_.erase(pending);
+    } else {
+        // Registering again: find the caller's connection under its current role.
+        auto entry = byRole_.begin();
+        while (entry != byRole_.end() && entry->second->exportedObject() != host) {
+            ++entry;
+        }
+        if (entry == byRole_.end()) {
+            return false;
+        }
+        connection = entry->second;
+        if (entry->first != role) {
+            byRole_.erase(entry);
+        }
+    }
+    // An earlier connection of this role is dropped from the registry without being told.
+    byRole_[role] = std::move(connection);
+    if (role == kDesktopApp) {
+        log::xpc().info("desktop app registered");
+    } else if (role == kFileProvider) {
+        log::xpc().info("file provider registered");
+    }
+    broadcastBridgeState(kFileProvider, guard);
+    broadcastBridgeState(kUsbMux, guard);
+    return true;
+}
+
+void BridgeCore::removeConnection(const std::shared_ptr<ClientConnection>& connection) {
+    Lock guard(lock_);
+    for (auto it = pendingByHost_.begin(); it != pendingByHost_.end(); ++it) {
+        if (it->second == connection) {
+            pendingByHost_.erase(it);
+            break;
+        }
+    }
+    // Only these two roles leave on invalidation; a usbMux registration stays on purpose.
+    for (std::int64_t role : {kFileProvider, kDesktopApp}) {
+        auto entry = byRole_.find(role);
+        if (entry == byRole_.end() || entry->second != connection) {
+            continue;
+        }
+        byRole_.erase(entry);
+        log::xpc().info(role == kFileProvider ? "file provider disconnected"
+                                              : "desktop app disconnected");
+        broadcastBridgeState(role, guard);
+    }
+}
+
+std::optional<std::int64_t> BridgeCore::roleOfHost(const HarborBridgeHostProtocol* host) const {
+    Lock guard(lock_);
+    for (const auto& [role, connection] : byRole_) {
+        if (connection->exportedObject() == host) {
+            return role;
+        }
+    }
+    return std::nullopt;
+}
+
+std::shared_ptr<HarborBridgeClientProtocol> BridgeCore::clientProxy(std::int64_t role) const {
+    std::shared_ptr<ClientConnection> connection;
+    {
+        Lock guard(lock_);
+        auto entry = byRole_.find(role);
+        if (entry == byRole_.end()) {
+            return nullptr;
+        }
+        connection = entry->second;
+    }
+    // Asked outside the lock: the adapter may take locks of its own.
+    return connection->remoteObjectProxy([role](const std::string& error) {
+        log::xpc().error("client proxy error (%{public}ld): %{public}s", static_cast<long>(role),
+                         error.c_str());
+    });
+}
+
+std::optional<std::string> BridgeCore::usbMuxConnection() const {
+    Lock guard(lock_);
+    return usbMuxConnection_;
+}
+
+void BridgeCore::handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid) {
+    log::xpc().info("usb device event type=%{public}d udid=%{public}s", eventType, udid.c_str());
+    Lock guard(lock_);
+    if (eventType == kDeviceRemoved) {
+        usbMuxConnection_.reset();
+        runtime::spawnTask(collaborators_.executor, afterDeviceRemoved());
+    } else {
+        usbMuxConnection_ = udid;
+        if (auto connected = collaborators_.probe.usbDidConnect) {
+            asio::post(collaborators_.executor, std::move(connected));
+        }
+    }
+    broadcastBridgeState(kUsbMux, guard);
+}
+
+asio::awaitable<void> BridgeCore::afterDeviceRemoved() {
+    if (auto bridge = collaborators_.relayBridge) {
+        co_await bridge->dropBinding();
+    }
+    if (collaborators_.probe.usbDidDisconnect) {
+        collaborators_.probe.usbDidDisconnect();
+    }
+}
+
+}  // namespace skiff::service

@@ -1,0 +1,89 @@
+#pragma once
+// The service's registry of client connections: which accepted connection is still
+// pending, which one serves each role, and which phone is attached. It starts the USB
+// layer once, takes its device events, and tells clients when the extension or the
+// phone comes or goes.
+//
+// One lock guards every field and is held only for short reads and writes, never across
+// a call into a client or the bus adapter.
+
+#include <asio.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "common/bytes.hpp"
+#include "relay/tunnel_relay_bridge.hpp"
+#include "service/bridge_messages.hpp"
+#include "service/bridge_protocols.hpp"
+#include "service/usbmux_link.hpp"
+
+namespace skiff::service {
+
+// The relay probe's view of the USB link; it attaches here once it exists.
+struct RelayProbeHooks {
+    std::function<void()> usbDidConnect;
+    std::function<void()> usbDidDisconnect;
+};
+
+struct BridgeCollaborators {
+    asio::any_io_executor executor;                         // where tasks run
+    std::shared_ptr<UsbMuxLink> usbMux;                     // may be null: no USB layer
+    std::shared_ptr<relay::TunnelRelayBridge> relayBridge;  // may be null in tests
+    RelayProbeHooks probe;
+};
+
+class BridgeCore : public std::enable_shared_from_this<BridgeCore> {
+public:
+    explicit BridgeCore(BridgeCollaborators collaborators);
+
+    // The process's instance, wired to the real USB layer and relay bridge.
+    static BridgeCore& shared();
+
+    // Begins the USB layer's start once per process; a failed start is not retried.
+    void bootstrapUsbMuxIfNeeded();
+
+    // Records a just-accepted connection until its client says who it is.
+    void addPending(const HarborBridgeHostProtocol* host,
+                    std::shared_ptr<ClientConnection> connection);
+    bool registerClient(const HarborBridgeHostProtocol* host, std::int64_t role);
+    void removeConnection(const std::shared_ptr<ClientConnection>& connection);
+
+    std::optional<std::int64_t> roleOfHost(const HarborBridgeHostProtocol* host) const;
+    std::shared_ptr<HarborBridgeClientProtocol> clientProxy(std::int64_t role) const;
+    std::optional<std::string> usbMuxConnection() const;
+
+    void handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid);
+
+    // One-way notification to the client of role; dropped when there is none.
+    void notifyRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const;
+
+    const asio::any_io_executor& executor() const { return collaborators_.executor; }
+    const std::shared_ptr<relay::TunnelRelayBridge>& relayBridge() const {
+        return collaborators_.relayBridge;
+    }
+    const std::shared_ptr<UsbMuxLink>& usbMux() const { return collaborators_.usbMux; }
+
+private:
+    using Lock = std::lock_guard<std::mutex>;
+
+    void broadcastBridgeState(std::int64_t source, const Lock&);
+    void postStateNotification(std::int64_t target, std::int64_t source, bool connected);
+    asio::awaitable<void> startUsbMux();
+    asio::awaitable<void> afterDeviceRemoved();
+
+    BridgeCollaborators collaborators_;
+    asio::strand<asio::any_io_executor> mainActor_;
+
+    mutable std::mutex lock_;
+    std::map<const HarborBridgeHostProtocol*, std::shared_ptr<ClientConnection>> pendingByHost_;
+    std::map<std::int64_t, std::shared_ptr<ClientConnection>> byRole_;
+    bool usbMuxBootstrapped_ = false;
+    std::optional<std::string> usbMuxConnection_;
+};
+
+}  // namespace skiff::service

@@ -1,0 +1,44 @@
+#pragma once
+// Client roles and message codes shared by the registry, the notifications and the
+// phone's pushes. Both travel as plain integers.
+
+#include <cstdint>
+#include <optional>
+
+namespace skiff::service {
+
+enum class HarborBridgeClientRole : std::int64_t {
+    fileProvider = 0,
+    desktopApp = 1,
+    usbMux = 2,
+};
+
+inline std::optional<HarborBridgeClientRole> clientRoleFromRaw(std::int64_t raw) {
+    if (raw < 0 || raw > 2) {
+        return std::nullopt;
+    }
+    return static_cast<HarborBridgeClientRole>(raw);
+}
+
+// 1 is deliberately no message: the numbering has a gap there that clients and the
+// companion app rely on.
+enum class BridgeNotifyMessage : std::int64_t {
+    bridgeStateChanged = 0,
+    fileIOProgress = 2,
+    mountControl = 3,
+    itemMutation = 4,
+};
+
+inline std::optional<BridgeNotifyMessage> notifyMessageFromRaw(std::int64_t raw) {
+    switch (raw) {
+        case 0:
+        case 2:
+        case 3:
+        case 4:
+            return static_cast<BridgeNotifyMessage>(raw);
+        default:
+            return std::nullopt;
+    }
+}
+
+}  // namespace skiff::service

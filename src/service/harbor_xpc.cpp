@@ -1,0 +1,238 @@
+#include "service/harbor_xpc.hpp"
+
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "common/check.hpp"
+#include "common/runtime.hpp"
+#include "common/version.hpp"
+#include "relay/relay_schema.hpp"
+#include "tunnel/tunnel_frame.hpp"
+
+namespace skiff::service {
+
+namespace {
+
+using relay::UsbMuxRelayError;
+using RelayReplyFn = std::function<void(Bytes, std::int64_t, std::int64_t)>;
+
+constexpr auto kFileProvider = static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
+constexpr auto kDesktopApp = static_cast<std::int64_t>(HarborBridgeClientRole::desktopApp);
+
+constexpr std::int64_t status(UsbMuxRelayError e) {
+    return static_cast<std::int64_t>(e);
+}
+
+double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string rateText(double mib, double mbit) {
+    char text[96];
+    std::snprintf(text, sizeof text, "%.2f MiB/s (%.1f Mbit/s)", mib, mbit);
+    return text;
+}
+
+// Sends the host-to-extension chunks one at a time, each from within the previous reply.
+struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
+    std::shared_ptr<HarborBridgeClientProtocol> extension;
+    Bytes chunk;
+    std::uint64_t chunkCount = 0;
+    std::uint64_t sent = 0;
+    std::chrono::steady_clock::time_point start;
+    std::function<void(double)> reply;
+
+    void sendNext() {
+        extension->benchmarkIngest(chunk, [self = shared_from_this()](std::uint64_t) {
+            if (++self->sent < self->chunkCount) {
+                self->sendNext();
+            } else {
+                self->reply(secondsSince(self->start));
+            }
+        });
+    }
+};
+
+asio::awaitable<void> speedTestTask(std::shared_ptr<BridgeCore> core,
+                                    std::function<void(bool, std::string)> reply) {
+    auto usbMux = core->usbMux();
+    auto bridge = core->relayBridge();
+    if (!usbMux) {
+        reply(false, "USB layer unavailable");
+        co_return;
+    }
+    // The round opens its own connection under the relay's tunnel key; the relay keeps
+    // off the tunnel until the round is over.
+    if (bridge) {
+        co_await bridge->beginExclusiveUse(kCompanionAppPort);
+    }
+    bool ok = false;
+    std::string text;
+    try {
+        text = speedTestReport(
+            co_await usbMux->runSpeedTestRound(kCompanionAppPort, kSpeedTestPayloadBytes));
+        ok = true;
+    } catch (const SpeedTestError& e) {
+        switch (e.kind()) {
+            case SpeedTestError::Kind::noDevices:
+                text = "No devices connected";
+                break;
+            case SpeedTestError::Kind::connectionFailed:
+                text = "Connection failed — ensure iPhone app is listening on port " +
+                       std::to_string(kCompanionAppPort);
+                break;
+            case SpeedTestError::Kind::other:
+                text = e.what();
+                break;
+        }
+    } catch (const std::exception& e) {
+        text = e.what();
+    }
+    if (bridge) {
+        co_await bridge->endExclusiveUse(kCompanionAppPort);
+    }
+    reply(ok, std::move(text));
+}
+
+asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t code, Bytes param,
+                                RelayReplyFn reply) {
+    // The phone may have gone since the entry looked.
+    if (!core->usbMuxConnection()) {
+        reply({}, status(UsbMuxRelayError::transportFailed), 0);
+        co_return;
+    }
+    auto bridge = core->relayBridge();
+    if (!bridge) {
+        reply({}, status(UsbMuxRelayError::notConnected), 0);
+        co_return;
+    }
+    auto result = co_await bridge->relayForClient(code, std::move(param));
+    reply(std::move(result.data), result.status, result.detail);
+}
+
+}  // namespace
+
+std::string speedTestReport(const SpeedTestMeasurement& round) {
+    char rtt[64];
+    std::snprintf(rtt, sizeof rtt, "%.2f ms", round.pingMs);
+    return "UDID: " + (round.deviceUDID.empty() ? std::string("unknown") : round.deviceUDID) +
+           "\nRTT: " + rtt +
+           "\nDownload: " + rateText(round.downloadMiBPerSecond, round.downloadMbitPerSecond) +
+           "\nUpload: " + rateText(round.uploadMiBPerSecond, round.uploadMbitPerSecond);
+}
+
+Harbor_XPC::Harbor_XPC(std::shared_ptr<BridgeCore> core) : core_(std::move(core)) {}
+
+void Harbor_XPC::registerClient(std::int64_t role, std::function<void(bool)> reply) {
+    reply(core_->registerClient(this, role));
+}
+
+void Harbor_XPC::getXPCServiceVersion(std::function<void(std::int64_t)> reply) {
+    reply(kBuildNumber);
+}
+
+void Harbor_XPC::echo(std::function<void()> reply) {
+    reply();
+}
+
+void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
+    const auto callerRole = core_->roleOfHost(this);
+    if (!callerRole) {
+        reply(false);
+        return;
+    }
+    if (*callerRole == value) {
+        reply(true);
+        return;
+    }
+    auto target = core_->clientProxy(value);
+    if (!target) {
+        reply(false);
+        return;
+    }
+    target->echo([reply = std::move(reply)] { reply(true); });
+}
+
+void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) {
+    reply(data.size());
+}
+
+void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                            std::function<void(double)> reply) {
+    auto extension = core_->clientProxy(kFileProvider);
+    if (!extension) {
+        reply(-1.0);
+        return;
+    }
+    auto sender = std::make_shared<ChunkSender>();
+    sender->extension = std::move(extension);
+    sender->chunk.assign(chunkSize, 0);
+    sender->chunkCount = chunkCount;
+    sender->start = std::chrono::steady_clock::now();
+    sender->reply = std::move(reply);
+    if (chunkCount == 0) {
+        sender->reply(secondsSince(sender->start));
+        return;
+    }
+    sender->sendNext();
+}
+
+void Harbor_XPC::requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
+    auto extension = core_->clientProxy(kFileProvider);
+    if (!extension) {
+        reply(-1.0);
+        return;
+    }
+    extension->runExtToHostPing(value, std::move(reply));
+}
+
+void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                            std::function<void(double)> reply) {
+    auto extension = core_->clientProxy(kFileProvider);
+    if (!extension) {
+        reply(-1.0);
+        return;
+    }
+    extension->benchmarkSendChunks(chunkSize, chunkCount, std::move(reply));
+}
+
+void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
+    runtime::spawnTask(core_->executor(), speedTestTask(core_, std::move(reply)));
+}
+
+void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn reply) {
+    const auto role = core_->roleOfHost(this);
+    if (role != kFileProvider && role != kDesktopApp) {
+        reply({}, status(UsbMuxRelayError::notConnected), 0);
+        return;
+    }
+    if (param.size() > tunnel::maxFramePayload) {
+        reply({}, status(UsbMuxRelayError::payloadTooLarge), 0);
+        return;
+    }
+    if (!core_->usbMuxConnection()) {
+        reply({}, status(UsbMuxRelayError::transportFailed), 0);
+        return;
+    }
+    // The selector is the request's frame code; a client outside that range is broken.
+    if (selector < 0 || selector > 0xFFFF) {
+        fatalError("relay selector outside the frame code range");
+    }
+    runtime::spawnTask(core_->executor(), relayTask(core_, static_cast<std::uint16_t>(selector),
+                                                    std::move(param), std::move(reply)));
+}
+
+void Harbor_XPC::requestFileIO(std::int64_t, Bytes, std::function<void(Bytes, std::int64_t)>) {
+    throw NotSupported("file transfers are not available in this build");
+}
+
+void Harbor_XPC::filesystemDidUnmount() {
+    throw NotSupported("the unmount notice is not available in this build");
+}
+
+void Harbor_XPC::shutdown(std::function<void(bool)>) {
+    throw NotSupported("shutdown is not available in this build");
+}
+
+}  // namespace skiff::service

@@ -1,0 +1,49 @@
+#pragma once
+// The host object of one client connection. It keeps no state of its own: its identity
+// is how the registry finds the caller's role, and everything else lives in the
+// registry and the parts it hands work to. Methods return at once; waiting work runs
+// in tasks that call the reply later.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "service/bridge_core.hpp"
+#include "service/bridge_protocols.hpp"
+
+namespace skiff::service {
+
+inline constexpr std::uint16_t kCompanionAppPort = 33325;
+inline constexpr std::uint64_t kSpeedTestPayloadBytes = 0x3000000;
+
+class Harbor_XPC : public HarborBridgeHostProtocol {
+public:
+    explicit Harbor_XPC(std::shared_ptr<BridgeCore> core);
+
+    void registerClient(std::int64_t role, std::function<void(bool)> reply) override;
+    void getXPCServiceVersion(std::function<void(std::int64_t)> reply) override;
+    void echo(std::function<void()> reply) override;
+    void ping(std::int64_t value, std::function<void(bool)> reply) override;
+    void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) override;
+    void requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                    std::function<void(double)> reply) override;
+    void requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) override;
+    void requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                    std::function<void(double)> reply) override;
+    void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) override;
+    void relayToUsbMux(std::int64_t selector, Bytes param,
+                       std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override;
+    void requestFileIO(std::int64_t operation, Bytes param,
+                       std::function<void(Bytes, std::int64_t)> reply) override;
+    void filesystemDidUnmount() override;
+    void shutdown(std::function<void(bool)> reply) override;
+
+private:
+    std::shared_ptr<BridgeCore> core_;
+};
+
+// The text a client is shown for one speed-test round.
+std::string speedTestReport(const SpeedTestMeasurement& round);
+
+}  // namespace skiff::service

@@ -1,0 +1,229 @@
+// Registry, notifications and start-up of the bridge core, through the delegate and the
+// host object as the bus adapter drives them.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "common/log.hpp"
+#include "service/bridge_core.hpp"
+#include "service/bridge_messages.hpp"
+#include "service/notification_payloads.hpp"
+#include "service/service_delegate.hpp"
+#include "service/service_fakes.hpp"
+#include "tunnel/tunnel_test_support.hpp"
+
+namespace skiff::service {
+namespace {
+
+using testing::FakeConnection;
+using testing::FakeUsbMux;
+using testing::Notification;
+using tunnel::testing::eventually;
+
+constexpr const char* kExtensionPresent = R"({"source":0,"connected":true})";
+constexpr const char* kExtensionGone = R"({"source":0,"connected":false})";
+constexpr const char* kPhonePresent = R"({"source":2,"connected":true})";
+constexpr const char* kPhoneGone = R"({"source":2,"connected":false})";
+
+class BridgeCoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        runtime.start();
+        BridgeCollaborators collaborators;
+        collaborators.executor = runtime.executor();
+        collaborators.usbMux = usbMux;
+        collaborators.probe.usbDidConnect = [this] { ++probeConnects; };
+        collaborators.probe.usbDidDisconnect = [this] { ++probeDisconnects; };
+        core = std::make_shared<BridgeCore>(collaborators);
+        delegate = std::make_shared<ServiceDelegate>(core);
+    }
+    void TearDown() override { runtime.stop(); }
+
+    std::shared_ptr<FakeConnection> connect() {
+        auto connection = std::make_shared<FakeConnection>();
+        EXPECT_TRUE(delegate->shouldAcceptNewConnection(connection));
+        return connection;
+    }
+
+    bool registerAs(FakeConnection& connection, HarborBridgeClientRole role) {
+        return registerRaw(connection, static_cast<std::int64_t>(role));
+    }
+    bool registerRaw(FakeConnection& connection, std::int64_t role) {
+        std::optional<bool> accepted;
+        connection.host().registerClient(role, [&](bool ok) { accepted = ok; });
+        return accepted.value();
+    }
+
+    std::optional<std::int64_t> roleOf(FakeConnection& connection) {
+        return core->roleOfHost(connection.exportedObject());
+    }
+
+    static bool receivedInOrder(const FakeConnection& connection,
+                                const std::vector<std::string>& bodies) {
+        return eventually([&] {
+            auto got = connection.client->received();
+            if (got.size() != bodies.size()) {
+                return false;
+            }
+            for (std::size_t i = 0; i < got.size(); ++i) {
+                if (got[i].message != 0 || got[i].body != bodies[i]) {
+                    return false;
+                }
+            }
+            return true;
+        });
+    }
+
+    runtime::IoRuntime runtime;
+    std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
+    std::shared_ptr<BridgeCore> core;
+    std::shared_ptr<ServiceDelegate> delegate;
+    std::atomic<int> probeConnects = 0;
+    std::atomic<int> probeDisconnects = 0;
+};
+
+TEST_F(BridgeCoreTest, LaterRegistrationReplacesEarlierOfSameRoleSilently) {
+    auto first = connect();
+    auto second = connect();
+    ASSERT_TRUE(registerAs(*first, HarborBridgeClientRole::desktopApp));
+    ASSERT_TRUE(registerAs(*second, HarborBridgeClientRole::desktopApp));
+
+    EXPECT_EQ(roleOf(*first), std::nullopt);
+    EXPECT_EQ(roleOf(*second), 1);
+    EXPECT_EQ(core->clientProxy(1), second->client);
+    // The replaced one is still served.
+    bool echoed = false;
+    first->host().echo([&] { echoed = true; });
+    EXPECT_TRUE(echoed);
+}
+
+TEST_F(BridgeCoreTest, RegisteringAgainKeepsOrMovesTheEntry) {
+    auto client = connect();
+    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::fileProvider));
+    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::fileProvider));
+    EXPECT_EQ(roleOf(*client), 0);
+
+    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::desktopApp));
+    EXPECT_EQ(roleOf(*client), 1);
+    EXPECT_EQ(core->clientProxy(0), nullptr);
+}
+
+TEST_F(BridgeCoreTest, UnknownCallersAndRolesAreRefused) {
+    auto client = connect();
+    EXPECT_FALSE(registerRaw(*client, 3));
+    EXPECT_FALSE(registerRaw(*client, -1));
+    EXPECT_EQ(roleOf(*client), std::nullopt);
+
+    // Once invalidated while pending, the connection is forgotten altogether.
+    client->invalidate();
+    EXPECT_FALSE(registerAs(*client, HarborBridgeClientRole::desktopApp));
+}
+
+TEST_F(BridgeCoreTest, InvalidationRemovesExtensionAndAppButNeverUsbMux) {
+    log::LogCapture logs;
+    auto extension = connect();
+    auto app = connect();
+    auto link = connect();
+    ASSERT_TRUE(registerAs(*extension, HarborBridgeClientRole::fileProvider));
+    ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
+    ASSERT_TRUE(registerAs(*link, HarborBridgeClientRole::usbMux));
+
+    extension->invalidate();
+    app->invalidate();
+    link->invalidate();
+
+    EXPECT_EQ(core->clientProxy(0), nullptr);
+    EXPECT_EQ(core->clientProxy(1), nullptr);
+    EXPECT_EQ(roleOf(*link), 2);
+    EXPECT_TRUE(logs.contains("accepted new connection"));
+    EXPECT_TRUE(logs.contains("connection invalidated"));
+    EXPECT_TRUE(logs.contains("file provider disconnected"));
+    EXPECT_TRUE(logs.contains("desktop app disconnected"));
+}
+
+TEST_F(BridgeCoreTest, RegistrationTellsClientsWhoIsThereAndDropsWhatNobodyCanTake) {
+    auto extension = connect();
+    ASSERT_TRUE(registerAs(*extension, HarborBridgeClientRole::fileProvider));
+    // No desktop app yet: only the extension hears about the phone.
+    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone}));
+
+    auto app = connect();
+    ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
+    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone}));
+    // Nothing from before its registration was kept for the app.
+    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone}));
+
+    extension->invalidate();
+    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kExtensionGone}));
+}
+
+TEST_F(BridgeCoreTest, DeviceEventsTrackThePhoneAndReachBothClients) {
+    auto extension = connect();
+    auto app = connect();
+    // One at a time: a notification is addressed when it is sent, not when it is queued.
+    ASSERT_TRUE(registerAs(*extension, HarborBridgeClientRole::fileProvider));
+    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone}));
+    ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
+    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone}));
+    ASSERT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone}));
+
+    core->handleUsbDeviceEvent(1, "00008101-ABC");
+    EXPECT_EQ(core->usbMuxConnection(), "00008101-ABC");
+    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kPhonePresent}));
+    EXPECT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone, kPhonePresent}));
+
+    core->handleUsbDeviceEvent(2, "00008101-ABC");
+    EXPECT_EQ(core->usbMuxConnection(), std::nullopt);
+    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kPhonePresent, kPhoneGone}));
+    EXPECT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone, kPhonePresent, kPhoneGone}));
+    EXPECT_TRUE(eventually([&] { return probeConnects == 1 && probeDisconnects == 1; }));
+}
+
+TEST_F(BridgeCoreTest, UsbLayerStartsOnceAndAFailedStartIsNotRetried) {
+    log::LogCapture logs;
+    usbMux->failStart = true;
+    core->bootstrapUsbMuxIfNeeded();
+    core->bootstrapUsbMuxIfNeeded();
+    ASSERT_TRUE(eventually([&] { return logs.contains("UsbMuxService start failed: "); }));
+    core->bootstrapUsbMuxIfNeeded();
+    EXPECT_EQ(usbMux->startCount(), 1);
+    EXPECT_TRUE(logs.contains("bootstrapping UsbMuxService"));
+
+    // The device handler was installed before the start, and it feeds the registry.
+    UsbMuxLink::DeviceEventHandler handler;
+    {
+        std::lock_guard guard(usbMux->mutex);
+        handler = usbMux->handler;
+    }
+    ASSERT_TRUE(handler);
+    handler(1, "PHONE");
+    EXPECT_EQ(core->usbMuxConnection(), "PHONE");
+}
+
+TEST(NotificationCodes, GapAndRangeYieldNoMessageAndTextsDecodeExactly) {
+    EXPECT_EQ(notifyMessageFromRaw(1), std::nullopt);
+    EXPECT_EQ(notifyMessageFromRaw(5), std::nullopt);
+    EXPECT_EQ(notifyMessageFromRaw(-1), std::nullopt);
+    EXPECT_EQ(notifyMessageFromRaw(3), BridgeNotifyMessage::mountControl);
+
+    auto bytes = [](std::string_view text) { return Bytes(text.begin(), text.end()); };
+    EXPECT_FALSE(json::decode<MountControlNotifyPayload>(bytes(R"({"action":"Mount"})")));
+    auto unmount = json::decode<MountControlNotifyPayload>(bytes(R"({"action":"unmount"})"));
+    ASSERT_TRUE(unmount);
+    EXPECT_EQ(unmount->action, MountControlNotifyPayload::Action::unmount);
+    EXPECT_FALSE(
+        json::decode<ItemMutationNotifyPayload>(bytes(R"({"kind":"moved","relayID":"x"})")));
+
+    FileIOProgressPayload progress{*Uuid::parse("6ba7b810-9dad-11d1-80b4-00c04fd430c8"), 5, 10, 50};
+    auto encoded = json::encode(progress);
+    ASSERT_TRUE(encoded);
+    EXPECT_EQ(std::string(encoded->begin(), encoded->end()),
+              R"({"sessionID":"6BA7B810-9DAD-11D1-80B4-00C04FD430C8","completedBytes":5,)"
+              R"("totalBytes":10,"percent":50})");
+}
+
+}  // namespace
+}  // namespace skiff::service

@@ -1,0 +1,227 @@
+// The host object's operations: caller checks and their order, measurements between
+// clients, the speed-test report and its hold on the relay's tunnel.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <tuple>
+
+#include "common/run_sync.hpp"
+#include "common/version.hpp"
+#include "relay/relay_fakes.hpp"
+#include "service/bridge_core.hpp"
+#include "service/harbor_xpc.hpp"
+#include "service/service_delegate.hpp"
+#include "service/service_fakes.hpp"
+
+namespace skiff::service {
+namespace {
+
+using testing::FakeConnection;
+using testing::FakeUsbMux;
+using tunnel::testing::eventually;
+using RelayResult = std::tuple<Bytes, std::int64_t, std::int64_t>;
+
+constexpr std::size_t kLimit = 5'242'880;
+
+class HarborXpcTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        runtime.start();
+        opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
+        auto engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
+        BridgeCollaborators collaborators;
+        collaborators.executor = runtime.executor();
+        collaborators.usbMux = usbMux;
+        collaborators.relayBridge = std::make_shared<relay::TunnelRelayBridge>(
+            runtime.executor(), engine, opener, relay::PushTargets{});
+        core = std::make_shared<BridgeCore>(collaborators);
+        delegate = std::make_shared<ServiceDelegate>(core);
+    }
+    void TearDown() override { runtime.stop(); }
+
+    std::shared_ptr<FakeConnection> client(std::optional<HarborBridgeClientRole> role) {
+        auto connection = std::make_shared<FakeConnection>();
+        delegate->shouldAcceptNewConnection(connection);
+        if (role) {
+            connection->host().registerClient(static_cast<std::int64_t>(*role),
+                                              [](bool ok) { EXPECT_TRUE(ok); });
+        }
+        return connection;
+    }
+
+    std::future<RelayResult> relay(FakeConnection& from, std::size_t size) {
+        auto promise = std::make_shared<std::promise<RelayResult>>();
+        from.host().relayToUsbMux(2, Bytes(size, 0x5A),
+                                  [promise](Bytes data, std::int64_t status, std::int64_t code) {
+                                      promise->set_value({std::move(data), status, code});
+                                  });
+        return promise->get_future();
+    }
+    static std::int64_t statusOf(std::future<RelayResult> reply) {
+        EXPECT_TRUE(skiff::testing::readyInTime(reply));
+        auto [data, status, code] = reply.get();
+        EXPECT_TRUE(data.empty());
+        EXPECT_EQ(code, 0);
+        return status;
+    }
+
+    std::future<std::pair<bool, std::string>> speedTest(FakeConnection& from) {
+        auto promise = std::make_shared<std::promise<std::pair<bool, std::string>>>();
+        from.host().runUsbMuxSpeedTest([promise](bool ok, std::string text) {
+            promise->set_value({ok, std::move(text)});
+        });
+        return promise->get_future();
+    }
+
+    runtime::IoRuntime runtime;
+    std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
+    std::shared_ptr<relay::testing::FakeOpener> opener;
+    std::shared_ptr<BridgeCore> core;
+    std::shared_ptr<ServiceDelegate> delegate;
+};
+
+TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
+    auto stranger = client(std::nullopt);
+    auto link = client(HarborBridgeClientRole::usbMux);
+    auto extension = client(HarborBridgeClientRole::fileProvider);
+
+    EXPECT_EQ(statusOf(relay(*stranger, kLimit + 1)), 1);
+    EXPECT_EQ(statusOf(relay(*link, kLimit + 1)), 1);
+    EXPECT_EQ(statusOf(relay(*extension, kLimit + 1)), 7);
+    EXPECT_EQ(statusOf(relay(*extension, kLimit)), 3);  // within the limit; no phone yet
+
+    core->handleUsbDeviceEvent(1, "PHONE");
+    auto reply = relay(*extension, kLimit);
+    EXPECT_EQ(opener->answer(0, 0, {1, 2, 3}).size(), kLimit);
+    ASSERT_TRUE(skiff::testing::readyInTime(reply));
+    EXPECT_EQ(std::get<0>(reply.get()), (Bytes{1, 2, 3}));
+}
+
+TEST_F(HarborXpcTest, PingReachesOtherRolesThroughTheirEcho) {
+    auto stranger = client(std::nullopt);
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    std::optional<bool> answer;
+    auto ping = [&](FakeConnection& from, HarborBridgeClientRole target) {
+        answer.reset();
+        from.host().ping(static_cast<std::int64_t>(target), [&](bool ok) { answer = ok; });
+        return answer;
+    };
+
+    EXPECT_EQ(ping(*stranger, HarborBridgeClientRole::desktopApp), false);
+    EXPECT_EQ(ping(*app, HarborBridgeClientRole::desktopApp), true);
+    EXPECT_EQ(ping(*app, HarborBridgeClientRole::fileProvider), false);
+    auto extension = client(HarborBridgeClientRole::fileProvider);
+    EXPECT_EQ(ping(*app, HarborBridgeClientRole::fileProvider), true);
+    EXPECT_EQ(extension->client->echoCount(), 1);
+    EXPECT_EQ(app->client->echoCount(), 0);
+}
+
+TEST_F(HarborXpcTest, ExtensionMeasurementsNeedTheExtension) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    std::vector<double> results;
+    auto keep = [&](double value) { results.push_back(value); };
+    app->host().requestHostToExtThroughput(8, 2, keep);
+    app->host().requestExtToHostPing(4, keep);
+    app->host().requestExtToHostThroughput(8, 2, keep);
+    EXPECT_EQ(results, (std::vector<double>{-1.0, -1.0, -1.0}));
+
+    client(HarborBridgeClientRole::fileProvider);
+    results.clear();
+    app->host().requestExtToHostPing(4, keep);
+    app->host().requestExtToHostThroughput(8, 2, keep);
+    EXPECT_EQ(results, (std::vector<double>{2.0, 16.0}));  // the extension's own answers
+}
+
+TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    auto extension = client(HarborBridgeClientRole::fileProvider);
+    auto& fake = *extension->client;
+    std::optional<double> elapsed;
+
+    app->host().requestHostToExtThroughput(16, 0, [&](double s) { elapsed = s; });
+    ASSERT_TRUE(elapsed);
+    EXPECT_GE(*elapsed, 0.0);
+    EXPECT_TRUE(fake.ingested.empty());
+
+    fake.holdIngest = true;
+    elapsed.reset();
+    app->host().requestHostToExtThroughput(16, 3, [&](double s) { elapsed = s; });
+    for (std::size_t sent = 1; sent <= 3; ++sent) {
+        ASSERT_EQ(fake.ingested.size(), sent);  // the next chunk waits for this reply
+        EXPECT_FALSE(elapsed);
+        auto release = std::exchange(fake.heldIngest, nullptr);
+        release();
+    }
+    EXPECT_TRUE(elapsed);
+    EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
+}
+
+TEST_F(HarborXpcTest, FixedAnswersAndOperationsNotOfferedYet) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    std::int64_t version = -1;
+    app->host().getXPCServiceVersion([&](std::int64_t v) { version = v; });
+    EXPECT_EQ(version, kBuildNumber);
+    std::uint64_t ingested = 0;
+    app->host().benchmarkIngest(Bytes(1000), [&](std::uint64_t n) { ingested = n; });
+    EXPECT_EQ(ingested, 1000u);
+
+    EXPECT_THROW(app->host().requestFileIO(0, {}, [](Bytes, std::int64_t) {}), NotSupported);
+    EXPECT_THROW(app->host().filesystemDidUnmount(), NotSupported);
+    EXPECT_THROW(app->host().shutdown([](bool) {}), NotSupported);
+}
+
+TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    usbMux->measurement = {"", 1.234, 100.0, 838.8608, 50.5, 423.6};
+    auto done = speedTest(*app);
+    ASSERT_TRUE(skiff::testing::readyInTime(done));
+    EXPECT_EQ(done.get(), std::make_pair(true, std::string("UDID: unknown\nRTT: 1.23 ms\n"
+                                                           "Download: 100.00 MiB/s (838.9 Mbit/s)\n"
+                                                           "Upload: 50.50 MiB/s (423.6 Mbit/s)")));
+    EXPECT_EQ(usbMux->rounds.back(),
+              std::make_pair(std::uint16_t{33325}, std::uint64_t{0x3000000}));
+
+    using Kind = SpeedTestError::Kind;
+    for (auto [kind, text] : {std::pair{Kind::noDevices, "No devices connected"},
+                              std::pair{Kind::connectionFailed,
+                                        "Connection failed — ensure iPhone app is listening on "
+                                        "port 33325"},
+                              std::pair{Kind::other, "upload failed"}}) {
+        usbMux->failure = SpeedTestError(kind, "upload failed");
+        auto failed = speedTest(*app);
+        ASSERT_TRUE(skiff::testing::readyInTime(failed));
+        EXPECT_EQ(failed.get(), std::make_pair(false, std::string(text)));
+    }
+}
+
+TEST_F(HarborXpcTest, SpeedTestKeepsTheRelayOffItsConnection) {
+    auto extension = client(HarborBridgeClientRole::fileProvider);
+    core->handleUsbDeviceEvent(1, "PHONE");
+    auto first = relay(*extension, 1);
+    opener->answer(0, 0, {});
+    ASSERT_EQ(statusOf(std::move(first)), 0);
+
+    runtime::OneShot<void> roundMayEnd;
+    std::promise<void> roundRunning;
+    usbMux->duringRound = [&]() -> asio::awaitable<void> {
+        roundRunning.set_value();
+        co_await roundMayEnd.wait();
+    };
+    auto done = speedTest(*extension);
+    auto running = roundRunning.get_future();
+    ASSERT_TRUE(skiff::testing::readyInTime(running));
+    auto during = relay(*extension, 1);
+    roundMayEnd.resume();
+    ASSERT_TRUE(skiff::testing::readyInTime(done));
+
+    opener->answer(1, 0, {});
+    EXPECT_EQ(statusOf(std::move(during)), 0);
+    EXPECT_EQ(opener->events(), (std::vector<std::string>{"open 33325", "invalidate 33325",
+                                                          "invalidate 33325", "open 33325"}));
+}
+
+}  // namespace
+}  // namespace skiff::service

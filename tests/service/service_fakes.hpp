@@ -1,0 +1,156 @@
+#pragma once
+// Plain fakes of the client side and the USB layer for the service core's tests.
+
+#include <asio.hpp>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "service/bridge_protocols.hpp"
+#include "service/usbmux_link.hpp"
+
+namespace skiff::service::testing {
+
+struct Notification {
+    std::int64_t message;
+    std::string body;
+};
+
+// A client that records what the service calls on it and answers at once.
+class FakeClient : public HarborBridgeClientProtocol {
+public:
+    void echo(std::function<void()> reply) override {
+        bump(echoes);
+        reply();
+    }
+    void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) override {
+        {
+            std::lock_guard guard(mutex);
+            ingested.push_back(data.size());
+        }
+        if (holdIngest) {
+            std::lock_guard guard(mutex);
+            heldIngest = [reply, n = data.size()] { reply(n); };
+            return;
+        }
+        reply(data.size());
+    }
+    void runExtToHostPing(std::int64_t value, std::function<void(double)> reply) override {
+        reply(static_cast<double>(value) / 2);
+    }
+    void benchmarkSendChunks(std::uint64_t size, std::uint64_t count,
+                             std::function<void(double)> reply) override {
+        reply(static_cast<double>(size * count));
+    }
+    void notifyClient(std::int64_t message, Bytes param) override {
+        std::lock_guard guard(mutex);
+        notifications.push_back({message, std::string(param.begin(), param.end())});
+    }
+
+    std::vector<Notification> received() const {
+        std::lock_guard guard(mutex);
+        return notifications;
+    }
+    int echoCount() const {
+        std::lock_guard guard(mutex);
+        return echoes;
+    }
+
+    mutable std::mutex mutex;
+    std::vector<Notification> notifications;
+    std::vector<std::size_t> ingested;
+    int echoes = 0;
+    bool holdIngest = false;
+    std::function<void()> heldIngest;
+
+private:
+    void bump(int& counter) {
+        std::lock_guard guard(mutex);
+        ++counter;
+    }
+};
+
+class FakeConnection : public ClientConnection {
+public:
+    std::shared_ptr<FakeClient> client = std::make_shared<FakeClient>();
+
+    void setExportedObject(std::shared_ptr<HarborBridgeHostProtocol> host) override {
+        host_ = std::move(host);
+    }
+    HarborBridgeHostProtocol* exportedObject() const override { return host_.get(); }
+    void setInvalidationHandler(std::function<void()> handler) override {
+        invalidation_ = std::move(handler);
+    }
+    std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
+        std::function<void(const std::string&)>) override {
+        return client;
+    }
+
+    HarborBridgeHostProtocol& host() { return *host_; }
+    void invalidate() {
+        auto handler = std::move(invalidation_);
+        invalidation_ = nullptr;
+        if (handler) {
+            handler();
+        }
+    }
+
+private:
+    std::shared_ptr<HarborBridgeHostProtocol> host_;
+    std::function<void()> invalidation_;
+};
+
+class FakeUsbMux : public UsbMuxLink {
+public:
+    asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler) override {
+        std::lock_guard guard(mutex);
+        this->handler = std::move(handler);
+        co_return;
+    }
+    asio::awaitable<void> start() override {
+        {
+            std::lock_guard guard(mutex);
+            ++starts;
+        }
+        if (failStart) {
+            throw std::runtime_error("manager did not start");
+        }
+        co_return;
+    }
+    asio::awaitable<SpeedTestMeasurement> runSpeedTestRound(std::uint16_t port,
+                                                            std::uint64_t bytes) override {
+        {
+            std::lock_guard guard(mutex);
+            rounds.emplace_back(port, bytes);
+        }
+        if (duringRound) {
+            co_await duringRound();
+        }
+        if (failure) {
+            throw *failure;
+        }
+        co_return measurement;
+    }
+
+    int startCount() {
+        std::lock_guard guard(mutex);
+        return starts;
+    }
+
+    std::mutex mutex;
+    DeviceEventHandler handler;
+    int starts = 0;
+    bool failStart = false;
+    std::vector<std::pair<std::uint16_t, std::uint64_t>> rounds;
+    SpeedTestMeasurement measurement;
+    std::optional<SpeedTestError> failure;
+    std::function<asio::awaitable<void>()> duringRound;
+};
+
+}  // namespace skiff::service::testing
