@@ -1,0 +1,146 @@
+#include <future>
+#include <mutex>
+#include <optional>
+
+#include "speedtest/speedtest_support.hpp"
+#include "tunnel/tunnel_engine.hpp"
+#include "tunnel/tunnel_errors.hpp"
+#include "tunnel/usbmux_tunnel_transport.hpp"
+
+namespace skiff::test {
+namespace {
+
+using tunnel::TunnelEngine;
+using tunnel::TunnelEngineError;
+using tunnel::TunnelMessage;
+
+Bytes bytesOf(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
+
+// An engine in the client role over a native tunnel to the app, as the service binds it.
+class FramedApp : public PhoneTest {
+protected:
+    void SetUp() override {
+        PhoneTest::SetUp();
+        startPhone({"phone-A"});
+        ASSERT_TRUE(usbmux_mgr_start());
+        bind();
+    }
+    void bind() {
+        ASSERT_TRUE(usbmux_tunnel_ensure(firstDeviceTunnel()));
+        transport_ = std::make_shared<tunnel::UsbMuxTunnelTransport>(firstDeviceTunnel());
+        engine_ = std::make_shared<TunnelEngine>(runtime_.executor());
+        tunnel::TunnelBinding binding;
+        binding.transport = transport_;
+        binding.tunnelKey = "phone-A:33325";
+        binding.notifyHandler = [this](std::uint16_t code, Bytes payload) {
+            std::lock_guard lock(mutex_);
+            pushes_.emplace_back(code, std::string(payload.begin(), payload.end()));
+            if (pushes_.size() == 1) {
+                firstPush_.set_value();
+            }
+        };
+        run(engine_->bind(std::move(binding)));
+    }
+    void TearDown() override {
+        run(engine_->unbind());
+        run(transport_->close());
+        PhoneTest::TearDown();
+    }
+
+    // A fresh tunnel after the old one was given up, as the relay does.
+    void rebind() {
+        run(engine_->unbind());
+        run(transport_->close());
+        bind();
+    }
+
+    TunnelMessage request(std::uint16_t code, const std::string& body = {}) {
+        return run(engine_->request(code, bytesOf(body)));
+    }
+    // The engine error that ends a request, or nothing when it was answered.
+    std::optional<TunnelEngineError::Case> requestFailure(std::uint16_t code) {
+        try {
+            request(code);
+        } catch (const TunnelEngineError& error) {
+            return error.errorCase();
+        }
+        return std::nullopt;
+    }
+
+    std::shared_ptr<tunnel::UsbMuxTunnelTransport> transport_;
+    std::shared_ptr<TunnelEngine> engine_;
+    std::mutex mutex_;
+    std::vector<std::pair<std::uint16_t, std::string>> pushes_;
+    std::promise<void> firstPush_;
+};
+
+TEST_F(FramedApp, AnswersKeepalivesAndUnknownCodesAndPushes) {
+    auto answer = request(0, "ignored");
+    EXPECT_EQ(answer.code, 0);
+    EXPECT_TRUE(answer.payload.empty());
+    EXPECT_NE(request(0x7777).code, 0);
+
+    EXPECT_EQ(control("push 3 {\"mount\": true}"), std::vector<std::string>{"1"});
+    auto pushed = firstPush_.get_future();
+    ASSERT_TRUE(skiff::testing::readyInTime(pushed));
+    std::lock_guard lock(mutex_);
+    EXPECT_EQ(pushes_.front(), (std::pair<std::uint16_t, std::string>{3, "{\"mount\": true}"}));
+}
+
+TEST_F(FramedApp, FaultSwitchesShapeTheAnswers) {
+    control("fault status 9");
+    EXPECT_EQ(request(0).code, 9);
+    control("fault status off");
+    control("fault delay 50");
+    EXPECT_EQ(request(0).code, 0);
+
+    // A silent app still reads the request; turning it back on answers it.
+    control("fault silent on");
+    auto pending = asio::co_spawn(runtime_.executor(), engine_->request(0, {}), asio::use_future);
+    EXPECT_EQ(pending.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    control("fault clear");
+    ASSERT_TRUE(skiff::testing::readyInTime(pending));
+    EXPECT_EQ(pending.get().code, 0);
+}
+
+TEST_F(FramedApp, StrayFramesEndTheTunnel) {
+    for (const std::string what : {"unknown-flow", "bad-header"}) {
+        SCOPED_TRACE(what);
+        request(0);  // the app knows the connection as framed from here on
+        control("fault silent on");
+        auto pending =
+            asio::co_spawn(runtime_.executor(), engine_->request(0, {}), asio::use_future);
+        EXPECT_EQ(control("inject " + what), std::vector<std::string>{"1"});
+        ASSERT_TRUE(skiff::testing::readyInTime(pending));
+        try {
+            pending.get();
+            ADD_FAILURE() << "answered";
+        } catch (const TunnelEngineError& error) {
+            EXPECT_EQ(error.errorCase(), TunnelEngineError::Case::disconnected);
+        }
+        EXPECT_EQ(requestFailure(0), TunnelEngineError::Case::notBound);
+        control("fault clear");
+        rebind();
+    }
+}
+
+TEST_F(FramedApp, ClosingOnARequestFailsIt) {
+    control("fault close on");
+    EXPECT_EQ(requestFailure(0), TunnelEngineError::Case::disconnected);
+}
+
+TEST_F(FramedApp, PeerCloseFailsAPendingReceive) {
+    // A transport of its own on the echo port, so that no engine reads it.
+    tunnel_id echo = firstDeviceTunnel(sim::kEchoPort);
+    ASSERT_TRUE(usbmux_tunnel_ensure(echo));
+    tunnel::UsbMuxTunnelTransport transport(echo);
+    auto receive = asio::co_spawn(runtime_.executor(), transport.receive(4), asio::use_future);
+    EXPECT_GE(phone_->drop(), 1u);
+    ASSERT_TRUE(skiff::testing::readyInTime(receive));
+    EXPECT_THROW(receive.get(), tunnel::TunnelTransportError);
+}
+
+}  // namespace
+}  // namespace skiff::test

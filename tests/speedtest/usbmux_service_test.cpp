@@ -1,0 +1,151 @@
+#include <condition_variable>
+#include <mutex>
+
+#include "speedtest/speedtest_support.hpp"
+#include "usbmuxkit/service/usbmux_service.hpp"
+
+namespace skiff::test {
+namespace {
+
+using usbmuxkit::UsbMuxService;
+using ErrorCode = UsbMuxService::ErrorCode;
+
+class SpeedTest : public PhoneTest {
+protected:
+    UsbMuxService::SpeedTestRound round(UsbMuxService& service, std::uint64_t bytes) {
+        return run(service.runSpeedTestRound(kAppPort, bytes));
+    }
+    ErrorCode failure(UsbMuxService& service, std::uint64_t bytes = 1024) {
+        try {
+            round(service, bytes);
+        } catch (const UsbMuxService::Error& error) {
+            return error.code();
+        }
+        ADD_FAILURE() << "the round succeeded";
+        return ErrorCode::pingFailed;
+    }
+};
+
+TEST_F(SpeedTest, NotStartedTouchesNothing) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    EXPECT_EQ(failure(service), ErrorCode::notStarted);
+    EXPECT_TRUE(phone_->connections().empty());
+    EXPECT_TRUE(control("received").empty());
+}
+
+TEST_F(SpeedTest, TheAppReceivesExactlyTheMeasurementBytes) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    // Over two of the native layer's 262144-byte pieces.
+    const std::uint64_t bytes = 600'001;
+    auto result = round(service, bytes);
+    EXPECT_EQ(result.deviceUDID, "phone-A");
+    EXPECT_GE(result.pingMs, 0);
+    EXPECT_EQ(result.download.bytes, bytes);
+    EXPECT_EQ(result.upload.bytes, bytes);
+    EXPECT_GT(result.download.seconds, 0);
+    EXPECT_GT(result.upload.seconds, 0);
+    EXPECT_EQ(control("received"), (std::vector<std::string>{
+                                       "line PING\\r\\n",
+                                       "line BW:DOWN:600001\\r\\n",
+                                       "payload 600001 bytes, 0 not a5",
+                                       "line BW:UP:600001\\r\\n",
+                                   }));
+    // The tunnel stays for the next round.
+    EXPECT_EQ(phone_->connections().size(), 1u);
+    round(service, 10);
+    EXPECT_EQ(phone_->connections().size(), 1u);
+}
+
+TEST_F(SpeedTest, EmptyPayloadSendsBareHeadersAndRatesOfZero) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    auto result = round(service, 0);
+    EXPECT_EQ(result.download.mibPerSecond(), 0);
+    EXPECT_EQ(result.download.mbitPerSecond(), 0);
+    EXPECT_EQ(result.upload.mibPerSecond(), 0);
+    EXPECT_EQ(result.upload.mbitPerSecond(), 0);
+    EXPECT_EQ(control("received"), (std::vector<std::string>{
+                                       "line PING\\r\\n",
+                                       "line BW:DOWN:0\\r\\n",
+                                       "payload 0 bytes, 0 not a5",
+                                       "line BW:UP:0\\r\\n",
+                                   }));
+}
+
+TEST_F(SpeedTest, AnyPingReplyCountsButTheAckNeedsItsColon) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    control("fault pong HELLO THERE");
+    EXPECT_EQ(round(service, 16).deviceUDID, "phone-A");
+
+    control("fault ack BW:DOWN:OK");
+    EXPECT_EQ(failure(service), ErrorCode::downloadFailed);
+}
+
+TEST_F(SpeedTest, NoDevicesWithoutAPhone) {
+    startPhone({});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    EXPECT_EQ(failure(service), ErrorCode::noDevices);
+}
+
+TEST_F(SpeedTest, NoDevicesWhenNoTunnelCouldBeMade) {
+    startPhone({"phone-A"}, {"--no-app"});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    EXPECT_EQ(failure(service), ErrorCode::noDevices);
+}
+
+TEST_F(SpeedTest, ConnectionFailedWhenTheTunnelExistsButThePingFails) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    run(service.start());
+    ASSERT_TRUE(usbmux_tunnel_ensure(firstDeviceTunnel()));
+    control("fault close on");  // the app hangs up on the ping
+    EXPECT_EQ(failure(service, 0), ErrorCode::connectionFailed);
+}
+
+class DeviceEvents : public PhoneTest {
+protected:
+    void note(const UsbMuxService::DeviceEvent& event) {
+        std::lock_guard lock(mutex_);
+        seen_.push_back(std::to_string(event.eventType) + " " + event.udid);
+        changed_.notify_all();
+    }
+    bool waitFor(const std::string& entry) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, skiff::testing::kWaitLimit, [&] {
+            return std::find(seen_.begin(), seen_.end(), entry) != seen_.end();
+        });
+    }
+
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> seen_;
+};
+
+TEST_F(DeviceEvents, ReachTheHandlerAsRecords) {
+    startPhone({"phone-A"});
+    UsbMuxService service(runtime_.executor());
+    run(service.setDeviceEventHandler([this](const auto& event) { note(event); }));
+    run(service.start());
+    EXPECT_TRUE(waitFor("1 phone-A"));
+    phone_->attach("phone-B");
+    EXPECT_TRUE(waitFor("1 phone-B"));
+    phone_->detach("phone-A");
+    EXPECT_TRUE(waitFor("2 phone-A"));
+
+    // A restart registers the kept handler again.
+    run(service.shutdown());
+    run(service.start());
+    phone_->attach("phone-C");
+    EXPECT_TRUE(waitFor("1 phone-C"));
+}
+
+}  // namespace
+}  // namespace skiff::test
