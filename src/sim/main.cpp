@@ -1,6 +1,6 @@
 // skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
 //   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
-//                         [--app-port PORT | --no-app]
+//                         [--app-port PORT | --no-app] [--storage DIR]
 //   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
 //                                 connections | drop [UDID] | push CODE [BODY] |
 //                                 fault ... | inject ... | received
@@ -8,6 +8,8 @@
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <iostream>
 
 #include "sim/control_client.hpp"
@@ -19,9 +21,30 @@ void say(const std::string& line) {
     std::cout << line << std::endl;
 }
 
+// Without --storage the app's storage is an empty folder that lives as long as the phone.
+std::string makeEmptyStorage() {
+    const char* base = std::getenv("TMPDIR");
+    std::string path =
+        std::string(base != nullptr && *base != 0 ? base : "/tmp") + "/skiff-phone-storage-XXXXXX";
+    return ::mkdtemp(path.data()) != nullptr ? path : std::string();
+}
+
 int serve(skiff::sim::SimPhoneOptions options) {
     asio::io_context io;
     std::string dir = options.dir;
+    std::string ownStorage;
+    if (options.storage.empty()) {
+        ownStorage = options.storage = makeEmptyStorage();
+    }
+    struct RemoveStorage {
+        std::string path;
+        ~RemoveStorage() {
+            std::error_code ignored;
+            if (!path.empty()) {
+                std::filesystem::remove_all(path, ignored);
+            }
+        }
+    } removeStorage{ownStorage};
     skiff::sim::SimPhone phone(io, std::move(options), say);
     try {
         phone.start();
@@ -78,6 +101,10 @@ int main(int argc, char** argv) {
     serveCommand->add_flag("--no-echo", noEcho, "No echo app on any port");
     serveCommand->add_option("--app-port", appPort, "Device port of the companion app");
     serveCommand->add_flag("--no-app", noApp, "No companion app on any port");
+    serveCommand
+        ->add_option("--storage", options.storage,
+                     "Folder that stands for the phone's storage (default: a new empty one)")
+        ->check(CLI::ExistingDirectory);
 
     std::string ctlDir;
     std::vector<std::string> words;

@@ -1,5 +1,7 @@
 #include "sim/sim_phone.hpp"
 
+#include "sim/app_lookup.hpp"
+
 namespace skiff::sim {
 SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report)
     : report_(std::move(report)),
@@ -12,6 +14,9 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     }
     if (options.appPort) {
         listeners_.listen(*options.appPort, app_.listener());
+    }
+    if (!options.storage.empty()) {
+        installLookupHandler(app_.handlers(), options.storage);
     }
     if (options.echoPort) {
         listeners_.listen(*options.echoPort, makeEchoListener());
