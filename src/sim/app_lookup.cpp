@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/unique_fd.hpp"
 #include "relay/relay_schema.hpp"
 
 namespace skiff::sim {
@@ -18,26 +19,6 @@ using relay::RelayDeviceStatus;
 tunnel::TunnelMessage failure(RelayDeviceStatus status) {
     return {static_cast<std::uint16_t>(status), {}};
 }
-
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd& operator=(Fd&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // The path's components; nullopt when one of them is "..", which could leave the root.
 std::optional<std::vector<std::string>> componentsOf(const std::string& identifier) {
@@ -113,13 +94,13 @@ tunnel::TunnelMessage lookUpItem(const std::filesystem::path& storageRoot, const
     }
     // Walk one directory at a time without following links, so that no link inside the
     // storage can lead out of it.
-    Fd dir(::open(storageRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd dir(::open(storageRoot.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (dir.get() < 0) {
         return failure(RelayDeviceStatus::ioError);
     }
     for (std::size_t i = 0; i + 1 < parts->size(); ++i) {
-        Fd next(::openat(dir.get(), (*parts)[i].c_str(),
-                         O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        UniqueFd next(::openat(dir.get(), (*parts)[i].c_str(),
+                               O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (next.get() < 0) {
             return failure(RelayDeviceStatus::notFound);
         }

@@ -7,26 +7,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/unique_fd.hpp"
+
 namespace skiff::sim {
-namespace {
-
-class Fd {
-public:
-    explicit Fd(int fd) : fd_(fd) {}
-    ~Fd() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-}  // namespace
 
 ControlReply sendControlCommand(const std::string& socketPath, const std::string& line,
                                 std::chrono::seconds timeout) {
@@ -36,7 +19,7 @@ ControlReply sendControlCommand(const std::string& socketPath, const std::string
         return controlError("control socket path too long: " + socketPath);
     }
     std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) {
         return controlError(std::string("socket: ") + std::strerror(errno));
     }
