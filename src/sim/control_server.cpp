@@ -38,8 +38,9 @@ asio::awaitable<void> ControlServer::serve(asio::local::stream_protocol::socket 
             } else {
                 reply = handler_(std::get<ControlCommand>(parsed));
             }
-            co_await asio::async_write(socket, asio::buffer(formatControlReply(reply)),
-                                       asio::use_awaitable);
+            // A named local: GCC 12 destroys class temporaries of a co_await expression twice.
+            std::string text = formatControlReply(reply);
+            co_await asio::async_write(socket, asio::buffer(text), asio::use_awaitable);
         }
     } catch (const std::system_error&) {
         // Client gone or line too long.

@@ -108,19 +108,22 @@ asio::awaitable<void> MuxServer::serve(std::shared_ptr<MuxConnection> connection
                 continue;
             }
             MuxRequest request = decodeMuxRequest(*header, payload);
+            // Replies are named locals: GCC 12 destroys class temporaries of a co_await
+            // expression twice.
+            std::vector<uint8_t> reply;
             switch (request.kind) {
                 case MuxRequestKind::listDevices:
-                    co_await asio::async_write(
-                        connection->socket,
-                        asio::buffer(encodeDeviceList(request.tag, devices_.devices())),
-                        asio::use_awaitable);
+                    reply = encodeDeviceList(request.tag, devices_.devices());
+                    co_await asio::async_write(connection->socket, asio::buffer(reply),
+                                               asio::use_awaitable);
                     break;
                 case MuxRequestKind::listen:
                     listening = true;
                     startListening(connection, request.tag);
                     break;
                 case MuxRequestKind::connect:
-                    if (co_await connect(connection, request.tag, request.deviceId, request.port)) {
+                    if (co_await connect(*connection, request.tag, request.deviceId,
+                                         request.port)) {
                         co_return;
                     }
                     break;
@@ -130,9 +133,9 @@ asio::awaitable<void> MuxServer::serve(std::shared_ptr<MuxConnection> connection
                                 ? "answering unsupported request " + request.messageType +
                                       " with an error"
                                 : "answering a malformed request with an error: " + request.reason);
-                    co_await asio::async_write(
-                        connection->socket, asio::buffer(encodeResult(request.tag, request.error)),
-                        asio::use_awaitable);
+                    reply = encodeResult(request.tag, request.error);
+                    co_await asio::async_write(connection->socket, asio::buffer(reply),
+                                               asio::use_awaitable);
                     break;
             }
         }
@@ -157,8 +160,8 @@ void MuxServer::startListening(const std::shared_ptr<MuxConnection>& connection,
     report_("a client is listening for device events");
 }
 
-asio::awaitable<bool> MuxServer::connect(std::shared_ptr<MuxConnection> connection, uint32_t tag,
-                                         uint32_t deviceId, uint16_t port) {
+asio::awaitable<bool> MuxServer::connect(MuxConnection& connection, uint32_t tag, uint32_t deviceId,
+                                         uint16_t port) {
     const SimDevice* device = devices_.findByHandle(deviceId);
     MuxResult result = MuxResult::ok;
     if (device == nullptr) {
@@ -171,19 +174,20 @@ asio::awaitable<bool> MuxServer::connect(std::shared_ptr<MuxConnection> connecti
         result = MuxResult::connectionRefused;
     }
     if (result != MuxResult::ok) {
-        co_await asio::async_write(connection->socket, asio::buffer(encodeResult(tag, result)),
-                                   asio::use_awaitable);
+        std::vector<uint8_t> refusal = encodeResult(tag, result);
+        co_await asio::async_write(connection.socket, asio::buffer(refusal), asio::use_awaitable);
         co_return false;
     }
     // Recorded before the answer goes out, so that once the client has its answer the
     // connection is already known to the control interface.
     AppConnectionInfo info{device->udid, device->handle, port};
-    auto socket = std::make_shared<AppSocket>(std::move(connection->socket));
+    auto socket = std::make_shared<AppSocket>(std::move(connection.socket));
     std::erase_if(appLinks_, [](const AppLink& link) { return link.socket.expired(); });
     appLinks_.push_back(AppLink{info, socket});
     report_("a client connected to port " + std::to_string(port) + " of " + deviceName(*device));
     std::error_code ec;
-    co_await asio::async_write(*socket, asio::buffer(encodeResult(tag, MuxResult::ok)),
+    std::vector<uint8_t> accepted = encodeResult(tag, MuxResult::ok);
+    co_await asio::async_write(*socket, asio::buffer(accepted),
                                asio::redirect_error(asio::use_awaitable, ec));
     // The client, the device or the app may have gone while the answer was being written.
     const PortListener* listener = listeners_.find(port);

@@ -47,8 +47,9 @@ private:
 
     asio::awaitable<void> serve(std::shared_ptr<MuxConnection> connection);
     // Returns true when the connection was handed to an app.
-    asio::awaitable<bool> connect(std::shared_ptr<MuxConnection> connection, uint32_t tag,
-                                  uint32_t deviceId, uint16_t port);
+    // The caller keeps the connection alive across the call.
+    asio::awaitable<bool> connect(MuxConnection& connection, uint32_t tag, uint32_t deviceId,
+                                  uint16_t port);
     void startListening(const std::shared_ptr<MuxConnection>& connection, uint32_t tag);
     void broadcast(const std::vector<uint8_t>& message);
 

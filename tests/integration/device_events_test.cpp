@@ -5,22 +5,9 @@
 namespace skiff::test {
 namespace {
 
-// True when the events hold a removal of udid followed later by its arrival.
-bool replugged(const std::vector<SeenEvent>& events, const std::string& udid) {
-    bool removed = false;
-    for (const auto& e : events) {
-        removed = removed || (e.type == kDeviceRemoved && e.udid == udid);
-        if (removed && e.type == kDeviceAdded && e.udid == udid) {
-            return true;
-        }
-    }
-    return false;
-}
-
 TEST_F(UsbMuxIntegration, EventsFollowAttachDetachAndReplug) {
     startPhone({"phone-A"});
-    ASSERT_TRUE(usbmux_mgr_start());
-    usbmux_mgr_set_device_event_callback(&EventLog::callback);
+    startAndWaitForEvents("phone-A");
     auto& log = EventLog::instance();
 
     phone_->attach("phone-B");

@@ -22,8 +22,11 @@ std::vector<uint8_t> randomBytes(size_t n) {
 
 // Sends through the echo app and reads the same bytes back on a second thread, as the
 // socket buffers cannot hold a large message while nobody reads the echo.
+// The tunnel is opened first: a sender and a receiver that both found it missing would
+// both connect.
 std::vector<uint8_t> echo(const tunnel_id& id, const std::vector<uint8_t>& data) {
     std::vector<uint8_t> back(data.size());
+    EXPECT_TRUE(usbmux_tunnel_ensure(id));
     auto receiver = std::async(std::launch::async, [&] {
         return usbmux_tunnel_recv(id, back.data(), uint32_t(back.size()));
     });
@@ -106,26 +109,21 @@ TEST_F(UsbMuxIntegration, BytesCrossTheTunnelInBothDirections) {
 
 TEST_F(UsbMuxIntegration, AReplugDropsTheTunnelAndTheNextSendReconnects) {
     startPhone({"phone-A"});
-    ASSERT_TRUE(usbmux_mgr_start());
-    usbmux_mgr_set_device_event_callback(&EventLog::callback);
+    startAndWaitForEvents("phone-A");
     auto id = tunnelTo("phone-A");
     ASSERT_TRUE(usbmux_tunnel_ensure(id));
     uint32_t oldHandle = phone_->connections().at(0).handle;
 
     uint32_t newHandle = phone_->replug("phone-A");
-    ASSERT_TRUE(EventLog::instance().waitUntil([](const auto& events) {
-        bool removed = false;
-        for (const auto& e : events) {
-            removed = removed || e.type == kDeviceRemoved;
-            if (removed && e.type == kDeviceAdded) {
-                return true;
-            }
-        }
-        return false;
-    }));
+    ASSERT_TRUE(EventLog::instance().waitUntil(
+        [](const auto& events) { return replugged(events, "phone-A"); }));
     EXPECT_FALSE(usbmux_mgr_check_connected(id));
 
-    EXPECT_EQ(echo(id, {'o', 'k'}), (std::vector<uint8_t>{'o', 'k'}));
+    // Two bytes fit the socket buffers, so one thread can send and then read the echo.
+    ASSERT_TRUE(usbmux_tunnel_send(id, "ok", 2));
+    char back[2] = {};
+    ASSERT_TRUE(usbmux_tunnel_recv(id, back, 2));
+    EXPECT_EQ(std::string(back, 2), "ok");
     auto open = phone_->connections();
     ASSERT_EQ(open.size(), 1u);
     EXPECT_EQ(open[0].handle, newHandle);
@@ -134,8 +132,7 @@ TEST_F(UsbMuxIntegration, AReplugDropsTheTunnelAndTheNextSendReconnects) {
 
 TEST_F(UsbMuxIntegration, ThePhoneClosingTheStreamFailsReceives) {
     startPhone({"phone-A"});
-    ASSERT_TRUE(usbmux_mgr_start());
-    usbmux_mgr_set_device_event_callback(&EventLog::callback);
+    startAndWaitForEvents("phone-A");
     auto id = tunnelTo("phone-A");
     ASSERT_TRUE(usbmux_tunnel_ensure(id));
     ASSERT_EQ(phone_->drop(), 1u);

@@ -70,6 +70,18 @@ private:
 inline constexpr int32_t kDeviceAdded = 1;
 inline constexpr int32_t kDeviceRemoved = 2;
 
+// True when the events hold a removal of udid followed later by its arrival.
+inline bool replugged(const std::vector<SeenEvent>& events, const std::string& udid) {
+    bool removed = false;
+    for (const auto& e : events) {
+        removed = removed || (e.type == kDeviceRemoved && e.udid == udid);
+        if (removed && e.type == kDeviceAdded && e.udid == udid) {
+            return true;
+        }
+    }
+    return false;
+}
+
 inline tunnel_id tunnelTo(const std::string& udid, uint16_t port = kEchoPort) {
     tunnel_id id{};
     std::strncpy(id.udid, udid.c_str(), sizeof(id.udid) - 1);
@@ -80,7 +92,16 @@ inline tunnel_id tunnelTo(const std::string& udid, uint16_t port = kEchoPort) {
 class UsbMuxIntegration : public testing::Test {
 protected:
     void startPhone(std::vector<std::string> devices) {
-        phone_ = std::make_unique<SimulatedPhone>(std::move(devices));
+        // Named explicitly: the echo app is what these tests talk to, whatever the default.
+        phone_ = std::make_unique<SimulatedPhone>(
+            std::move(devices), std::vector<std::string>{"--echo-port", std::to_string(kEchoPort)});
+    }
+    // Starts the layer and returns once libusbmuxd's event stream is up, which it reports
+    // by announcing the device already present: changes before that are never evented.
+    void startAndWaitForEvents(const std::string& presentUdid) {
+        usbmux_mgr_set_device_event_callback(&EventLog::callback);
+        ASSERT_TRUE(usbmux_mgr_start());
+        ASSERT_TRUE(EventLog::instance().waitFor(kDeviceAdded, presentUdid));
     }
     void TearDown() override { usbmux_mgr_shutdown(); }
 
