@@ -20,10 +20,11 @@ const std::shared_ptr<TunnelEngine>& TunnelEngine::shared() {
 }
 
 asio::awaitable<void> TunnelEngine::bind(TunnelBinding binding) {
-    return isolated(doBind(std::move(binding)));
+    return isolated(doBind(shared_from_this(), std::move(binding)));
 }
 
-asio::awaitable<void> TunnelEngine::doBind(TunnelBinding binding) {
+asio::awaitable<void> TunnelEngine::doBind(std::shared_ptr<TunnelEngine> /*keepAlive*/,
+                                           TunnelBinding binding) {
     transport_ = std::move(binding.transport);
     role_ = binding.role;
     tunnelKey_ = std::move(binding.tunnelKey);
@@ -66,10 +67,11 @@ void TunnelEngine::unbindNow() {
 }
 
 asio::awaitable<void> TunnelEngine::failAllPending(TunnelEngineError error) {
-    return isolated(doFailAllPending(error));
+    return isolated(doFailAllPending(shared_from_this(), error));
 }
 
-asio::awaitable<void> TunnelEngine::doFailAllPending(TunnelEngineError error) {
+asio::awaitable<void> TunnelEngine::doFailAllPending(std::shared_ptr<TunnelEngine> /*keepAlive*/,
+                                                     TunnelEngineError error) {
     failAllPendingNow(error);
     co_return;
 }
@@ -83,12 +85,12 @@ void TunnelEngine::failAllPendingNow(const TunnelEngineError& error) {
 }
 
 asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, Bytes payload) {
-    auto caller = co_await isolated(doRequest(code, std::move(payload)));
+    auto caller = co_await isolated(doRequest(shared_from_this(), code, std::move(payload)));
     co_return co_await caller.wait();
 }
 
-asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(std::uint16_t code,
-                                                                         Bytes payload) {
+asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(
+    std::shared_ptr<TunnelEngine> /*keepAlive*/, std::uint16_t code, Bytes payload) {
     if (!transport_ || role_ != TunnelEndpointRole::client) {
         throw engineError(TunnelEngineError::Case::notBound);
     }
@@ -220,10 +222,11 @@ asio::awaitable<void> TunnelEngine::answerRequest(std::shared_ptr<TunnelEngine> 
 }
 
 asio::awaitable<void> TunnelEngine::enqueuePush(std::uint16_t code, Bytes payload) {
-    return isolated(doEnqueuePush(code, std::move(payload)));
+    return isolated(doEnqueuePush(shared_from_this(), code, std::move(payload)));
 }
 
-asio::awaitable<void> TunnelEngine::doEnqueuePush(std::uint16_t code, Bytes payload) {
+asio::awaitable<void> TunnelEngine::doEnqueuePush(std::shared_ptr<TunnelEngine> /*keepAlive*/,
+                                                  std::uint16_t code, Bytes payload) {
     notifyQueue_.push_back(TunnelMessage{code, std::move(payload)});
     try {
         co_await flushNotifyQueue();

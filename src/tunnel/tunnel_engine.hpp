@@ -75,10 +75,16 @@ public:
 private:
     using Transport = std::shared_ptr<TunnelTransport>;
 
-    asio::awaitable<void> doBind(TunnelBinding binding);
-    asio::awaitable<runtime::OneShot<TunnelMessage>> doRequest(std::uint16_t code, Bytes payload);
-    asio::awaitable<void> doEnqueuePush(std::uint16_t code, Bytes payload);
-    asio::awaitable<void> doFailAllPending(TunnelEngineError error);
+    // Bodies run on the strand; each takes the engine's own shared_ptr so that an
+    // engine dropped by its owner lives until the calls in progress are done.
+
+    asio::awaitable<void> doBind(std::shared_ptr<TunnelEngine> keepAlive, TunnelBinding binding);
+    asio::awaitable<runtime::OneShot<TunnelMessage>> doRequest(
+        std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code, Bytes payload);
+    asio::awaitable<void> doEnqueuePush(std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code,
+                                        Bytes payload);
+    asio::awaitable<void> doFailAllPending(std::shared_ptr<TunnelEngine> keepAlive,
+                                           TunnelEngineError error);
 
     void start();
     void unbindNow();
