@@ -17,6 +17,19 @@ if(SKIFF_FUZZ)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
+# asio coroutines with both compilers.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # asio 1.22 looks only for libc++'s <experimental/coroutine> under clang;
+    # libstdc++'s <coroutine> works.
+    add_compile_definitions(ASIO_HAS_CO_AWAIT=1 ASIO_HAS_STD_COROUTINE=1)
+    # clang 14 cannot emit UBSan's function-type check for coroutine frames.
+    add_compile_options(-fno-sanitize=function)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND SKIFF_SANITIZE MATCHES "thread")
+    # GCC warns that ThreadSanitizer cannot see asio's std::atomic_thread_fence.
+    add_compile_options(-Wno-tsan)
+endif()
+
 # Warnings as errors on our own code only.
 function(skiff_warnings target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
