@@ -1,0 +1,146 @@
+// skiffd between real clients on a private bus and the simulated phone.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "e2e/service_stack.hpp"
+#include "relay/relay_schema.hpp"
+#include "service/dbus/bus_names.hpp"
+
+namespace skiff::test {
+namespace {
+
+using relay::RelayItemSummary;
+using relay::RelayLookupRequest;
+using relay::RelayLookupSource;
+
+constexpr std::int64_t kFileProvider = 0;
+constexpr std::int64_t kDesktopApp = 1;
+constexpr std::int64_t kLookup = 2;
+
+void fillStorage(const std::string& storage) {
+    std::filesystem::create_directories(storage + "/Documents");
+    std::ofstream(storage + "/Documents/notes.txt") << "twelve bytes";
+}
+
+Bytes lookupBody(const std::string& identifier) {
+    return json::encode(RelayLookupRequest{identifier, RelayLookupSource::fsLookupByName}).value();
+}
+
+class BridgeE2eTest : public ::testing::Test {
+protected:
+    ServiceStack stack_{fillStorage};
+};
+
+TEST_F(BridgeE2eTest, DesktopAppLearnsWhenTheExtensionComesAndGoes) {
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    EXPECT_TRUE(desktop.recorder->waitForState({0, false}));
+
+    auto mark = desktop.recorder->count();
+    {
+        auto extension = registerWithPhone(stack_, kFileProvider);
+        EXPECT_TRUE(desktop.recorder->waitForState({0, true}, mark));
+        // Both see each other through the service.
+        EXPECT_TRUE(extension.client->ping(kDesktopApp));
+        EXPECT_TRUE(desktop.client->ping(kFileProvider));
+        mark = desktop.recorder->count();
+    }
+    // The extension's bus connection is gone: the service notices and tells the desktop.
+    EXPECT_TRUE(desktop.recorder->waitForState({0, false}, mark));
+    EXPECT_FALSE(desktop.client->ping(kFileProvider));
+}
+
+TEST_F(BridgeE2eTest, BothClientsHearThePhoneLeaveAndReturn) {
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    auto extension = registerWithPhone(stack_, kFileProvider);
+
+    auto desktopMark = desktop.recorder->count();
+    auto extensionMark = extension.recorder->count();
+    stack_.phone().detach(ServiceStack::kDevice);
+    EXPECT_TRUE(desktop.recorder->waitForState({2, false}, desktopMark));
+    EXPECT_TRUE(extension.recorder->waitForState({2, false}, extensionMark));
+    // No phone: the relay is refused before it reaches any tunnel.
+    EXPECT_EQ(extension.client->relayToUsbMux(kLookup, lookupBody("")).status, 3);
+
+    desktopMark = desktop.recorder->count();
+    extensionMark = extension.recorder->count();
+    stack_.phone().attach(ServiceStack::kDevice);
+    EXPECT_TRUE(desktop.recorder->waitForState({2, true}, desktopMark));
+    EXPECT_TRUE(extension.recorder->waitForState({2, true}, extensionMark));
+    EXPECT_EQ(extension.client->relayToUsbMux(kLookup, lookupBody("")).status, 0);
+}
+
+TEST_F(BridgeE2eTest, LookupTravelsToTheAppAndBack) {
+    auto extension = registerWithPhone(stack_, kFileProvider);
+
+    const auto found = extension.client->relayToUsbMux(kLookup, lookupBody("Documents/notes.txt"));
+    ASSERT_EQ(found.status, 0);
+    EXPECT_EQ(found.code, 0);
+    const auto summary = json::decode<RelayItemSummary>(found.response);
+    ASSERT_TRUE(summary);
+    struct stat st {};
+    ASSERT_EQ(::lstat((stack_.storage() + "/Documents/notes.txt").c_str(), &st), 0);
+    EXPECT_EQ(summary->identifier, "Documents/notes.txt");
+    EXPECT_EQ(summary->filename, "notes.txt");
+    EXPECT_EQ(summary->size, 12u);
+    EXPECT_EQ(summary->inode, st.st_ino);
+    EXPECT_FALSE(summary->isDirectory);
+
+    // The app's own answer code comes back as the detail of status 9.
+    const auto missing = extension.client->relayToUsbMux(kLookup, lookupBody("Documents/none"));
+    EXPECT_EQ(missing.status, 9);
+    EXPECT_EQ(missing.code, 1);
+    EXPECT_TRUE(missing.response.empty());
+
+    // An unregistered caller is turned away before anything is relayed.
+    auto stranger = stack_.connect();
+    EXPECT_EQ(stranger->relayToUsbMux(kLookup, lookupBody("")).status, 1);
+}
+
+TEST_F(BridgeE2eTest, RelayReconnectsAfterTheConnectionDrops) {
+    auto extension = registerWithPhone(stack_, kFileProvider);
+    ASSERT_EQ(extension.client->relayToUsbMux(kLookup, lookupBody("")).status, 0);
+
+    // The app hangs up on the next request: that request fails, the one after reconnects.
+    stack_.phone().command("fault close on");
+    EXPECT_EQ(extension.client->relayToUsbMux(kLookup, lookupBody("")).status, 3);
+    stack_.phone().command("fault clear");
+    EXPECT_EQ(extension.client->relayToUsbMux(kLookup, lookupBody("")).status, 0);
+
+    // The phone side drops every stream between requests: at most one request may see
+    // the broken tunnel before the relay is back.
+    ASSERT_GE(stack_.phone().drop(), 1u);
+    auto status = extension.client->relayToUsbMux(kLookup, lookupBody("")).status;
+    if (status == 3) {
+        status = extension.client->relayToUsbMux(kLookup, lookupBody("")).status;
+    }
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(BridgeE2eTest, SpeedTestReportsTheDevice) {
+    // The round moves 48 MiB each way, which takes a while under the sanitizers.
+    auto client = stack_.connect();
+    client->setCallTimeout(std::chrono::seconds(200));
+    const auto [ok, text] = client->runUsbMuxSpeedTest();
+    ASSERT_TRUE(ok) << text;
+    EXPECT_EQ(text.rfind(std::string("UDID: ") + ServiceStack::kDevice + "\nRTT: ", 0), 0u) << text;
+    EXPECT_NE(text.find(" ms\nDownload: "), std::string::npos) << text;
+    EXPECT_NE(text.find(" MiB/s ("), std::string::npos) << text;
+    EXPECT_NE(text.find("\nUpload: "), std::string::npos) << text;
+}
+
+TEST_F(BridgeE2eTest, WholeFileTransfersAreNotOffered) {
+    auto extension = registerWithPhone(stack_, kFileProvider);
+    try {
+        extension.client->requestFileIO(0, Bytes{'{', '}'});
+        FAIL() << "RequestFileIO answered";
+    } catch (const service::dbus::BusError& e) {
+        EXPECT_EQ(e.name(), service::dbus::kErrorNotSupported);
+    }
+}
+
+}  // namespace
+}  // namespace skiff::test
