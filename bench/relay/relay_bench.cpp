@@ -1,0 +1,120 @@
+// The relay through the whole chain (client, bus, skiffd, tunnel, simulated app) next to
+// a bare bus round trip measured in the same run, and the relay's throughput for 4 MiB
+// bodies. Prints figures; asserts nothing about them.
+//   relay_bench [ROUND_TRIPS] [BULK_REQUESTS]
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "e2e/service_stack.hpp"
+#include "relay/relay_schema.hpp"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using skiff::Bytes;
+
+struct Spread {
+    double median = 0;
+    double p99 = 0;
+};
+
+Spread spreadOf(std::vector<double> micros) {
+    std::sort(micros.begin(), micros.end());
+    const auto at = [&](double q) {
+        return micros[std::min(micros.size() - 1, static_cast<std::size_t>(q * micros.size()))];
+    };
+    return {at(0.5), at(0.99)};
+}
+
+// Times `count` calls of `call` after a warm-up of a tenth as many.
+std::vector<double> time(std::size_t count, const std::function<void()>& call) {
+    for (std::size_t i = 0; i < count / 10 + 1; ++i) {
+        call();
+    }
+    std::vector<double> micros;
+    micros.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const auto start = Clock::now();
+        call();
+        micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+    }
+    return micros;
+}
+
+void printSpread(const char* what, const Spread& s) {
+    std::printf("%-34s median %9.1f us   p99 %9.1f us\n", what, s.median, s.p99);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    ::setenv("SKIFF_BUILD_DIR", SKIFF_BUILD_DIR_DEFAULT, 0);
+    const std::size_t roundTrips = argc > 1 ? std::stoul(argv[1]) : 2000;
+    const std::size_t bulkRequests = argc > 2 ? std::stoul(argv[2]) : 40;
+
+    try {
+        skiff::test::ServiceStack stack([](const std::string& storage) {
+            std::filesystem::create_directories(storage + "/Documents");
+            std::ofstream(storage + "/Documents/notes.txt") << "a small file";
+        });
+        auto extension = skiff::test::registerWithPhone(stack, 0);
+        auto& client = *extension.client;
+
+        const Bytes lookup =
+            skiff::json::encode(
+                skiff::relay::RelayLookupRequest{"Documents/notes.txt",
+                                                 skiff::relay::RelayLookupSource::fsGetAttributes})
+                .value();
+        const auto relayLookup = [&] {
+            if (client.relayToUsbMux(2, lookup).status != 0) {
+                throw std::runtime_error("look-up failed");
+            }
+        };
+        const auto echo = [&] { client.echo(); };
+
+        // Interleaved in two halves so that a change of machine load hits both alike.
+        auto echoTimes = time(roundTrips / 2, echo);
+        auto relayTimes = time(roundTrips / 2, relayLookup);
+        auto more = time(roundTrips / 2, echo);
+        echoTimes.insert(echoTimes.end(), more.begin(), more.end());
+        more = time(roundTrips / 2, relayLookup);
+        relayTimes.insert(relayTimes.end(), more.begin(), more.end());
+
+        const auto echoSpread = spreadOf(echoTimes);
+        const auto relaySpread = spreadOf(relayTimes);
+        std::printf("round trips: %zu each\n", echoTimes.size());
+        printSpread("bus Echo (client -> skiffd)", echoSpread);
+        printSpread("relay look-up (-> app -> back)", relaySpread);
+        std::printf("%-34s median %9.2fx        p99 %9.2fx\n", "relay / Echo",
+                    relaySpread.median / echoSpread.median, relaySpread.p99 / echoSpread.p99);
+
+        const Bytes body(4 * 1024 * 1024, 0x5A);
+        const auto bulk = time(bulkRequests, [&] {
+            if (client.relayToUsbMux(0, body).status != 0) {
+                throw std::runtime_error("4 MiB relay failed");
+            }
+        });
+        double total = 0;
+        for (double us : bulk) {
+            total += us;
+        }
+        const auto bulkSpread = spreadOf(bulk);
+        std::printf("4 MiB relays: %zu\n", bulk.size());
+        printSpread("4 MiB relay (code 0, app sinks)", bulkSpread);
+        std::printf("%-34s %9.2f MiB/s\n", "relay throughput",
+                    static_cast<double>(bulk.size()) * 4 / (total / 1e6));
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "relay_bench: %s\n", e.what());
+        return 1;
+    }
+    return 0;
+}
