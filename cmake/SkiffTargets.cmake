@@ -17,6 +17,11 @@ if(SKIFF_FUZZ)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
+# asio decides between aligned_alloc and operator new by whether a libstdc++ header came
+# before it, so translation units that include <asio.hpp> first and those that do not would
+# free each other's recycled coroutine frames with the wrong function. One choice for all.
+add_compile_definitions(ASIO_DISABLE_STD_ALIGNED_ALLOC)
+
 # asio coroutines with both compilers.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     # asio 1.22 looks only for libc++'s <experimental/coroutine> under clang;
