@@ -122,10 +122,10 @@ std::string speedTestReport(const SpeedTestMeasurement& round) {
            "\nUpload: " + rateText(round.uploadMiBPerSecond, round.uploadMbitPerSecond);
 }
 
-Harbor_XPC::Harbor_XPC(std::shared_ptr<BridgeCore> core) : core_(std::move(core)) {}
+Harbor_XPC::Harbor_XPC(BridgeCore& core) : core_(core) {}
 
 void Harbor_XPC::registerClient(std::int64_t role, std::function<void(bool)> reply) {
-    reply(core_->registerClient(this, role));
+    reply(core_.registerClient(this, role));
 }
 
 void Harbor_XPC::getXPCServiceVersion(std::function<void(std::int64_t)> reply) {
@@ -137,7 +137,7 @@ void Harbor_XPC::echo(std::function<void()> reply) {
 }
 
 void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
-    const auto callerRole = core_->roleOfHost(this);
+    const auto callerRole = core_.roleOfHost(this);
     if (!callerRole) {
         reply(false);
         return;
@@ -146,7 +146,7 @@ void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
         reply(true);
         return;
     }
-    auto target = core_->clientProxy(value);
+    auto target = core_.clientProxy(value);
     if (!target) {
         reply(false);
         return;
@@ -160,7 +160,7 @@ void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> 
 
 void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
-    auto extension = core_->clientProxy(kFileProvider);
+    auto extension = core_.clientProxy(kFileProvider);
     if (!extension) {
         reply(-1.0);
         return;
@@ -179,7 +179,7 @@ void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64
 }
 
 void Harbor_XPC::requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
-    auto extension = core_->clientProxy(kFileProvider);
+    auto extension = core_.clientProxy(kFileProvider);
     if (!extension) {
         reply(-1.0);
         return;
@@ -189,7 +189,7 @@ void Harbor_XPC::requestExtToHostPing(std::int64_t value, std::function<void(dou
 
 void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
-    auto extension = core_->clientProxy(kFileProvider);
+    auto extension = core_.clientProxy(kFileProvider);
     if (!extension) {
         reply(-1.0);
         return;
@@ -198,11 +198,11 @@ void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64
 }
 
 void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
-    runtime::spawnTask(core_->executor(), speedTestTask(core_, std::move(reply)));
+    runtime::spawnTask(core_.executor(), speedTestTask(core_.shared_from_this(), std::move(reply)));
 }
 
 void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn reply) {
-    const auto role = core_->roleOfHost(this);
+    const auto role = core_.roleOfHost(this);
     if (role != kFileProvider && role != kDesktopApp) {
         reply({}, status(UsbMuxRelayError::notConnected), 0);
         return;
@@ -211,7 +211,7 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
         reply({}, status(UsbMuxRelayError::payloadTooLarge), 0);
         return;
     }
-    if (!core_->usbMuxConnection()) {
+    if (!core_.usbMuxConnection()) {
         reply({}, status(UsbMuxRelayError::transportFailed), 0);
         return;
     }
@@ -219,8 +219,9 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
     if (selector < 0 || selector > 0xFFFF) {
         fatalError("relay selector outside the frame code range");
     }
-    runtime::spawnTask(core_->executor(), relayTask(core_, static_cast<std::uint16_t>(selector),
-                                                    std::move(param), std::move(reply)));
+    runtime::spawnTask(core_.executor(),
+                       relayTask(core_.shared_from_this(), static_cast<std::uint16_t>(selector),
+                                 std::move(param), std::move(reply)));
 }
 
 void Harbor_XPC::requestFileIO(std::int64_t, Bytes, std::function<void(Bytes, std::int64_t)>) {

@@ -19,7 +19,8 @@ inline constexpr std::uint64_t kSpeedTestPayloadBytes = 0x3000000;
 
 class Harbor_XPC : public HarborBridgeHostProtocol {
 public:
-    explicit Harbor_XPC(std::shared_ptr<BridgeCore> core);
+    // The core outlives every connection (it holds them), so a reference does.
+    explicit Harbor_XPC(BridgeCore& core);
 
     void registerClient(std::int64_t role, std::function<void(bool)> reply) override;
     void getXPCServiceVersion(std::function<void(std::int64_t)> reply) override;
@@ -40,7 +41,7 @@ public:
     void shutdown(std::function<void(bool)> reply) override;
 
 private:
-    std::shared_ptr<BridgeCore> core_;
+    BridgeCore& core_;
 };
 
 // The text a client is shown for one speed-test round.

@@ -8,13 +8,15 @@ namespace skiff::service {
 bool ServiceDelegate::shouldAcceptNewConnection(
     const std::shared_ptr<ClientConnection>& connection) {
     log::xpc().info("accepted new connection");
-    auto host = std::make_shared<Harbor_XPC>(core_);
+    auto host = std::make_shared<Harbor_XPC>(*core_);
     core_->addPending(host.get(), connection);
     connection->setExportedObject(host);
     // The adapter drops the handler once it has run, which lets go of the connection.
-    connection->setInvalidationHandler([core = core_, connection] {
+    connection->setInvalidationHandler([weak = std::weak_ptr(core_), connection] {
         log::xpc().debug("connection invalidated");
-        core->removeConnection(connection);
+        if (auto core = weak.lock()) {
+            core->removeConnection(connection);
+        }
     });
     return true;
 }

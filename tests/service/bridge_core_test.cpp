@@ -40,10 +40,17 @@ protected:
         core = std::make_shared<BridgeCore>(collaborators);
         delegate = std::make_shared<ServiceDelegate>(core);
     }
-    void TearDown() override { runtime.stop(); }
+    void TearDown() override {
+        runtime.stop();
+        // A connection holds itself through its handler until the peer goes.
+        for (auto& connection : connections) {
+            connection->invalidate();
+        }
+    }
 
     std::shared_ptr<FakeConnection> connect() {
         auto connection = std::make_shared<FakeConnection>();
+        connections.push_back(connection);
         EXPECT_TRUE(delegate->shouldAcceptNewConnection(connection));
         return connection;
     }
@@ -81,6 +88,7 @@ protected:
     std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
     std::shared_ptr<BridgeCore> core;
     std::shared_ptr<ServiceDelegate> delegate;
+    std::vector<std::shared_ptr<FakeConnection>> connections;
     std::atomic<int> probeConnects = 0;
     std::atomic<int> probeDisconnects = 0;
 };

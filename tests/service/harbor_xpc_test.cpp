@@ -40,10 +40,17 @@ protected:
         core = std::make_shared<BridgeCore>(collaborators);
         delegate = std::make_shared<ServiceDelegate>(core);
     }
-    void TearDown() override { runtime.stop(); }
+    void TearDown() override {
+        runtime.stop();
+        // A connection holds itself through its handler until the peer goes.
+        for (auto& connection : connections) {
+            connection->invalidate();
+        }
+    }
 
     std::shared_ptr<FakeConnection> client(std::optional<HarborBridgeClientRole> role) {
         auto connection = std::make_shared<FakeConnection>();
+        connections.push_back(connection);
         delegate->shouldAcceptNewConnection(connection);
         if (role) {
             connection->host().registerClient(static_cast<std::int64_t>(*role),
@@ -81,6 +88,7 @@ protected:
     std::shared_ptr<relay::testing::FakeOpener> opener;
     std::shared_ptr<BridgeCore> core;
     std::shared_ptr<ServiceDelegate> delegate;
+    std::vector<std::shared_ptr<FakeConnection>> connections;
 };
 
 TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
