@@ -209,11 +209,14 @@ bool UsbTunnelManager::start() {
     d.refreshDevices();
     d.devicesDirty.store(false);
     usbmuxd_subscription_context_t context = nullptr;
+    // Active before subscribing: the library's event thread may announce the devices
+    // already present before the subscribe call returns, and those must not be lost.
+    d.eventsActive.store(true);
     if (usbmuxBackend().eventsSubscribe(&context, &UsbTunnelManager::onUsbmuxEvent, this) != 0) {
+        d.eventsActive.store(false);
         return false;
     }
     d.subscription = context;
-    d.eventsActive.store(true);
     std::lock_guard lock(d.mutex);
     d.started = true;
     return true;

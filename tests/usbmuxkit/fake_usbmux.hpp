@@ -46,6 +46,7 @@ public:
     }
     int listResult = 0;  // a negative value makes the listing fail
     int subscribeResult = 0;
+    bool announceOnSubscribe = false;
     SendHook onSend;
     RecvHook onRecv;
 
@@ -110,10 +111,23 @@ public:
         if (subscribeResult != 0) {
             return subscribeResult;
         }
-        std::lock_guard lock(eventMutex_);
-        callback_ = callback;
-        userData_ = userData;
-        *context = reinterpret_cast<usbmuxd_subscription_context_t>(this);
+        {
+            std::lock_guard lock(eventMutex_);
+            callback_ = callback;
+            userData_ = userData;
+            *context = reinterpret_cast<usbmuxd_subscription_context_t>(this);
+        }
+        // The library's event thread may announce present devices before subscribe returns.
+        if (announceOnSubscribe) {
+            std::vector<Device> present;
+            {
+                std::lock_guard lock(mutex_);
+                present = devices_;
+            }
+            for (const auto& device : present) {
+                fire(1, device.handle, device.udid);
+            }
+        }
         return 0;
     }
     // Like the library, waits for an event being delivered.

@@ -58,6 +58,15 @@ TEST_F(UsbTunnelManagerTest, FailedSubscriptionLeavesTheManagerStopped) {
     EXPECT_TRUE(manager.start());
 }
 
+TEST_F(UsbTunnelManagerTest, DevicesAnnouncedWhileSubscribingReachTheCallback) {
+    fake.setDevices({{4, "A"}});
+    fake.announceOnSubscribe = true;
+    std::vector<std::string> seen;
+    manager.setDeviceEventCallback([&](const DeviceEvent& e) { seen.emplace_back(e.udid); });
+    ASSERT_TRUE(manager.start());
+    EXPECT_EQ(seen, std::vector<std::string>{"A"});
+}
+
 TEST_F(UsbTunnelManagerTest, EmptyUdidMeansTheFirstListedDeviceWithAUdid) {
     ASSERT_TRUE(manager.start());
     EXPECT_FALSE(manager.ensureTunnel("", 7));  // nothing attached
