@@ -287,10 +287,10 @@ public:
 
 private:
     void enqueue(detail::Job job) {
-        {
-            std::lock_guard lock(mutex_);
-            jobs_.push_back(std::move(job));
-        }
+        // Notified under the lock: once the job has run, its waiter may destroy the queue,
+        // and the condition variable with it, before a notify made after unlocking.
+        std::lock_guard lock(mutex_);
+        jobs_.push_back(std::move(job));
         wake_.notify_one();
     }
 
