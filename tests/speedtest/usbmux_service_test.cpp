@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 
@@ -117,10 +118,10 @@ protected:
         seen_.push_back(std::to_string(event.eventType) + " " + event.udid);
         changed_.notify_all();
     }
-    bool waitFor(const std::string& entry) {
+    bool waitFor(const std::string& entry, long times = 1) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, skiff::testing::kWaitLimit, [&] {
-            return std::find(seen_.begin(), seen_.end(), entry) != seen_.end();
+            return std::count(seen_.begin(), seen_.end(), entry) >= times;
         });
     }
 
@@ -134,7 +135,9 @@ TEST_F(DeviceEvents, ReachTheHandlerAsRecords) {
     UsbMuxService service(runtime_.executor());
     run(service.setDeviceEventHandler([this](const auto& event) { note(event); }));
     run(service.start());
-    EXPECT_TRUE(waitFor("1 phone-A"));
+    // libusbmuxd's event stream is up once it announces the present device; changes
+    // before that are never evented.
+    ASSERT_TRUE(waitFor("1 phone-A"));
     phone_->attach("phone-B");
     EXPECT_TRUE(waitFor("1 phone-B"));
     phone_->detach("phone-A");
@@ -143,6 +146,7 @@ TEST_F(DeviceEvents, ReachTheHandlerAsRecords) {
     // A restart registers the kept handler again.
     run(service.shutdown());
     run(service.start());
+    ASSERT_TRUE(waitFor("1 phone-B", 2));
     phone_->attach("phone-C");
     EXPECT_TRUE(waitFor("1 phone-C"));
 }
