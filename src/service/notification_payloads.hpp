@@ -15,6 +15,7 @@ namespace skiff::service {
 struct NotifyBridgeStateChangedPayload {
     std::int64_t source = 0;
     bool connected = false;
+    bool operator==(const NotifyBridgeStateChangedPayload&) const = default;
 };
 constexpr auto jsonFields(const NotifyBridgeStateChangedPayload*) {
     using T = NotifyBridgeStateChangedPayload;
@@ -26,6 +27,7 @@ struct FileIOProgressPayload {
     std::uint64_t completedBytes = 0;
     std::uint64_t totalBytes = 0;
     std::uint8_t percent = 0;
+    bool operator==(const FileIOProgressPayload&) const = default;
 };
 constexpr auto jsonFields(const FileIOProgressPayload*) {
     using T = FileIOProgressPayload;
@@ -37,6 +39,7 @@ constexpr auto jsonFields(const FileIOProgressPayload*) {
 struct MountControlNotifyPayload {
     enum class Action : std::uint8_t { mount, unmount };
     Action action = Action::mount;
+    bool operator==(const MountControlNotifyPayload&) const = default;
 };
 std::span<const std::string_view> textNames(MountControlNotifyPayload::Action);
 constexpr auto jsonFields(const MountControlNotifyPayload*) {
@@ -48,6 +51,7 @@ struct ItemMutationNotifyPayload {
     enum class Kind : std::uint8_t { created, deleted };
     Kind kind = Kind::created;
     std::string relayID;
+    bool operator==(const ItemMutationNotifyPayload&) const = default;
 };
 std::span<const std::string_view> textNames(ItemMutationNotifyPayload::Kind);
 constexpr auto jsonFields(const ItemMutationNotifyPayload*) {
