@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
@@ -42,26 +43,18 @@ public:
 
     // True once an event of this type and UDID has been seen.
     bool waitFor(int32_t type, const std::string& udid) {
-        return waitUntil([&](const std::vector<SeenEvent>&) { return count(type, udid) > 0; });
+        return waitUntil([&](const std::vector<SeenEvent>& events) {
+            return std::any_of(events.begin(), events.end(), [&](const SeenEvent& e) {
+                return e.type == type && e.udid == udid;
+            });
+        });
     }
     bool waitUntil(const std::function<bool(const std::vector<SeenEvent>&)>& done) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, kEventTimeout, [&] { return done(events_); });
     }
-    size_t countOf(int32_t type, const std::string& udid) {
-        std::lock_guard lock(mutex_);
-        return count(type, udid);
-    }
 
 private:
-    size_t count(int32_t type, const std::string& udid) const {
-        size_t n = 0;
-        for (const auto& e : events_) {
-            n += e.type == type && e.udid == udid;
-        }
-        return n;
-    }
-
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<SeenEvent> events_;

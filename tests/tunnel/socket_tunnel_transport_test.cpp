@@ -26,12 +26,8 @@ protected:
 
     bool disconnectedOf(std::future<Bytes>& pending) {
         EXPECT_TRUE(readyInTime(pending));
-        try {
-            pending.get();
-        } catch (const TunnelTransportError& e) {
-            return e.errorCase() == TunnelTransportError::Case::disconnected;
-        }
-        return false;
+        return testing::errorCaseOf<TunnelTransportError>([&] { pending.get(); }) ==
+               TunnelTransportError::Case::disconnected;
     }
 
     runtime::IoRuntime runtime{2};

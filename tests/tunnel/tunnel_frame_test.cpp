@@ -54,17 +54,10 @@ TEST(TunnelFrame, PayloadLimitHoldsExactlyAtFiveMebibytes) {
     EXPECT_TRUE(rejected(header(1, 0xFFFFFFFF)));
 }
 
-TEST(TunnelFrame, FlowZeroIsNeverFramedButParses) {
-    EXPECT_FALSE(encodeFrame(FrameKind::request, 1, 0, {}).has_value());
-    Bytes h = header(1, 0);
-    h[8] = 0;
-    EXPECT_EQ(parseFrameHeader(h).flow, 0u);
-}
-
-TEST(TunnelFrame, ParserRejectsBadMagicKindAndSize) {
-    EXPECT_TRUE(rejected(header(0, 0)));
-    EXPECT_TRUE(rejected(header(6, 0)));
-    EXPECT_TRUE(rejected(header(0xFF, 0)));
+TEST(TunnelFrame, ParserRejectsBadMagicKindAndSizeButPassesReservedValues) {
+    for (std::uint8_t kind : {0, 6, 0xFF}) {
+        EXPECT_TRUE(rejected(header(kind, 0))) << int(kind);
+    }
     Bytes badMagic = header(1, 0);
     badMagic[3] = 0x56;
     EXPECT_TRUE(rejected(badMagic));
@@ -75,18 +68,20 @@ TEST(TunnelFrame, ParserRejectsBadMagicKindAndSize) {
     longHeader.push_back(0);
     EXPECT_TRUE(rejected(longHeader));
     EXPECT_TRUE(rejected({}));
-}
 
-TEST(TunnelFrame, ReservedKindsAndReservedByteParseUnchanged) {
     EXPECT_EQ(parseFrameHeader(header(4, 0)).kind, FrameKind::reserved4);
     EXPECT_EQ(parseFrameHeader(header(5, 0)).kind, FrameKind::reserved5);
     EXPECT_EQ(parseFrameHeader(header(2, 3, 0x9C)).reserved, 0x9C);
+    // Flow 0 is never framed, but judging it is the engine's job.
+    EXPECT_FALSE(encodeFrame(FrameKind::request, 1, 0, {}).has_value());
+    Bytes zeroFlow = header(1, 0);
+    zeroFlow[8] = 0;
+    EXPECT_EQ(parseFrameHeader(zeroFlow).flow, 0u);
 }
 
 TEST(TunnelFrame, FlowCounterSkipsZeroWhenItWraps) {
     std::uint32_t counter = 1;
     EXPECT_EQ(takeFlowValue(counter), 1u);
-    EXPECT_EQ(takeFlowValue(counter), 2u);
     counter = 0xFFFFFFFE;
     EXPECT_EQ(takeFlowValue(counter), 0xFFFFFFFEu);
     EXPECT_EQ(takeFlowValue(counter), 0xFFFFFFFFu);

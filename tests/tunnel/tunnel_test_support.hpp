@@ -142,13 +142,15 @@ inline bool eventually(const std::function<bool()>& condition) {
     return condition();
 }
 
-inline TunnelEngineError::Case engineErrorOf(const std::function<void()>& call) {
+// The case of the Error that call throws; any other outcome fails the test.
+template <class Error>
+typename Error::Case errorCaseOf(const std::function<void()>& call) {
     try {
         call();
-    } catch (const TunnelEngineError& e) {
+    } catch (const Error& e) {
         return e.errorCase();
     }
-    throw std::runtime_error("no TunnelEngineError thrown");
+    throw std::runtime_error("the expected error was not thrown");
 }
 
 }  // namespace skiff::tunnel::testing

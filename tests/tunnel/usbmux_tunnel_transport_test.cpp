@@ -18,40 +18,28 @@ tunnel_id tunnelTo(const char* udid, std::uint16_t port) {
     return id;
 }
 
-TEST(UsbMuxTunnelTransport, QueuesAreLabelledByPort) {
-    UsbMuxTunnelTransport relay(tunnelTo("", 33325));
-    UsbMuxTunnelTransport other(tunnelTo("", 8080));
-    EXPECT_EQ(relay.sendQueueLabel(), "Mox.Harbor.usbmux-tunnel.33325.send");
-    EXPECT_EQ(relay.recvQueueLabel(), "Mox.Harbor.usbmux-tunnel.33325.recv");
-    EXPECT_EQ(other.sendQueueLabel(), "Mox.Harbor.usbmux-tunnel.8080.send");
-    EXPECT_NE(relay.recvQueueLabel(), other.recvQueueLabel());
-}
-
-TEST(UsbMuxTunnelTransport, NativeFailuresSurfaceAsDisconnected) {
+TEST(UsbMuxTunnelTransport, QueuesAreLabelledByPortAndNativeFailuresMeanDisconnected) {
+    EXPECT_EQ(UsbMuxTunnelTransport(tunnelTo("", 8080)).sendQueueLabel(),
+              "Mox.Harbor.usbmux-tunnel.8080.send");
     // Without a started manager every native transfer fails.
+    auto transport = std::make_shared<UsbMuxTunnelTransport>(tunnelTo("no-such-device", 33325));
+    EXPECT_EQ(transport->recvQueueLabel(), "Mox.Harbor.usbmux-tunnel.33325.recv");
+
     runtime::IoRuntime runtime(1);
     runtime.start();
-    auto transport = std::make_shared<UsbMuxTunnelTransport>(tunnelTo("no-such-device", 33325));
     auto caseOf = [&](auto call) {
-        try {
-            runSync(runtime.executor(), call());
-        } catch (const TunnelTransportError& e) {
-            return e.errorCase();
-        }
-        return TunnelTransportError::Case::ioFailed;
+        return testing::errorCaseOf<TunnelTransportError>(
+            [&] { runSync(runtime.executor(), call()); });
     };
-    EXPECT_EQ(caseOf([&] {
-                  return transport->send(Bytes{1, 2});
-              }),
-              TunnelTransportError::Case::disconnected);
-    EXPECT_EQ(caseOf([&] { return transport->send({}); }),
-              TunnelTransportError::Case::disconnected);
+    const auto disconnected = TunnelTransportError::Case::disconnected;
+    EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}); }), disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->send({}); }), disconnected);
     EXPECT_EQ(caseOf([&] {
                   return [](std::shared_ptr<UsbMuxTunnelTransport> t) -> asio::awaitable<void> {
                       co_await t->receive(16);
                   }(transport);
               }),
-              TunnelTransportError::Case::disconnected);
+              disconnected);
     EXPECT_NO_THROW(runSync(runtime.executor(), transport->close()));
     runtime.stop();
 }

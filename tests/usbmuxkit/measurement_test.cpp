@@ -85,7 +85,6 @@ TEST_F(MeasurementTest, DownloadSendsHeaderAndPatternThenWantsTheAcknowledgement
     const std::string header = "BW:DOWN:600000\r\n";
     ASSERT_THAT(fake.sent, StartsWith(header));
     EXPECT_EQ(payloadSent(header.size()), std::string(600000, '\xA5'));
-    EXPECT_EQ(fake.sendRequests, (std::vector<uint32_t>{16, 262144, 262144, 75712}));
     EXPECT_GT(seconds, 0);
     EXPECT_EQ(out, "下行带宽 Mac → iPhone (USBMUX): " + throughputLine(600000, seconds));
 
@@ -126,13 +125,8 @@ TEST_F(MeasurementTest, UploadReadsExactlyTheAnnouncedBytes) {
     ASSERT_TRUE(
         captured([&] { return UsbTunnelManager::runUploadTest(session, 600000, &seconds); }));
     EXPECT_EQ(fake.sent, "BW:UP:600000\r\n");
-    EXPECT_EQ(fake.recvRequests, (std::vector<uint32_t>{262144, 262144, 75712}));
     EXPECT_GE(seconds, 0);
     EXPECT_EQ(out, "上行带宽 iPhone → Mac (USBMUX): " + throughputLine(600000, seconds));
-
-    fake.sent.clear();
-    ASSERT_TRUE(captured([&] { return UsbTunnelManager::runUploadTest(session, 0, nullptr); }));
-    EXPECT_EQ(fake.sent, "BW:UP:0\r\n");
 
     fake.onRecv = [](int, char*, uint32_t, uint32_t* got) {
         *got = 0;
