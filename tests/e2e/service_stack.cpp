@@ -1,5 +1,7 @@
 #include "e2e/service_stack.hpp"
 
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -84,6 +86,11 @@ std::unique_ptr<service::dbus::HarborClient> ServiceStack::connect(
 std::vector<std::string> ServiceStack::environment() const {
     return {"DBUS_SESSION_BUS_ADDRESS=" + busAddress(), phone_->muxEnvironment(),
             "SKIFF_LOG=stderr"};
+}
+
+void writeNotes(const std::string& storage) {
+    std::filesystem::create_directories(storage + "/Documents");
+    std::ofstream(storage + "/Documents/notes.txt") << "twelve bytes";
 }
 
 RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role) {

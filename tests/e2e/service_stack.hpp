@@ -80,6 +80,9 @@ private:
     std::unique_ptr<ChildProcess> skiffd_;
 };
 
+// Storage for the stack: Documents/notes.txt holding "twelve bytes".
+void writeNotes(const std::string& storage);
+
 // Registers a client under `role` whose notifications are recorded and waits until the service has
 // told it that the phone is attached, so that relays can start.
 struct RegisteredClient {

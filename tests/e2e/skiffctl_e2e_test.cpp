@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "common/json.hpp"
@@ -20,12 +18,6 @@ struct CtlRun {
 
 class SkiffctlE2eTest : public ::testing::Test {
 protected:
-    SkiffctlE2eTest()
-        : stack_([](const std::string& storage) {
-              std::filesystem::create_directories(storage + "/Documents");
-              std::ofstream(storage + "/Documents/notes.txt") << "twelve bytes";
-          }) {}
-
     std::unique_ptr<ChildProcess> start(std::vector<std::string> args,
                                         std::vector<std::string> extraEnv = {}) {
         args.insert(args.begin(), buildPath("src/ctl/skiffctl"));
@@ -51,7 +43,7 @@ protected:
         return result;
     }
 
-    ServiceStack stack_;
+    ServiceStack stack_{writeNotes};
 };
 
 std::vector<json::Json> jsonLines(const std::string& output) {

@@ -8,10 +8,8 @@
 #include <string>
 
 #include "common/log.hpp"
-#include "service/bridge_core.hpp"
 #include "service/bridge_messages.hpp"
 #include "service/notification_payloads.hpp"
-#include "service/service_delegate.hpp"
 #include "service/service_fakes.hpp"
 #include "tunnel/tunnel_test_support.hpp"
 
@@ -19,7 +17,6 @@ namespace skiff::service {
 namespace {
 
 using testing::FakeConnection;
-using testing::FakeUsbMux;
 using testing::Notification;
 using tunnel::testing::eventually;
 
@@ -28,31 +25,11 @@ constexpr const char* kExtensionGone = R"({"source":0,"connected":false})";
 constexpr const char* kPhonePresent = R"({"source":2,"connected":true})";
 constexpr const char* kPhoneGone = R"({"source":2,"connected":false})";
 
-class BridgeCoreTest : public ::testing::Test {
+class BridgeCoreTest : public testing::CoreTest {
 protected:
-    void SetUp() override {
-        runtime.start();
-        BridgeCollaborators collaborators;
-        collaborators.executor = runtime.executor();
-        collaborators.usbMux = usbMux;
+    void complete(BridgeCollaborators& collaborators) override {
         collaborators.probe.usbDidConnect = [this] { ++probeConnects; };
         collaborators.probe.usbDidDisconnect = [this] { ++probeDisconnects; };
-        core = std::make_shared<BridgeCore>(collaborators);
-        delegate = std::make_shared<ServiceDelegate>(core);
-    }
-    void TearDown() override {
-        runtime.stop();
-        // A connection holds itself through its handler until the peer goes.
-        for (auto& connection : connections) {
-            connection->invalidate();
-        }
-    }
-
-    std::shared_ptr<FakeConnection> connect() {
-        auto connection = std::make_shared<FakeConnection>();
-        connections.push_back(connection);
-        EXPECT_TRUE(delegate->shouldAcceptNewConnection(connection));
-        return connection;
     }
 
     bool registerAs(FakeConnection& connection, HarborBridgeClientRole role) {
@@ -84,39 +61,28 @@ protected:
         });
     }
 
-    runtime::IoRuntime runtime;
-    std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
-    std::shared_ptr<BridgeCore> core;
-    std::shared_ptr<ServiceDelegate> delegate;
-    std::vector<std::shared_ptr<FakeConnection>> connections;
     std::atomic<int> probeConnects = 0;
     std::atomic<int> probeDisconnects = 0;
 };
 
-TEST_F(BridgeCoreTest, LaterRegistrationReplacesEarlierOfSameRoleSilently) {
+TEST_F(BridgeCoreTest, RegistryHoldsOneClientPerRole) {
     auto first = connect();
     auto second = connect();
+    ASSERT_TRUE(registerAs(*first, HarborBridgeClientRole::fileProvider));
+    ASSERT_TRUE(registerAs(*first, HarborBridgeClientRole::fileProvider));
+    EXPECT_EQ(roleOf(*first), 0);
+    // Registering under another role moves the entry.
     ASSERT_TRUE(registerAs(*first, HarborBridgeClientRole::desktopApp));
-    ASSERT_TRUE(registerAs(*second, HarborBridgeClientRole::desktopApp));
+    EXPECT_EQ(roleOf(*first), 1);
+    EXPECT_EQ(core->clientProxy(0), nullptr);
 
+    // A later registration replaces the earlier one silently; the replaced one is still served.
+    ASSERT_TRUE(registerAs(*second, HarborBridgeClientRole::desktopApp));
     EXPECT_EQ(roleOf(*first), std::nullopt);
-    EXPECT_EQ(roleOf(*second), 1);
     EXPECT_EQ(core->clientProxy(1), second->client);
-    // The replaced one is still served.
     bool echoed = false;
     first->host().echo([&] { echoed = true; });
     EXPECT_TRUE(echoed);
-}
-
-TEST_F(BridgeCoreTest, RegisteringAgainKeepsOrMovesTheEntry) {
-    auto client = connect();
-    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::fileProvider));
-    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::fileProvider));
-    EXPECT_EQ(roleOf(*client), 0);
-
-    ASSERT_TRUE(registerAs(*client, HarborBridgeClientRole::desktopApp));
-    EXPECT_EQ(roleOf(*client), 1);
-    EXPECT_EQ(core->clientProxy(0), nullptr);
 }
 
 TEST_F(BridgeCoreTest, UnknownCallersAndRolesAreRefused) {
@@ -152,42 +118,28 @@ TEST_F(BridgeCoreTest, InvalidationRemovesExtensionAndAppButNeverUsbMux) {
     EXPECT_TRUE(logs.contains("desktop app disconnected"));
 }
 
-TEST_F(BridgeCoreTest, RegistrationTellsClientsWhoIsThereAndDropsWhatNobodyCanTake) {
-    auto extension = connect();
-    ASSERT_TRUE(registerAs(*extension, HarborBridgeClientRole::fileProvider));
-    // No desktop app yet: only the extension hears about the phone.
-    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone}));
-
-    auto app = connect();
-    ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
-    ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone}));
-    // Nothing from before its registration was kept for the app.
-    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone}));
-
-    extension->invalidate();
-    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kExtensionGone}));
-}
-
-TEST_F(BridgeCoreTest, DeviceEventsTrackThePhoneAndReachBothClients) {
+TEST_F(BridgeCoreTest, ClientsHearWhoIsThereAndWhatThePhoneDoes) {
     auto extension = connect();
     auto app = connect();
     // One at a time: a notification is addressed when it is sent, not when it is queued.
     ASSERT_TRUE(registerAs(*extension, HarborBridgeClientRole::fileProvider));
+    // No desktop app yet: only the extension hears about the phone.
     ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone}));
     ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
     ASSERT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone}));
+    // Nothing from before its registration was kept for the app.
     ASSERT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone}));
 
     core->handleUsbDeviceEvent(1, "00008101-ABC");
     EXPECT_EQ(core->usbMuxConnection(), "00008101-ABC");
-    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kPhonePresent}));
-    EXPECT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone, kPhonePresent}));
-
     core->handleUsbDeviceEvent(2, "00008101-ABC");
     EXPECT_EQ(core->usbMuxConnection(), std::nullopt);
-    EXPECT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone, kPhonePresent, kPhoneGone}));
     EXPECT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone, kPhonePresent, kPhoneGone}));
     EXPECT_TRUE(eventually([&] { return probeConnects == 1 && probeDisconnects == 1; }));
+
+    extension->invalidate();
+    EXPECT_TRUE(receivedInOrder(
+        *app, {kExtensionPresent, kPhoneGone, kPhonePresent, kPhoneGone, kExtensionGone}));
 }
 
 TEST_F(BridgeCoreTest, UsbLayerStartsOnceAndAFailedStartIsNotRetried) {

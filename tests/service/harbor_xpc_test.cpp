@@ -9,49 +9,30 @@
 #include <tuple>
 
 #include "common/run_sync.hpp"
-#include "common/version.hpp"
 #include "relay/relay_fakes.hpp"
-#include "service/bridge_core.hpp"
 #include "service/harbor_xpc.hpp"
-#include "service/service_delegate.hpp"
 #include "service/service_fakes.hpp"
 
 namespace skiff::service {
 namespace {
 
 using testing::FakeConnection;
-using testing::FakeUsbMux;
 using tunnel::testing::eventually;
 using RelayResult = std::tuple<Bytes, std::int64_t, std::int64_t>;
 
 constexpr std::size_t kLimit = 5'242'880;
 
-class HarborXpcTest : public ::testing::Test {
+class HarborXpcTest : public testing::CoreTest {
 protected:
-    void SetUp() override {
-        runtime.start();
+    void complete(BridgeCollaborators& collaborators) override {
         opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
-        auto engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
-        BridgeCollaborators collaborators;
-        collaborators.executor = runtime.executor();
-        collaborators.usbMux = usbMux;
         collaborators.relayBridge = std::make_shared<relay::TunnelRelayBridge>(
-            runtime.executor(), engine, opener, relay::PushTargets{});
-        core = std::make_shared<BridgeCore>(collaborators);
-        delegate = std::make_shared<ServiceDelegate>(core);
-    }
-    void TearDown() override {
-        runtime.stop();
-        // A connection holds itself through its handler until the peer goes.
-        for (auto& connection : connections) {
-            connection->invalidate();
-        }
+            runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener,
+            relay::PushTargets{});
     }
 
     std::shared_ptr<FakeConnection> client(std::optional<HarborBridgeClientRole> role) {
-        auto connection = std::make_shared<FakeConnection>();
-        connections.push_back(connection);
-        delegate->shouldAcceptNewConnection(connection);
+        auto connection = connect();
         if (role) {
             connection->host().registerClient(static_cast<std::int64_t>(*role),
                                               [](bool ok) { EXPECT_TRUE(ok); });
@@ -83,12 +64,7 @@ protected:
         return promise->get_future();
     }
 
-    runtime::IoRuntime runtime;
-    std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
     std::shared_ptr<relay::testing::FakeOpener> opener;
-    std::shared_ptr<BridgeCore> core;
-    std::shared_ptr<ServiceDelegate> delegate;
-    std::vector<std::shared_ptr<FakeConnection>> connections;
 };
 
 TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
@@ -167,15 +143,8 @@ TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
     EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
 }
 
-TEST_F(HarborXpcTest, FixedAnswersAndOperationsNotOfferedYet) {
+TEST_F(HarborXpcTest, FileOperationsAndShutdownAreNotOffered) {
     auto app = client(HarborBridgeClientRole::desktopApp);
-    std::int64_t version = -1;
-    app->host().getXPCServiceVersion([&](std::int64_t v) { version = v; });
-    EXPECT_EQ(version, kBuildNumber);
-    std::uint64_t ingested = 0;
-    app->host().benchmarkIngest(Bytes(1000), [&](std::uint64_t n) { ingested = n; });
-    EXPECT_EQ(ingested, 1000u);
-
     EXPECT_THROW(app->host().requestFileIO(0, {}, [](Bytes, std::int64_t) {}), NotSupported);
     EXPECT_THROW(app->host().filesystemDidUnmount(), NotSupported);
     EXPECT_THROW(app->host().shutdown([](bool) {}), NotSupported);

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <latch>
 #include <memory>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -13,18 +12,6 @@ namespace {
 
 using skiff::service::OnceReply;
 using skiff::service::OnceReplyHolder;
-
-TEST(OnceReply, OnlyTheFirstResumeReachesTheWaiter) {
-    std::vector<std::string> received;
-    OnceReplyHolder<std::string> holder([&](std::string value) { received.push_back(value); });
-    auto timeout = [holder] { return holder.resume("timeout"); };
-    auto result = [holder] { return holder.resume("result"); };
-
-    EXPECT_TRUE(result());
-    EXPECT_FALSE(timeout());
-    EXPECT_FALSE(result());
-    EXPECT_EQ(received, std::vector<std::string>{"result"});
-}
 
 TEST(OnceReply, AcceptsMoveOnlyWaitersInstalledLater) {
     OnceReply<int> once;

@@ -1,5 +1,8 @@
 #pragma once
-// Plain fakes of the client side and the USB layer for the service core's tests.
+// Plain fakes of the client side and the USB layer, and the core behind its delegate as
+// the bus adapter drives it, for the service core's tests.
+
+#include <gtest/gtest.h>
 
 #include <asio.hpp>
 #include <cstdint>
@@ -12,7 +15,10 @@
 #include <utility>
 #include <vector>
 
+#include "common/runtime.hpp"
+#include "service/bridge_core.hpp"
 #include "service/bridge_protocols.hpp"
+#include "service/service_delegate.hpp"
 #include "service/usbmux_link.hpp"
 
 namespace skiff::service::testing {
@@ -151,6 +157,41 @@ public:
     SpeedTestMeasurement measurement;
     std::optional<SpeedTestError> failure;
     std::function<asio::awaitable<void>()> duringRound;
+};
+
+class CoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        runtime.start();
+        BridgeCollaborators collaborators;
+        collaborators.executor = runtime.executor();
+        collaborators.usbMux = usbMux;
+        complete(collaborators);
+        core = std::make_shared<BridgeCore>(collaborators);
+        delegate = std::make_shared<ServiceDelegate>(core);
+    }
+    void TearDown() override {
+        runtime.stop();
+        // A connection holds itself through its handler until the peer goes.
+        for (auto& connection : connections) {
+            connection->invalidate();
+        }
+    }
+    // Adds what a test's core needs beyond the executor and the USB layer.
+    virtual void complete(BridgeCollaborators&) {}
+
+    std::shared_ptr<FakeConnection> connect() {
+        auto connection = std::make_shared<FakeConnection>();
+        connections.push_back(connection);
+        EXPECT_TRUE(delegate->shouldAcceptNewConnection(connection));
+        return connection;
+    }
+
+    runtime::IoRuntime runtime;
+    std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
+    std::shared_ptr<BridgeCore> core;
+    std::shared_ptr<ServiceDelegate> delegate;
+    std::vector<std::shared_ptr<FakeConnection>> connections;
 };
 
 }  // namespace skiff::service::testing

@@ -62,7 +62,6 @@ TEST_F(AppLookupTest, FileSummaryFollowsTheFileSystem) {
     EXPECT_EQ(s.allocSize, static_cast<std::uint64_t>(st.st_blocks) * 512);
     EXPECT_EQ(s.uid, st.st_uid);
     EXPECT_EQ(s.linkCount, st.st_nlink);
-    EXPECT_EQ(s.flags, 0u);
     EXPECT_EQ(s.modifyTime.tvSec, st.st_mtim.tv_sec);
     EXPECT_EQ(s.modifyTime.tvNsec, st.st_mtim.tv_nsec);
     ASSERT_TRUE(s.contentVersion && s.metadataVersion);

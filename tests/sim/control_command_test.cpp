@@ -25,9 +25,48 @@ TEST(ControlCommand, ParsesCommandsAndTheirUdid) {
     EXPECT_EQ(parsed("replug x").verb, ControlVerb::replug);
 }
 
+TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
+    auto push = parsed("push 3 {\"a\": 1,  \"b\": 2}");
+    EXPECT_EQ(push.verb, ControlVerb::app);
+    EXPECT_EQ(push.app.code, 3);
+    EXPECT_EQ(push.app.text, "{\"a\": 1,  \"b\": 2}");
+    EXPECT_EQ(parsed("push 65535").app.text, "");
+    EXPECT_EQ(parsed("push 1 \"\"").app.text, "");
+
+    auto pong = parsed("fault pong  NOT PONG ").app;
+    EXPECT_TRUE(pong.on);
+    EXPECT_EQ(pong.text, "NOT PONG");
+    EXPECT_FALSE(parsed("fault ack off").app.on);
+    EXPECT_TRUE(parsed("fault ack off the record").app.on);
+    EXPECT_EQ(parsed("fault status 0").app.code, 0);
+    EXPECT_TRUE(parsed("fault status 0").app.on);
+    EXPECT_FALSE(parsed("fault delay 0").app.on);
+}
+
 TEST(ControlCommand, RejectsWrongShapes) {
-    for (std::string_view line : {"", "   ", "attach", "detach", "replug", "list x", "attach a b",
-                                  "drop a b", "reboot", "LIST"}) {
+    for (std::string_view line : {"",
+                                  "   ",
+                                  "attach",
+                                  "detach",
+                                  "replug",
+                                  "list x",
+                                  "attach a b",
+                                  "drop a b",
+                                  "reboot",
+                                  "LIST",
+                                  "push",
+                                  "push 65536",
+                                  "push -1 x",
+                                  "fault status 7x",
+                                  "fault delay",
+                                  "fault silent maybe",
+                                  "fault close on now",
+                                  "fault pong",
+                                  "fault clear all",
+                                  "fault nothing",
+                                  "inject",
+                                  "inject bad-header 2",
+                                  "received all"}) {
         EXPECT_TRUE(std::holds_alternative<std::string>(parseControlCommand(line))) << line;
     }
 }

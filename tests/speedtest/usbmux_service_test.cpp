@@ -13,6 +13,17 @@ using ErrorCode = UsbMuxService::ErrorCode;
 
 class SpeedTest : public PhoneTest {
 protected:
+    void TearDown() override {
+        service_.reset();  // before the native manager goes
+        PhoneTest::TearDown();
+    }
+    // A phone with `devices` and a started service in front of it.
+    UsbMuxService& started(std::vector<std::string> devices, std::vector<std::string> args = {}) {
+        startPhone(std::move(devices), std::move(args));
+        service_ = std::make_unique<UsbMuxService>(runtime_.executor());
+        run(service_->start());
+        return *service_;
+    }
     UsbMuxService::SpeedTestRound round(UsbMuxService& service, std::uint64_t bytes) {
         return run(service.runSpeedTestRound(kAppPort, bytes));
     }
@@ -25,6 +36,8 @@ protected:
         ADD_FAILURE() << "the round succeeded";
         return ErrorCode::pingFailed;
     }
+
+    std::unique_ptr<UsbMuxService> service_;
 };
 
 TEST_F(SpeedTest, NotStartedTouchesNothing) {
@@ -36,9 +49,7 @@ TEST_F(SpeedTest, NotStartedTouchesNothing) {
 }
 
 TEST_F(SpeedTest, TheAppReceivesExactlyTheMeasurementBytes) {
-    startPhone({"phone-A"});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
+    auto& service = started({"phone-A"});
     // Over two of the native layer's 262144-byte pieces.
     const std::uint64_t bytes = 600'001;
     auto result = round(service, bytes);
@@ -61,9 +72,7 @@ TEST_F(SpeedTest, TheAppReceivesExactlyTheMeasurementBytes) {
 }
 
 TEST_F(SpeedTest, EmptyPayloadSendsBareHeadersAndRatesOfZero) {
-    startPhone({"phone-A"});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
+    auto& service = started({"phone-A"});
     auto result = round(service, 0);
     EXPECT_EQ(result.download.mibPerSecond(), 0);
     EXPECT_EQ(result.download.mbitPerSecond(), 0);
@@ -78,9 +87,7 @@ TEST_F(SpeedTest, EmptyPayloadSendsBareHeadersAndRatesOfZero) {
 }
 
 TEST_F(SpeedTest, AnyPingReplyCountsButTheAckNeedsItsColon) {
-    startPhone({"phone-A"});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
+    auto& service = started({"phone-A"});
     control("fault pong HELLO THERE");
     EXPECT_EQ(round(service, 16).deviceUDID, "phone-A");
 
@@ -89,23 +96,15 @@ TEST_F(SpeedTest, AnyPingReplyCountsButTheAckNeedsItsColon) {
 }
 
 TEST_F(SpeedTest, NoDevicesWithoutAPhone) {
-    startPhone({});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
-    EXPECT_EQ(failure(service), ErrorCode::noDevices);
+    EXPECT_EQ(failure(started({})), ErrorCode::noDevices);
 }
 
 TEST_F(SpeedTest, NoDevicesWhenNoTunnelCouldBeMade) {
-    startPhone({"phone-A"}, {"--no-app"});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
-    EXPECT_EQ(failure(service), ErrorCode::noDevices);
+    EXPECT_EQ(failure(started({"phone-A"}, {"--no-app"})), ErrorCode::noDevices);
 }
 
 TEST_F(SpeedTest, ConnectionFailedWhenTheTunnelExistsButThePingFails) {
-    startPhone({"phone-A"});
-    UsbMuxService service(runtime_.executor());
-    run(service.start());
+    auto& service = started({"phone-A"});
     ASSERT_TRUE(usbmux_tunnel_ensure(firstDeviceTunnel()));
     control("fault close on");  // the app hangs up on the ping
     EXPECT_EQ(failure(service, 0), ErrorCode::connectionFailed);
