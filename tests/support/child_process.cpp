@@ -88,12 +88,6 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::strin
 
 ChildProcess::~ChildProcess() {
     stop();
-    {
-        // Let the reader drain what the child wrote last; a grandchild holding the pipe
-        // open must not hang the test, hence the bounded wait and the wake-up.
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::seconds(5), [this] { return outputEnded_; });
-    }
     char byte = 1;
     (void)!::write(wakeFd_[1], &byte, 1);
     reader_.join();
@@ -102,6 +96,13 @@ ChildProcess::~ChildProcess() {
             ::close(fd);
         }
     }
+}
+
+void ChildProcess::awaitOutputEnd() {
+    // Let the reader drain what the child wrote last, so output() after an exit is
+    // complete; a grandchild holding the pipe open must not hang the test.
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, std::chrono::seconds(5), [this] { return outputEnded_; });
 }
 
 void ChildProcess::readOutput() {
@@ -155,6 +156,7 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
         pid_t rc = ::waitpid(pid_, &status, WNOHANG);
         if (rc == pid_) {
             status_ = status;
+            awaitOutputEnd();
             return status_;
         }
         if (rc < 0 && errno != EINTR) {

@@ -41,6 +41,7 @@ public:
 
 private:
     void readOutput();
+    void awaitOutputEnd();
 
     pid_t pid_ = -1;
     int pidFd_ = -1;
