@@ -217,6 +217,12 @@ asio::awaitable<void> UsbMuxService::doStart() {
     if (state_->started) {
         co_return;
     }
+    // Registered before the manager starts as well as after: the library announces the
+    // devices already present as soon as it subscribes, and a shutdown cleared the
+    // manager's callback, so registering only afterwards could miss those announcements.
+    if (state_->deviceEventHandler) {
+        registerTrampoline();
+    }
     const bool ok = co_await state_->queue.run([] { return usbmux_mgr_start(); });
     if (!ok) {
         throw Error(ErrorCode::startFailed);
