@@ -85,3 +85,16 @@ function(skiff_fuzzer name)
             $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES LABELS fuzz TIMEOUT 120)
 endfunction()
+
+# Adds every sub-folder of the current folder that has a CMakeLists.txt, in name order:
+# tests/, fuzz/ and bench/ keep one folder per subsystem.
+function(skiff_add_area_folders)
+    file(GLOB _areas LIST_DIRECTORIES true RELATIVE ${CMAKE_CURRENT_SOURCE_DIR}
+        ${CMAKE_CURRENT_SOURCE_DIR}/*)
+    list(SORT _areas)
+    foreach(_area IN LISTS _areas)
+        if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${_area}/CMakeLists.txt)
+            add_subdirectory(${_area})
+        endif()
+    endforeach()
+endfunction()
