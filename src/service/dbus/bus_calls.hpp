@@ -21,6 +21,20 @@
 
 namespace skiff::service::dbus {
 
+// A generated proxy interface bound to one peer's object; raw() reaches the untyped proxy
+// for calls with their own callbacks.
+template <class Interface>
+class ProxyGlue final : public sdbus::ProxyInterfaces<Interface> {
+public:
+    ProxyGlue(sdbus::IConnection& connection, std::string destination, std::string path)
+        : sdbus::ProxyInterfaces<Interface>(connection, std::move(destination), std::move(path)) {
+        this->registerProxy();
+    }
+    ~ProxyGlue() { this->unregisterProxy(); }
+
+    sdbus::IProxy& raw() { return this->getProxy(); }
+};
+
 // No time-out: a peer that never answers leaves the call pending, as a reply that is
 // never delivered must.
 inline constexpr std::uint64_t kNoTimeout = UINT64_MAX;

@@ -17,16 +17,7 @@ namespace skiff::service::dbus {
 
 namespace {
 
-class HostGlue final : public sdbus::ProxyInterfaces<Mox::Harbor::BridgeHost_proxy> {
-public:
-    HostGlue(sdbus::IConnection& connection, std::string destination, std::string path)
-        : ProxyInterfaces(connection, std::move(destination), std::move(path)) {
-        registerProxy();
-    }
-    ~HostGlue() { unregisterProxy(); }
-
-    sdbus::IProxy& raw() { return getProxy(); }
-};
+using HostGlue = ProxyGlue<Mox::Harbor::BridgeHost_proxy>;
 
 // Serves the caller's client implementation on the bus.
 class ClientAdaptor final : public sdbus::AdaptorInterfaces<Mox::Harbor::BridgeClient_adaptor> {

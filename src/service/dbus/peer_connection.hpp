@@ -13,16 +13,7 @@
 
 namespace skiff::service::dbus {
 
-class ClientGlue final : public sdbus::ProxyInterfaces<Mox::Harbor::BridgeClient_proxy> {
-public:
-    ClientGlue(sdbus::IConnection& connection, std::string destination, std::string path)
-        : ProxyInterfaces(connection, std::move(destination), std::move(path)) {
-        registerProxy();
-    }
-    ~ClientGlue() { unregisterProxy(); }
-
-    sdbus::IProxy& raw() { return getProxy(); }
-};
+using ClientGlue = ProxyGlue<Mox::Harbor::BridgeClient_proxy>;
 
 class PeerConnection final : public ClientConnection {
 public:
