@@ -125,7 +125,8 @@ std::optional<std::int64_t> BridgeCore::roleOfHost(const HarborBridgeHostProtoco
     return std::nullopt;
 }
 
-std::shared_ptr<HarborBridgeClientProtocol> BridgeCore::clientProxy(std::int64_t role) const {
+std::shared_ptr<HarborBridgeClientProtocol> BridgeCore::clientProxy(
+    std::int64_t role, std::function<void(const ClientCallFailure&)> onFailure) const {
     std::shared_ptr<ClientConnection> connection;
     {
         Lock guard(lock_);
@@ -136,10 +137,14 @@ std::shared_ptr<HarborBridgeClientProtocol> BridgeCore::clientProxy(std::int64_t
         connection = entry->second;
     }
     // Asked outside the lock: the adapter may take locks of its own.
-    return connection->remoteObjectProxy([role](const std::string& error) {
-        log::xpc().error("client proxy error (%{public}ld): %{public}s", static_cast<long>(role),
-                         error.c_str());
-    });
+    return connection->remoteObjectProxy(
+        [role, onFailure = std::move(onFailure)](const ClientCallFailure& failure) {
+            log::xpc().error("client proxy error (%{public}ld): %{public}s",
+                             static_cast<long>(role), failure.text.c_str());
+            if (onFailure) {
+                onFailure(failure);
+            }
+        });
 }
 
 std::optional<std::string> BridgeCore::usbMuxConnection() const {
@@ -147,9 +152,17 @@ std::optional<std::string> BridgeCore::usbMuxConnection() const {
     return usbMuxConnection_;
 }
 
+void BridgeCore::setObserver(std::shared_ptr<BridgeObserver> observer) {
+    Lock guard(lock_);
+    observer_ = std::move(observer);
+}
+
 void BridgeCore::handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid) {
     log::xpc().info("usb device event type=%{public}d udid=%{public}s", eventType, udid.c_str());
     Lock guard(lock_);
+    if (observer_) {
+        observer_->deviceChanged(udid, eventType != kDeviceRemoved);
+    }
     if (eventType == kDeviceRemoved) {
         usbMuxConnection_.reset();
         runtime::spawnTask(collaborators_.executor, afterDeviceRemoved());

@@ -54,7 +54,13 @@ public:
     void removeConnection(const std::shared_ptr<ClientConnection>& connection);
 
     std::optional<std::int64_t> roleOfHost(const HarborBridgeHostProtocol* host) const;
-    std::shared_ptr<HarborBridgeClientProtocol> clientProxy(std::int64_t role) const;
+    // The role's client, or null. A failed call through it is logged; `onFailure` (when
+    // given) hears of it too, e.g. to answer a waiting host call when the deadline passed.
+    std::shared_ptr<HarborBridgeClientProtocol> clientProxy(
+        std::int64_t role, std::function<void(const ClientCallFailure&)> onFailure = nullptr) const;
+
+    // Observers hear of every notification and device event from now on.
+    void setObserver(std::shared_ptr<BridgeObserver> observer);
     std::optional<std::string> usbMuxConnection() const;
 
     void handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid);
@@ -72,7 +78,10 @@ private:
     using Lock = std::lock_guard<std::mutex>;
 
     void broadcastBridgeState(std::int64_t source, const Lock&);
-    void postStateNotification(std::int64_t target, std::int64_t source, bool connected);
+    void postStateNotification(std::int64_t target, std::int64_t source, bool connected,
+                               bool observed);
+    void tellObservers(BridgeNotifyMessage message, const Bytes& param) const;
+    void sendToRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const;
     asio::awaitable<void> startUsbMux();
     asio::awaitable<void> afterDeviceRemoved();
 
@@ -84,6 +93,7 @@ private:
     std::map<std::int64_t, std::shared_ptr<ClientConnection>> byRole_;
     bool usbMuxBootstrapped_ = false;
     std::optional<std::string> usbMuxConnection_;
+    std::shared_ptr<BridgeObserver> observer_;
 };
 
 }  // namespace skiff::service

@@ -8,6 +8,22 @@
 namespace skiff::service {
 
 void BridgeCore::notifyRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const {
+    tellObservers(message, param);
+    sendToRole(role, message, std::move(param));
+}
+
+void BridgeCore::tellObservers(BridgeNotifyMessage message, const Bytes& param) const {
+    std::shared_ptr<BridgeObserver> observer;
+    {
+        Lock guard(lock_);
+        observer = observer_;
+    }
+    if (observer) {
+        observer->notificationPosted(static_cast<std::int64_t>(message), param);
+    }
+}
+
+void BridgeCore::sendToRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const {
     if (auto proxy = clientProxy(role)) {
         proxy->notifyClient(static_cast<std::int64_t>(message), std::move(param));
     }
@@ -18,21 +34,27 @@ void BridgeCore::broadcastBridgeState(std::int64_t source, const Lock&) {
     constexpr auto desktopApp = static_cast<std::int64_t>(HarborBridgeClientRole::desktopApp);
     if (source == static_cast<std::int64_t>(HarborBridgeClientRole::usbMux)) {
         const bool connected = usbMuxConnection_.has_value();
-        postStateNotification(desktopApp, source, connected);
-        postStateNotification(fileProvider, source, connected);
+        postStateNotification(desktopApp, source, connected, true);
+        postStateNotification(fileProvider, source, connected, false);
     } else if (source == fileProvider) {
-        postStateNotification(desktopApp, source, byRole_.contains(fileProvider));
+        postStateNotification(desktopApp, source, byRole_.contains(fileProvider), true);
     }
 }
 
-void BridgeCore::postStateNotification(std::int64_t target, std::int64_t source, bool connected) {
+void BridgeCore::postStateNotification(std::int64_t target, std::int64_t source, bool connected,
+                                       bool observed) {
     // Sent from the main actor once the registry lock is released; the proxy is looked
     // up then, so a client gone meanwhile gets nothing.
-    asio::post(mainActor_, [self = shared_from_this(), target, source, connected] {
+    asio::post(mainActor_, [self = shared_from_this(), target, source, connected, observed] {
         auto body = json::encode(NotifyBridgeStateChangedPayload{source, connected});
-        if (body) {
-            self->notifyRole(target, BridgeNotifyMessage::bridgeStateChanged, std::move(*body));
+        if (!body) {
+            return;
         }
+        // One event reaches observers once, however many roles it is sent to.
+        if (observed) {
+            self->tellObservers(BridgeNotifyMessage::bridgeStateChanged, *body);
+        }
+        self->sendToRole(target, BridgeNotifyMessage::bridgeStateChanged, std::move(*body));
     });
 }
 

@@ -6,6 +6,7 @@
 // Replies are plain callables that may be invoked later from any thread. A reply that is
 // never invoked leaves the client's call pending; the client's own call time-out covers it.
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -16,11 +17,23 @@
 
 namespace skiff::service {
 
+// The largest relay body a client may send, and so the largest answer it can get: the
+// payload limit of one tunnel frame.
+inline constexpr std::size_t kMaxRelayBodyBytes = 5'242'880;
+
 // Thrown synchronously by a host method that this build does not offer yet; the adapter
 // answers the call with the bus error org.freedesktop.DBus.Error.NotSupported.
 class NotSupported : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
+};
+
+// Thrown synchronously by a host method when the caller passed a value no correct client
+// sends (a selector outside the frame code range, a chunk size beyond what the bus can
+// carry). The adapter answers org.freedesktop.DBus.Error.InvalidArgs; the service goes on.
+class InvalidArgs : public std::invalid_argument {
+public:
+    using std::invalid_argument::invalid_argument;
 };
 
 // What the service exports to every client (one object per client connection).
@@ -61,6 +74,12 @@ public:
     virtual void notifyClient(std::int64_t message, Bytes param) = 0;
 };
 
+// Why a call into a client failed.
+struct ClientCallFailure {
+    std::string text;
+    bool deadlinePassed = false;  // the client did not answer in time (it may still be there)
+};
+
 // One accepted client connection (a bus peer). The listener's delegate gives it its host
 // object and its invalidation handler when it is accepted.
 class ClientConnection {
@@ -77,10 +96,10 @@ public:
     virtual void setInvalidationHandler(std::function<void()> handler) = 0;
 
     // A proxy to the client. When a call through it fails (the client went away, the bus
-    // refused it), `errorHandler` receives the error text and that call's reply is never
-    // invoked.
+    // refused it, or it did not answer before the adapter's deadline), `errorHandler`
+    // receives the failure and that call's reply is never invoked.
     virtual std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
-        std::function<void(const std::string& error)> errorHandler) = 0;
+        std::function<void(const ClientCallFailure& failure)> errorHandler) = 0;
 };
 
 // Decides about every new connection, as the adapter first sees a peer call a host method.
@@ -90,6 +109,16 @@ class ListenerDelegate {
 public:
     virtual ~ListenerDelegate() = default;
     virtual bool shouldAcceptNewConnection(const std::shared_ptr<ClientConnection>& connection) = 0;
+};
+
+// Watches everything the service tells its clients, for observers that hold no role.
+// Called from any thread; must not block.
+class BridgeObserver {
+public:
+    virtual ~BridgeObserver() = default;
+    // Every notification sent, or that would be sent when no client has the role.
+    virtual void notificationPosted(std::int64_t message, const Bytes& param) = 0;
+    virtual void deviceChanged(const std::string& udid, bool attached) = 0;
 };
 
 }  // namespace skiff::service

@@ -8,6 +8,7 @@
 #include "common/runtime.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/once_reply.hpp"
 #include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::service {
@@ -15,6 +16,9 @@ namespace skiff::service {
 namespace {
 
 using relay::UsbMuxRelayError;
+
+static_assert(kMaxRelayBodyBytes == tunnel::maxFramePayload,
+              "a relay body travels in one tunnel frame");
 using RelayReplyFn = std::function<void(Bytes, std::int64_t, std::int64_t)>;
 
 constexpr auto kFileProvider = static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
@@ -35,7 +39,9 @@ std::string rateText(double mib, double mbit) {
 }
 
 // Sends the host-to-extension chunks one at a time, each from within the previous reply.
+// It stops, unanswered, once the caller has left: nobody is waiting for the figure.
 struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
+    std::weak_ptr<const Harbor_XPC> caller;
     std::shared_ptr<HarborBridgeClientProtocol> extension;
     Bytes chunk;
     std::uint64_t chunkCount = 0;
@@ -45,6 +51,10 @@ struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
 
     void sendNext() {
         extension->benchmarkIngest(chunk, [self = shared_from_this()](std::uint64_t) {
+            if (self->caller.expired()) {
+                log::xpc().info("host-to-extension measurement stopped: its caller left");
+                return;
+            }
             if (++self->sent < self->chunkCount) {
                 self->sendNext();
             } else {
@@ -53,6 +63,32 @@ struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
         });
     }
 };
+
+// A call into a client on behalf of a waiting host call: the client's answer or, when the
+// client lets the deadline pass, `failed` answers the caller, whichever comes first.
+template <class T>
+struct Forwarded {
+    OnceReplyHolder<T> once;
+    std::function<void(const ClientCallFailure&)> onFailure;
+};
+
+template <class T>
+Forwarded<T> forwardWithDeadline(std::function<void(T)> reply, T failed, const char* what) {
+    OnceReplyHolder<T> once(std::move(reply));
+    return {once, [once, failed, what](const ClientCallFailure& failure) {
+                if (failure.deadlinePassed) {
+                    log::xpc().error("%{public}s: the client did not answer in time", what);
+                    once.resume(failed);
+                }
+            }};
+}
+
+void checkChunkSize(std::uint64_t chunkSize) {
+    if (chunkSize > kMaxMeasurementChunkBytes) {
+        throw InvalidArgs("chunk size " + std::to_string(chunkSize) + " above the bus's " +
+                          std::to_string(kMaxMeasurementChunkBytes) + " bytes");
+    }
+}
 
 asio::awaitable<void> speedTestTask(std::shared_ptr<BridgeCore> core,
                                     std::function<void(bool, std::string)> reply) {
@@ -146,12 +182,13 @@ void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
         reply(true);
         return;
     }
-    auto target = core_.clientProxy(value);
+    auto forwarded = forwardWithDeadline<bool>(std::move(reply), false, "ping");
+    auto target = core_.clientProxy(value, forwarded.onFailure);
     if (!target) {
-        reply(false);
+        forwarded.once.resume(false);
         return;
     }
-    target->echo([reply = std::move(reply)] { reply(true); });
+    target->echo([once = forwarded.once] { once.resume(true); });
 }
 
 void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) {
@@ -160,17 +197,20 @@ void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> 
 
 void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
-    auto extension = core_.clientProxy(kFileProvider);
+    checkChunkSize(chunkSize);
+    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "host-to-extension");
+    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
     if (!extension) {
-        reply(-1.0);
+        forwarded.once.resume(-1.0);
         return;
     }
     auto sender = std::make_shared<ChunkSender>();
+    sender->caller = weak_from_this();
     sender->extension = std::move(extension);
     sender->chunk.assign(chunkSize, 0);
     sender->chunkCount = chunkCount;
     sender->start = std::chrono::steady_clock::now();
-    sender->reply = std::move(reply);
+    sender->reply = [once = forwarded.once](double seconds) { once.resume(seconds); };
     if (chunkCount == 0) {
         sender->reply(secondsSince(sender->start));
         return;
@@ -179,22 +219,26 @@ void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64
 }
 
 void Harbor_XPC::requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
-    auto extension = core_.clientProxy(kFileProvider);
+    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "extension ping");
+    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
     if (!extension) {
-        reply(-1.0);
+        forwarded.once.resume(-1.0);
         return;
     }
-    extension->runExtToHostPing(value, std::move(reply));
+    extension->runExtToHostPing(value, [once = forwarded.once](double s) { once.resume(s); });
 }
 
 void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
-    auto extension = core_.clientProxy(kFileProvider);
+    checkChunkSize(chunkSize);
+    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "extension-to-host");
+    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
     if (!extension) {
-        reply(-1.0);
+        forwarded.once.resume(-1.0);
         return;
     }
-    extension->benchmarkSendChunks(chunkSize, chunkCount, std::move(reply));
+    extension->benchmarkSendChunks(chunkSize, chunkCount,
+                                   [once = forwarded.once](double s) { once.resume(s); });
 }
 
 void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
@@ -207,7 +251,7 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
         reply({}, status(UsbMuxRelayError::notConnected), 0);
         return;
     }
-    if (param.size() > tunnel::maxFramePayload) {
+    if (param.size() > kMaxRelayBodyBytes) {
         reply({}, status(UsbMuxRelayError::payloadTooLarge), 0);
         return;
     }
@@ -215,16 +259,22 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
         reply({}, status(UsbMuxRelayError::transportFailed), 0);
         return;
     }
-    // The selector is the request's frame code; a client outside that range is broken.
+    // The selector is the request's frame code; a client outside that range is broken,
+    // and told so rather than trusted.
     if (selector < 0 || selector > 0xFFFF) {
-        fatalError("relay selector outside the frame code range");
+        throw InvalidArgs("relay selector " + std::to_string(selector) +
+                          " outside the frame code range 0-65535");
     }
     runtime::spawnTask(core_.executor(),
                        relayTask(core_.shared_from_this(), static_cast<std::uint16_t>(selector),
                                  std::move(param), std::move(reply)));
 }
 
-void Harbor_XPC::requestFileIO(std::int64_t, Bytes, std::function<void(Bytes, std::int64_t)>) {
+void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes,
+                               std::function<void(Bytes, std::int64_t)>) {
+    if (operation < 0 || operation > 3) {
+        throw InvalidArgs("file-IO operation " + std::to_string(operation) + " is none of 0-3");
+    }
     throw NotSupported("file transfers are not available in this build");
 }
 

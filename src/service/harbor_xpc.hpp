@@ -17,7 +17,13 @@ namespace skiff::service {
 inline constexpr std::uint16_t kCompanionAppPort = 33325;
 inline constexpr std::uint64_t kSpeedTestPayloadBytes = 0x3000000;
 
-class Harbor_XPC : public HarborBridgeHostProtocol {
+// The largest chunk a measurement may ask for: a D-Bus array holds at most 64 MiB.
+inline constexpr std::uint64_t kMaxMeasurementChunkBytes = 64ull * 1024 * 1024;
+
+// Held by shared_ptr (the connection owns it), so that work done for this caller alone can
+// watch it through a weak reference and stop once the caller has left.
+class Harbor_XPC : public HarborBridgeHostProtocol,
+                   public std::enable_shared_from_this<Harbor_XPC> {
 public:
     // The core outlives every connection (it holds them), so a reference does.
     explicit Harbor_XPC(BridgeCore& core);

@@ -1,42 +1,36 @@
-// skiffd: starts the USB layer, serves clients on the session bus, and runs until
-// SIGTERM or SIGINT.
+// skiffd: starts the USB layer, serves clients on the session bus, and runs until SIGTERM
+// or SIGINT (exit 0) or until its bus connection is lost (exit 1, so that the unit's
+// restart-on-failure brings it back; a service holding no bus must not linger).
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
 #include <csignal>
-#include <cstdio>
+#include <cstdint>
 #include <exception>
+#include <future>
+#include <iostream>
 #include <memory>
-#include <thread>
 
 #include "common/log.hpp"
 #include "common/runtime.hpp"
+#include "common/version.hpp"
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"
 #include "service/service_delegate.hpp"
 
-namespace {
-
-// Waits for a termination signal on a thread of its own, so the handler needs no
-// async-signal-safe tricks.
-int waitForTermination() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    int received = 0;
-    sigwait(&signals, &received);
-    return received;
-}
-
-}  // namespace
-
-int main() {
+int main(int argc, char** argv) {
     using namespace skiff;
-    // Blocked before any thread starts, so every thread inherits the mask and only
-    // sigwait sees them.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    CLI::App app{"skiffd: the Skiff service on the session bus"};
+    app.set_version_flag("--version", std::to_string(kBuildNumber));
+    service::dbus::ServiceAdapter::Options options;
+    std::int64_t deadlineMs = options.clientDeadline.count();
+    app.add_option("--client-deadline-ms", deadlineMs,
+                   "How long a call to a client may take before the host call that waits for it "
+                   "gives up (tests shorten it)")
+        ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
+        ->capture_default_str();
+    CLI11_PARSE(app, argc, argv);
+    options.clientDeadline = std::chrono::milliseconds(deadlineMs);
     std::signal(SIGPIPE, SIG_IGN);
 
     auto& runtime = runtime::IoRuntime::shared();
@@ -44,21 +38,44 @@ int main() {
     auto& core = service::BridgeCore::shared();
     core.bootstrapUsbMuxIfNeeded();
 
+    // The first of a stop signal (0) and a lost bus (1) decides the exit status.
+    std::promise<int> exitStatus;
+    std::atomic<bool> decided{false};
+    auto decide = [&](int status) {
+        if (!decided.exchange(true)) {
+            exitStatus.set_value(status);
+        }
+    };
+    asio::signal_set signals(runtime.context(), SIGTERM, SIGINT);
+    signals.async_wait([&](const asio::error_code& ec, int signal) {
+        if (!ec) {
+            log::xpc().info("stopping on signal %{public}d", signal);
+            decide(0);
+        }
+    });
+
     std::unique_ptr<service::dbus::ServiceAdapter> adapter;
     try {
         auto delegate = std::make_shared<service::ServiceDelegate>(core.shared_from_this());
-        adapter = std::make_unique<service::dbus::ServiceAdapter>(delegate);
-        adapter->start();
+        adapter =
+            std::make_unique<service::dbus::ServiceAdapter>(runtime.executor(), delegate, options);
+        core.setObserver(adapter->observer());
+        adapter->start([&] {
+            log::xpc().error("the bus connection is gone; exiting so that skiffd is restarted");
+            decide(1);
+        });
     } catch (const std::exception& e) {
         log::xpc().error("cannot serve the bus: %{public}s", e.what());
+        std::cerr << "skiffd: " << e.what() << std::endl;
         runtime.stop();
         return 1;
     }
 
-    const int signal = waitForTermination();
-    log::xpc().info("stopping on signal %{public}d", signal);
-    adapter->stop();
-    adapter.reset();
+    const int status = exitStatus.get_future().get();
+    signals.cancel();
+    core.setObserver(nullptr);
+    adapter->close();
     runtime.stop();
-    return 0;
+    adapter.reset();
+    return status;
 }

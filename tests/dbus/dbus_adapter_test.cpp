@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "common/run_sync.hpp"
+#include "common/runtime.hpp"
 #include "dbus/support/test_bus.hpp"
 #include "service/dbus/bus_names.hpp"
 #include "service/dbus/harbor_client.hpp"
@@ -201,17 +202,25 @@ private:
 
 class DbusAdapterTest : public ::testing::Test {
 protected:
-    void SetUp() override { service.start(); }
+    void SetUp() override {
+        service.start([] { ADD_FAILURE() << "bus lost"; });
+    }
 
     std::unique_ptr<HarborClient> client(
         std::shared_ptr<HarborBridgeClientProtocol> exported = {}) {
         return std::make_unique<HarborClient>(std::move(exported), bus.address());
     }
 
+    ServiceAdapter::Options options(std::chrono::milliseconds deadline = std::chrono::seconds(25)) {
+        return {bus.address(), deadline};
+    }
+
     testing::TestBus bus;
+    runtime::IoRuntime runtime{2};
+    bool started = (runtime.start(), true);
     Events events;
     std::shared_ptr<FakeDelegate> delegate = std::make_shared<FakeDelegate>(events);
-    ServiceAdapter service{delegate, bus.address()};
+    ServiceAdapter service{runtime.executor(), delegate, options()};
 };
 
 TEST_F(DbusAdapterTest, ArgumentsRepliesAndErrorsCrossTheBusIntact) {
@@ -298,7 +307,7 @@ TEST_F(DbusAdapterTest, RefusedPeerIsDeniedAndNeverServed) {
 }
 
 TEST_F(DbusAdapterTest, SecondServiceCannotTakeTheName) {
-    EXPECT_THROW(ServiceAdapter(delegate, bus.address()), BusError);
+    EXPECT_THROW(ServiceAdapter(runtime.executor(), delegate, options()), BusError);
 }
 
 TEST_F(DbusAdapterTest, ServiceCallsTheClientAndReportsAClientThatLeft) {
@@ -309,10 +318,10 @@ TEST_F(DbusAdapterTest, ServiceCallsTheClientAndReportsAClientThatLeft) {
 
     std::mutex mutex;
     std::vector<std::string> errors;
-    auto proxy = connection->remoteObjectProxy([&](const std::string& error) {
+    auto proxy = connection->remoteObjectProxy([&](const ClientCallFailure& failure) {
         {
             std::lock_guard guard(mutex);
-            errors.push_back(error);
+            errors.push_back(failure.text);
         }
         events.note("clientError");
     });

@@ -94,7 +94,7 @@ public:
         invalidation_ = std::move(handler);
     }
     std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
-        std::function<void(const std::string&)>) override {
+        std::function<void(const ClientCallFailure&)>) override {
         return client;
     }
 

@@ -1,9 +1,8 @@
 #pragma once
 // Building blocks shared by the service and the client side: answering an incoming call
-// later from any thread, calling a peer asynchronously, and keeping a proxy to a peer that
-// lives and dies on the loop thread.
+// later from any thread, calling a peer asynchronously, and one-way messages.
 
-#include <sdbus-c++/sdbus-c++.h>
+#include <systemd/sd-bus.h>
 
 #include <chrono>
 #include <cstdint>
@@ -16,169 +15,151 @@
 
 #include "common/log.hpp"
 #include "service/bridge_protocols.hpp"
-#include "service/dbus/bus_loop.hpp"
-#include "service/dbus/bus_names.hpp"
+#include "service/dbus/bus_connection.hpp"
+#include "service/dbus/bus_message.hpp"
 
 namespace skiff::service::dbus {
 
-// A generated proxy interface bound to one peer's object; raw() reaches the untyped proxy
-// for calls with their own callbacks.
-template <class Interface>
-class ProxyGlue final : public sdbus::ProxyInterfaces<Interface> {
+// The answer to one incoming call. send() or fail() may be called from any thread; only
+// the first answer counts. abandon() (the caller left the bus) drops the call message,
+// and with it the request's body, at once. Dropped unanswered, the call stays pending.
+// The message itself is only touched on the connection's strand.
+class PendingCall {
 public:
-    ProxyGlue(sdbus::IConnection& connection, std::string destination, std::string path)
-        : sdbus::ProxyInterfaces<Interface>(connection, std::move(destination), std::move(path)) {
-        this->registerProxy();
-    }
-    ~ProxyGlue() { this->unregisterProxy(); }
+    // On the strand: `call` is the message a method handler received.
+    PendingCall(std::shared_ptr<BusConnection> bus, sd_bus_message* call);
+    ~PendingCall();
+    PendingCall(const PendingCall&) = delete;
+    PendingCall& operator=(const PendingCall&) = delete;
 
-    sdbus::IProxy& raw() { return this->getProxy(); }
-};
-
-// No time-out: a peer that never answers leaves the call pending, as a reply that is
-// never delivered must.
-inline constexpr std::uint64_t kNoTimeout = UINT64_MAX;
-
-// The answer to one incoming call. send() or fail() may be called from any thread; only the
-// first one counts. Dropped unanswered, the caller's call stays pending on the bus.
-template <typename... R>
-class PendingReply {
-public:
-    PendingReply(std::shared_ptr<BusLoop> loop, sdbus::Result<R...>&& result)
-        : loop_(std::move(loop)),
-          result_(std::make_shared<sdbus::Result<R...>>(std::move(result))) {}
-
-    ~PendingReply() {
-        if (result_) {
-            // The call message belongs to the bus thread: let it go there.
-            loop_->post([unanswered = std::move(result_)] {});
-        }
-    }
-
-    PendingReply(const PendingReply&) = delete;
-    PendingReply& operator=(const PendingReply&) = delete;
-
+    template <class... R>
     void send(R... values) {
-        auto result = take();
-        if (!result) {
+        auto call = take();
+        if (!call) {
             return;
         }
-        loop_->post([result, values = std::make_tuple(std::move(values)...)] {
-            try {
-                std::apply([&](const auto&... v) { result->returnResults(v...); }, values);
-            } catch (const sdbus::Error& e) {
-                log::xpc().error("reply not sent: %{public}s", e.what());
-            }
+        bus_->post([call = std::move(call), values = std::make_tuple(std::move(values)...)] {
+            std::apply(
+                [&](const auto&... v) {
+                    reply(call.get(), [&](sd_bus_message* m) { return wire::appendAll(m, v...); });
+                },
+                values);
         });
     }
 
-    void fail(std::string name, std::string message) {
-        auto result = take();
-        if (!result) {
-            return;
-        }
-        loop_->post([result, name = std::move(name), message = std::move(message)] {
-            try {
-                result->returnError(sdbus::Error(name, message));
-            } catch (const sdbus::Error& e) {
-                log::xpc().error("error reply not sent: %{public}s", e.what());
-            }
-        });
-    }
+    void fail(std::string name, std::string text);
+    void abandon();
 
 private:
-    std::shared_ptr<sdbus::Result<R...>> take() {
-        std::lock_guard guard(mutex_);
-        return std::move(result_);
-    }
+    MessageRef take();
+    static void reply(sd_bus_message* call,
+                      const std::function<int(sd_bus_message*)>& appendValues);
 
-    std::shared_ptr<BusLoop> loop_;
+    std::shared_ptr<BusConnection> bus_;
     std::mutex mutex_;
-    std::shared_ptr<sdbus::Result<R...>> result_;
+    MessageRef call_;
 };
 
-// Hands an incoming call to `call` with a reply callable that works from any thread.
-// A method this build lacks (NotSupported) becomes the matching bus error.
-template <typename... R, typename Call>
-void answerLater(const std::shared_ptr<BusLoop>& loop, sdbus::Result<R...>&& result, Call&& call) {
-    auto pending = std::make_shared<PendingReply<R...>>(loop, std::move(result));
+// Calls `invoke(reply)` with a reply that answers `pending` from any thread. What the
+// callee refuses synchronously becomes the matching bus error: InvalidArgs (logged, with
+// `caller` named), NotSupported, or Failed for anything else.
+template <class... R, class Invoke>
+void answerWith(const std::shared_ptr<PendingCall>& pending, const std::string& caller,
+                Invoke&& invoke) {
     try {
-        call(std::function<void(R...)>(
+        invoke(std::function<void(R...)>(
             [pending](R... values) { pending->send(std::move(values)...); }));
+    } catch (const InvalidArgs& e) {
+        log::xpc().error("refused a call of %{public}s: %{public}s", caller.c_str(), e.what());
+        pending->fail("org.freedesktop.DBus.Error.InvalidArgs", e.what());
     } catch (const NotSupported& e) {
-        pending->fail(kErrorNotSupported, e.what());
+        pending->fail("org.freedesktop.DBus.Error.NotSupported", e.what());
     } catch (const std::exception& e) {
         log::xpc().error("bus method failed: %{public}s", e.what());
-        pending->fail(kErrorFailed, e.what());
+        pending->fail("org.freedesktop.DBus.Error.Failed", e.what());
     }
 }
 
-// Calls `method` on `proxy`; exactly one of onReply / onError runs, on the loop thread.
-// Must itself run on the loop thread.
-template <typename... R, typename... A>
-void callAsync(sdbus::IProxy& proxy, const char* interface, const char* method,
-               std::uint64_t timeoutUsec, std::function<void(R...)> onReply,
-               std::function<void(const sdbus::Error&)> onError, const A&... args) {
-    try {
-        (void)proxy.callMethodAsync(method)
-            .onInterface(interface)
-            .withTimeout(timeoutUsec)
-            .withArguments(args...)
-            .uponReplyInvoke([onReply, onError](const sdbus::Error* error, R... values) {
-                if (error != nullptr) {
-                    onError(*error);
-                } else {
-                    onReply(std::move(values)...);
-                }
-            });
-    } catch (const sdbus::Error& e) {
-        onError(e);
-    }
+// Reads a call's arguments into `args`; false when they do not match.
+template <class... A>
+bool readArgs(sd_bus_message* m, std::tuple<A...>& args) {
+    return std::apply([&](auto&... a) { return wire::readAll(m, a...); }, args) >= 0;
 }
 
-// A generated proxy (`Glue`) to one peer object, made on first use and destroyed on the
-// loop thread. Destroying it cancels the calls still waiting for that peer.
-template <typename Glue>
-class ProxyLink {
-public:
-    ProxyLink(std::shared_ptr<BusLoop> loop, std::string destination, std::string path)
-        : loop_(std::move(loop)),
-          destination_(std::move(destination)),
-          path_(std::move(path)),
-          glue_(std::make_shared<std::unique_ptr<Glue>>()) {}
-
-    ~ProxyLink() {
-        loop_->post([glue = std::move(glue_)] { glue->reset(); });
-    }
-
-    ProxyLink(const ProxyLink&) = delete;
-    ProxyLink& operator=(const ProxyLink&) = delete;
-
-    // Runs `use` on the loop thread; `onError` instead when the proxy cannot be made.
-    void with(std::function<void(Glue&)> use, std::function<void(const sdbus::Error&)> onError) {
-        loop_->post([loop = loop_, destination = destination_, path = path_, glue = glue_,
-                     use = std::move(use), onError = std::move(onError)] {
-            try {
-                if (!*glue) {
-                    *glue = std::make_unique<Glue>(loop->connection(), destination, path);
-                }
-            } catch (const sdbus::Error& e) {
-                onError(e);
-                return;
-            }
-            use(**glue);
-        });
-    }
-
-private:
-    std::shared_ptr<BusLoop> loop_;
-    std::string destination_;
-    std::string path_;
-    std::shared_ptr<std::unique_ptr<Glue>> glue_;
+// Whom an incoming call is for: the object that serves it, the pending answer, and the
+// caller's name for logs. A null object refuses the call (AccessDenied).
+template <class T>
+struct CallTarget {
+    std::shared_ptr<T> object;
+    std::shared_ptr<PendingCall> pending;
+    std::string caller;
 };
 
-inline std::string errorText(const sdbus::Error& error) {
-    return error.getName() + ": " + error.getMessage();
+// Serves one method with replies R... and arguments A...: reads the arguments, finds the
+// target with `find(m)`, and calls `invoke(object, args..., reply)`.
+template <class Replies, class... A>
+struct MethodCall;
+
+template <class... R, class... A>
+struct MethodCall<std::tuple<R...>, A...> {
+    template <class Find, class Invoke>
+    static int serve(sd_bus_message* m, sd_bus_error* error, Find&& find, Invoke&& invoke) {
+        std::tuple<A...> args;
+        if (!readArgs(m, args)) {
+            return sd_bus_error_set(error, "org.freedesktop.DBus.Error.InvalidArgs",
+                                    "arguments do not match the signature");
+        }
+        auto target = find(m);
+        if (!target.object) {
+            return sd_bus_error_set(error, "org.freedesktop.DBus.Error.AccessDenied",
+                                    "connection refused");
+        }
+        answerWith<R...>(target.pending, target.caller, [&](std::function<void(R...)> reply) {
+            std::apply(
+                [&](auto&... a) { invoke(*target.object, std::move(a)..., std::move(reply)); },
+                args);
+        });
+        return 1;
+    }
+};
+
+// A failed outgoing call: the D-Bus error name and text.
+struct CallError {
+    std::string name;
+    std::string text;
+};
+using ReplyReader = std::function<void(sd_bus_message* reply)>;
+using ErrorHandler = std::function<void(const CallError&)>;
+
+// Starts a method call with its own time-out (0: sd-bus's default). Exactly one of
+// onReply / onError runs later, on the strand. Must itself run on the strand.
+void startCall(BusConnection& bus, const char* destination, const char* path, const char* interface,
+               const char* method, std::uint64_t timeoutUsec,
+               const std::function<int(sd_bus_message*)>& appendArgs, ReplyReader onReply,
+               ErrorHandler onError);
+
+// Sends a one-way method call (no reply expected). Must run on the strand; returns the
+// sd-bus result.
+int sendOneWay(BusConnection& bus, const char* destination, const char* path, const char* interface,
+               const char* method, const std::function<int(sd_bus_message*)>& appendArgs);
+
+// Reads a typed reply and hands its values to `reply`; a reply of the wrong shape goes
+// to `onError` instead.
+template <class... R>
+ReplyReader readReply(std::function<void(R...)> reply, ErrorHandler onError) {
+    return [reply = std::move(reply), onError = std::move(onError)](sd_bus_message* m) {
+        std::tuple<R...> values;
+        const int r = std::apply([&](auto&... v) { return wire::readAll(m, v...); }, values);
+        if (r < 0) {
+            onError({"org.freedesktop.DBus.Error.InvalidSignature", "reply of the wrong shape"});
+            return;
+        }
+        std::apply(reply, std::move(values));
+    };
+}
+
+inline std::uint64_t toUsec(std::chrono::microseconds d) {
+    return static_cast<std::uint64_t>(d.count());
 }
 
 }  // namespace skiff::service::dbus

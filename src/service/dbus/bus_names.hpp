@@ -13,5 +13,10 @@ inline constexpr const char* kErrorNotSupported = "org.freedesktop.DBus.Error.No
 inline constexpr const char* kErrorAccessDenied = "org.freedesktop.DBus.Error.AccessDenied";
 inline constexpr const char* kErrorFailed = "org.freedesktop.DBus.Error.Failed";
 inline constexpr const char* kErrorNoReply = "org.freedesktop.DBus.Error.NoReply";
+inline constexpr const char* kErrorInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
+
+// Signals of the host object, for observers that need no role.
+inline constexpr const char* kSignalNotification = "Notification";
+inline constexpr const char* kSignalDeviceChanged = "DeviceChanged";
 
 }  // namespace skiff::service::dbus

@@ -1,83 +1,168 @@
 #include "service/dbus/harbor_client.hpp"
 
-#include <atomic>
 #include <condition_variable>
+#include <cstring>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <tuple>
 
+#include "common/runtime.hpp"
 #include "service/dbus/bus_calls.hpp"
-#include "service/dbus/bus_loop.hpp"
+#include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_names.hpp"
-#include "service/dbus/glue/bridgeclient_adaptor.h"
-#include "service/dbus/glue/bridgehost_proxy.h"
 
 namespace skiff::service::dbus {
 
 namespace {
 
-using HostGlue = ProxyGlue<Mox::Harbor::BridgeHost_proxy>;
+using Client = HarborBridgeClientProtocol;
 
-// Serves the caller's client implementation on the bus.
-class ClientAdaptor final : public sdbus::AdaptorInterfaces<Mox::Harbor::BridgeClient_adaptor> {
-public:
-    ClientAdaptor(std::shared_ptr<BusLoop> loop,
-                  std::shared_ptr<HarborBridgeClientProtocol> implementation)
-        : AdaptorInterfaces(loop->connection(), kClientPath),
-          loop_(std::move(loop)),
-          implementation_(std::move(implementation)) {
-        registerAdaptor();
-    }
-    ~ClientAdaptor() { unregisterAdaptor(); }
+BusError toBusError(const CallError& error) {
+    return BusError(error.name, error.text);
+}
 
-private:
-    void Echo(sdbus::Result<>&& result) override {
-        answerLater(loop_, std::move(result),
-                    [this](std::function<void()> reply) { implementation_->echo(reply); });
-    }
+// Tells the caller of observe() that one match is in place (or failed).
+struct MatchInstalled {
+    std::promise<int> result;
+    int remaining = 0;
+    int firstError = 0;
+};
 
-    void BenchmarkIngest(sdbus::Result<uint64_t>&& result, std::vector<uint8_t> data) override {
-        answerLater(loop_, std::move(result), [&](std::function<void(std::uint64_t)> reply) {
-            implementation_->benchmarkIngest(std::move(data), std::move(reply));
+// Everything the client's bus callbacks need; lives as long as the connection.
+struct ClientSide {
+    std::shared_ptr<BusConnection> bus;
+    std::shared_ptr<Client> exported;
+    HarborClient::Observer observer;
+    MatchInstalled* installing = nullptr;  // while observe() waits
+};
+
+ClientSide& sideOf(void* userdata) {
+    return *static_cast<ClientSide*>(userdata);
+}
+
+template <class Replies, class... A, class Invoke>
+int serve(sd_bus_message* m, void* userdata, sd_bus_error* error, Invoke invoke) {
+    return MethodCall<Replies, A...>::serve(
+        m, error,
+        [&](sd_bus_message* call) {
+            auto& side = sideOf(userdata);
+            const char* sender = sd_bus_message_get_sender(call);
+            return CallTarget<Client>{side.exported, std::make_shared<PendingCall>(side.bus, call),
+                                      sender != nullptr ? sender : ""};
+        },
+        invoke);
+}
+
+int clientEcho(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<>>(m, u, e, [](Client& c, auto reply) { c.echo(reply); });
+}
+
+int clientBenchmarkIngest(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<std::uint64_t>, Bytes>(m, u, e, [](Client& c, Bytes data, auto reply) {
+        c.benchmarkIngest(std::move(data), reply);
+    });
+}
+
+int clientRunExtToHostPing(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<double>, std::int64_t>(
+        m, u, e,
+        [](Client& c, std::int64_t value, auto reply) { c.runExtToHostPing(value, reply); });
+}
+
+int clientBenchmarkSendChunks(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<double>, std::uint64_t, std::uint64_t>(
+        m, u, e, [](Client& c, std::uint64_t size, std::uint64_t count, auto reply) {
+            c.benchmarkSendChunks(size, count, reply);
         });
-    }
+}
 
-    void RunExtToHostPing(sdbus::Result<double>&& result, int64_t value) override {
-        answerLater(loop_, std::move(result), [&](std::function<void(double)> reply) {
-            implementation_->runExtToHostPing(value, std::move(reply));
+int clientNotify(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<>, std::int64_t, Bytes>(
+        m, u, e, [](Client& c, std::int64_t message, Bytes param, auto reply) {
+            c.notifyClient(message, std::move(param));
+            reply();
         });
-    }
+}
 
-    void BenchmarkSendChunks(sdbus::Result<double>&& result, uint64_t chunkSize,
-                             uint64_t chunkCount) override {
-        answerLater(loop_, std::move(result), [&](std::function<void(double)> reply) {
-            implementation_->benchmarkSendChunks(chunkSize, chunkCount, std::move(reply));
-        });
-    }
+const sd_bus_vtable kClientVtable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_NAMES("Echo", "", "", "", "", clientEcho, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("BenchmarkIngest", "ay", SD_BUS_PARAM(data), "t",
+                             SD_BUS_PARAM(byteCount), clientBenchmarkIngest,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("RunExtToHostPing", "x", SD_BUS_PARAM(value), "d",
+                             SD_BUS_PARAM(elapsed), clientRunExtToHostPing,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(
+        "BenchmarkSendChunks", "tt", SD_BUS_PARAM(chunkSize) SD_BUS_PARAM(chunkCount), "d",
+        SD_BUS_PARAM(result), clientBenchmarkSendChunks, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("NotifyClient", "xay", SD_BUS_PARAM(message) SD_BUS_PARAM(param), "",
+                             "", clientNotify,
+                             SD_BUS_VTABLE_UNPRIVILEGED | SD_BUS_VTABLE_METHOD_NO_REPLY),
+    SD_BUS_VTABLE_END,
+};
 
-    void NotifyClient(const int64_t& message, const std::vector<uint8_t>& param) override {
-        try {
-            implementation_->notifyClient(message, param);
-        } catch (const std::exception& e) {
-            log::xpc().error("NotifyClient failed: %{public}s", e.what());
+int onNotification(sd_bus_message* m, void* u, sd_bus_error*) {
+    std::int64_t message = 0;
+    Bytes param;
+    auto& observer = sideOf(u).observer;
+    if (observer.notification && wire::readAll(m, message, param) >= 0) {
+        observer.notification(message, std::move(param));
+    }
+    return 0;
+}
+
+int onDeviceChanged(sd_bus_message* m, void* u, sd_bus_error*) {
+    std::string udid;
+    bool attached = false;
+    auto& observer = sideOf(u).observer;
+    if (observer.deviceChanged && wire::readAll(m, udid, attached) >= 0) {
+        observer.deviceChanged(udid, attached);
+    }
+    return 0;
+}
+
+int onServiceOwner(sd_bus_message* m, void* u, sd_bus_error*) {
+    std::string name, oldOwner, newOwner;
+    auto& observer = sideOf(u).observer;
+    if (observer.servicePresence && wire::readAll(m, name, oldOwner, newOwner) >= 0 &&
+        name == kServiceName) {
+        observer.servicePresence(!newOwner.empty());
+    }
+    return 0;
+}
+
+int onMatchInstalled(sd_bus_message* m, void* u, sd_bus_error*) {
+    auto& side = sideOf(u);
+    if (side.installing == nullptr) {
+        return 0;
+    }
+    auto& installed = *side.installing;
+    if (sd_bus_message_is_method_error(m, nullptr) && installed.firstError == 0) {
+        installed.firstError = -sd_bus_message_get_errno(m);
+        if (installed.firstError == 0) {
+            installed.firstError = -EIO;
         }
     }
-
-    std::shared_ptr<BusLoop> loop_;
-    std::shared_ptr<HarborBridgeClientProtocol> implementation_;
-};
+    if (--installed.remaining == 0) {
+        side.installing = nullptr;
+        installed.result.set_value(installed.firstError);
+    }
+    return 0;
+}
 
 // The host seen from a client; each call is made on the client's bus thread.
 class RemoteHostProxy final : public HarborBridgeHostProtocol {
 public:
-    RemoteHostProxy(std::shared_ptr<ProxyLink<HostGlue>> link, std::uint64_t timeoutUsec,
+    RemoteHostProxy(std::shared_ptr<BusConnection> bus, std::uint64_t timeoutUsec,
                     std::function<void(const BusError&)> errorHandler)
-        : link_(std::move(link)),
+        : bus_(std::move(bus)),
           timeoutUsec_(timeoutUsec),
-          onError_([errorHandler = std::move(errorHandler)](const sdbus::Error& error) {
+          onError_([errorHandler = std::move(errorHandler)](const CallError& error) {
               if (errorHandler) {
-                  errorHandler(BusError(error.getName(), error.getMessage()));
+                  errorHandler(toBusError(error));
               }
           }) {}
 
@@ -117,67 +202,88 @@ public:
         call("RequestFileIO", std::move(reply), operation, std::move(param));
     }
     void filesystemDidUnmount() override {
-        link_->with(
-            [onError = onError_](HostGlue& glue) {
-                try {
-                    glue.FilesystemDidUnmount();
-                } catch (const sdbus::Error& e) {
-                    onError(e);
-                }
-            },
-            onError_);
+        bus_->post([bus = bus_, onError = onError_] {
+            const int r = sendOneWay(*bus, kServiceName, kHostPath, kHostInterface,
+                                     "FilesystemDidUnmount", nullptr);
+            if (r < 0) {
+                onError({kErrorFailed, std::strerror(-r)});
+            }
+        });
     }
     void shutdown(std::function<void(bool)> reply) override { call("Shutdown", std::move(reply)); }
 
-private:
     template <typename... R, typename... A>
     void call(const char* method, std::function<void(R...)> reply, A... args) {
-        link_->with(
-            [method, timeout = timeoutUsec_, reply = std::move(reply), onError = onError_,
-             args...](HostGlue& glue) {
-                callAsync(glue.raw(), kHostInterface, method, timeout, reply, onError, args...);
-            },
-            onError_);
+        bus_->post([bus = bus_, timeout = timeoutUsec_, method, reply = std::move(reply),
+                    onError = onError_, args = std::make_tuple(std::move(args)...)] {
+            startCall(
+                *bus, kServiceName, kHostPath, kHostInterface, method, timeout,
+                [&](sd_bus_message* m) {
+                    return std::apply([&](const auto&... a) { return wire::appendAll(m, a...); },
+                                      args);
+                },
+                readReply<R...>(reply, onError), onError);
+        });
     }
 
-    std::shared_ptr<ProxyLink<HostGlue>> link_;
+private:
+    std::shared_ptr<BusConnection> bus_;
     std::uint64_t timeoutUsec_;
-    std::function<void(const sdbus::Error&)> onError_;
+    ErrorHandler onError_;
 };
 
 }  // namespace
 
 struct HarborClient::Impl {
     Impl(std::shared_ptr<HarborBridgeClientProtocol> exported, const std::string& busAddress)
-        : loop(std::make_shared<BusLoop>(busAddress)),
-          name(loop->connection().getUniqueName()),
-          hostLink(std::make_shared<ProxyLink<HostGlue>>(loop, kServiceName, kHostPath)) {
-        if (exported) {
-            try {
-                adaptor = std::make_unique<ClientAdaptor>(loop, std::move(exported));
-            } catch (const sdbus::Error& e) {
-                throw BusError(e.getName(), e.getMessage());
+        : runtime(1) {
+        runtime.start();
+        try {
+            side.bus = BusConnection::open(runtime.executor(), busAddress);
+        } catch (...) {
+            runtime.stop();
+            throw;
+        }
+        side.exported = std::move(exported);
+        if (side.exported) {
+            const int r = sd_bus_add_object_vtable(side.bus->bus(), &objectSlot, kClientPath,
+                                                   kClientInterface, kClientVtable, &side);
+            if (r < 0) {
+                runtime.stop();
+                throw BusError(kErrorFailed, std::string("cannot export the client object: ") +
+                                                 std::strerror(-r));
             }
         }
-        loop->start();
+        side.bus->start([this] {
+            if (auto handler = std::move(onLost)) {
+                handler();
+            }
+        });
     }
 
     ~Impl() {
-        loop->stop();
-        adaptor.reset();
+        std::promise<void> done;
+        side.bus->post([this, &done] {
+            for (auto* slot : matchSlots) {
+                sd_bus_slot_unref(slot);
+            }
+            objectSlot = sd_bus_slot_unref(objectSlot);
+            done.set_value();
+        });
+        done.get_future().wait();
+        side.bus->close();
+        runtime.stop();
     }
 
-    std::shared_ptr<HarborBridgeHostProtocol> host(
-        std::function<void(const BusError&)> errorHandler) {
+    std::shared_ptr<RemoteHostProxy> host(std::function<void(const BusError&)> errorHandler) {
         const auto usec = std::chrono::duration_cast<std::chrono::microseconds>(timeout.load());
-        return std::make_shared<RemoteHostProxy>(hostLink, static_cast<std::uint64_t>(usec.count()),
-                                                 std::move(errorHandler));
+        return std::make_shared<RemoteHostProxy>(side.bus, toUsec(usec), std::move(errorHandler));
     }
 
     // Starts one call through `start` and waits for its reply or error.
     template <typename... R, typename Start>
     std::tuple<R...> await(Start&& start) {
-        if (loop->inLoopThread()) {
+        if (side.bus->inStrand()) {
             throw std::logic_error("blocking host call from the client's bus thread");
         }
         struct Outcome {
@@ -210,10 +316,62 @@ struct HarborClient::Impl {
         return std::move(*outcome->values);
     }
 
-    std::shared_ptr<BusLoop> loop;
-    std::string name;
-    std::shared_ptr<ProxyLink<HostGlue>> hostLink;
-    std::unique_ptr<ClientAdaptor> adaptor;
+    // A blocking call of a method that is no part of HarborBridgeHostProtocol.
+    template <typename... R, typename... A>
+    std::tuple<R...> awaitMethod(const char* method, A... args) {
+        return await<R...>([&](HarborBridgeHostProtocol& h, std::function<void(R...)> reply) {
+            static_cast<RemoteHostProxy&>(h).call(method, std::move(reply), args...);
+        });
+    }
+
+    void observe(HarborClient::Observer observer) {
+        MatchInstalled installed;
+        installed.remaining = 3;
+        auto result = installed.result.get_future();
+        side.bus->post([this, observer = std::move(observer), &installed]() mutable {
+            side.observer = std::move(observer);
+            side.installing = &installed;
+            struct Match {
+                const char* sender;
+                const char* path;
+                const char* interface;
+                const char* member;
+                sd_bus_message_handler_t handler;
+            };
+            const Match matches[] = {
+                {kServiceName, kHostPath, kHostInterface, kSignalNotification, onNotification},
+                {kServiceName, kHostPath, kHostInterface, kSignalDeviceChanged, onDeviceChanged},
+                {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                 "NameOwnerChanged", onServiceOwner},
+            };
+            for (const auto& match : matches) {
+                sd_bus_slot* slot = nullptr;
+                const int r = sd_bus_match_signal_async(side.bus->bus(), &slot, match.sender,
+                                                        match.path, match.interface, match.member,
+                                                        match.handler, onMatchInstalled, &side);
+                if (r < 0) {
+                    installed.firstError = installed.firstError ? installed.firstError : r;
+                    if (--installed.remaining == 0) {
+                        side.installing = nullptr;
+                        installed.result.set_value(installed.firstError);
+                    }
+                    continue;
+                }
+                matchSlots.push_back(slot);
+            }
+        });
+        const int r = result.get();
+        if (r < 0) {
+            throw BusError(kErrorFailed,
+                           std::string("cannot observe the service: ") + std::strerror(-r));
+        }
+    }
+
+    runtime::IoRuntime runtime;
+    ClientSide side;
+    sd_bus_slot* objectSlot = nullptr;
+    std::vector<sd_bus_slot*> matchSlots;
+    std::function<void()> onLost;
     std::atomic<std::chrono::milliseconds> timeout{std::chrono::seconds(25)};
 };
 
@@ -224,16 +382,49 @@ HarborClient::HarborClient(std::shared_ptr<HarborBridgeClientProtocol> exported,
 HarborClient::~HarborClient() = default;
 
 std::string HarborClient::uniqueName() const {
-    return impl_->name;
+    return impl_->side.bus->uniqueName();
 }
 
 void HarborClient::setCallTimeout(std::chrono::milliseconds timeout) {
     impl_->timeout = timeout;
 }
 
+void HarborClient::setLostHandler(std::function<void()> onLost) {
+    std::promise<void> done;
+    impl_->side.bus->post([this, &done, onLost = std::move(onLost)]() mutable {
+        impl_->onLost = std::move(onLost);
+        done.set_value();
+    });
+    done.get_future().wait();
+}
+
 std::shared_ptr<HarborBridgeHostProtocol> HarborClient::host(
     std::function<void(const BusError&)> errorHandler) {
     return impl_->host(std::move(errorHandler));
+}
+
+void HarborClient::observe(Observer observer) {
+    impl_->observe(std::move(observer));
+}
+
+bool HarborClient::serviceRunning() {
+    try {
+        std::promise<bool> answer;
+        auto result = answer.get_future();
+        impl_->side.bus->post([bus = impl_->side.bus, &answer] {
+            startCall(
+                *bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                "NameHasOwner", 0,
+                [](sd_bus_message* m) { return wire::appendAll(m, std::string(kServiceName)); },
+                readReply<bool>(
+                    std::function<void(bool)>([&answer](bool has) { answer.set_value(has); }),
+                    [&answer](const CallError&) { answer.set_value(false); }),
+                [&answer](const CallError&) { answer.set_value(false); });
+        });
+        return result.get();
+    } catch (const std::future_error&) {
+        return false;
+    }
 }
 
 bool HarborClient::registerClient(std::int64_t role) {
@@ -307,6 +498,23 @@ void HarborClient::filesystemDidUnmount() {
 bool HarborClient::shutdown() {
     return std::get<0>(
         impl_->await<bool>([](HarborBridgeHostProtocol& h, auto reply) { h.shutdown(reply); }));
+}
+
+std::uint32_t HarborClient::registerSharedBuffer(int fd) {
+    return std::get<0>(impl_->awaitMethod<std::uint32_t>("RegisterSharedBuffer", UnixFd{fd}));
+}
+
+void HarborClient::releaseSharedBuffer(std::uint32_t bufferId) {
+    impl_->awaitMethod<>("ReleaseSharedBuffer", bufferId);
+}
+
+HarborClient::SharedRelayReply HarborClient::relayToUsbMuxShared(
+    std::int64_t selector, std::uint32_t bufferId, std::uint64_t paramOffset,
+    std::uint64_t paramLength, std::uint64_t replyOffset, std::uint64_t replyCapacity) {
+    auto [length, status, code] = impl_->awaitMethod<std::uint64_t, std::int64_t, std::int64_t>(
+        "RelayToUsbMuxShared", selector, bufferId, paramOffset, paramLength, replyOffset,
+        replyCapacity);
+    return {length, status, code};
 }
 
 }  // namespace skiff::service::dbus

@@ -1,6 +1,12 @@
 #pragma once
-// A client of skiffd (skiffctl, tests): serves a HarborBridgeClientProtocol at the client
-// object path and calls the host methods, either blocking with a time-out or with callbacks.
+// A client of skiffd (skiffctl, tests, benchmarks): serves a HarborBridgeClientProtocol at
+// the client object path, calls the host methods (blocking with a time-out, or with
+// callbacks), hands the service shared buffers for bulk bytes, and observes the service's
+// signals without registering a role.
+//
+// Threads: the client runs its bus on one thread of its own. The exported object's
+// methods, callbacks and observer functions run there; blocking calls must come from
+// other threads.
 
 #include <chrono>
 #include <cstdint>
@@ -22,14 +28,25 @@ public:
         std::int64_t status = 0;
         std::int64_t code = 0;
     };
+    struct SharedRelayReply {
+        std::uint64_t replyLength = 0;
+        std::int64_t status = 0;
+        std::int64_t code = 0;
+    };
     struct FileIOReply {
         Bytes response;
         std::int64_t status = 0;
     };
+    // What an observer hears; any member may be empty.
+    struct Observer {
+        std::function<void(std::int64_t message, Bytes param)> notification;
+        std::function<void(const std::string& udid, bool attached)> deviceChanged;
+        // The service took its name on the bus (true) or lost it (false).
+        std::function<void(bool present)> servicePresence;
+    };
 
     // Connects to the bus at `busAddress` (the session bus when empty) and, when `exported`
-    // is given, serves it. Its methods run on the client's bus thread and may reply later
-    // from any thread. Throws BusError.
+    // is given, serves it. Its methods may reply later from any thread. Throws BusError.
     explicit HarborClient(std::shared_ptr<HarborBridgeClientProtocol> exported = nullptr,
                           const std::string& busAddress = {});
     ~HarborClient();
@@ -41,14 +58,21 @@ public:
     // Applies to every call started afterwards (default 25 s).
     void setCallTimeout(std::chrono::milliseconds timeout);
 
+    // Called once if the bus connection is lost (on the client's thread).
+    void setLostHandler(std::function<void()> onLost);
+
     // The host with callbacks: replies and errors arrive on the client's bus thread;
     // a failed call reaches `errorHandler` and never its reply.
     std::shared_ptr<HarborBridgeHostProtocol> host(
         std::function<void(const BusError&)> errorHandler);
 
-    // Blocking calls. They throw BusError on a bus error or when no reply came in time,
-    // and must not be made from a method of the exported object (they would wait on the
-    // thread that delivers their reply).
+    // Subscribes to the service's signals and to its name coming and going; returns once
+    // the bus has confirmed, so nothing emitted afterwards is missed. Throws BusError.
+    void observe(Observer observer);
+    // Whether skiffd holds its name on the bus now.
+    bool serviceRunning();
+
+    // Blocking calls. They throw BusError on a bus error or when no reply came in time.
     bool registerClient(std::int64_t role);
     std::int64_t getXPCServiceVersion();
     void echo();
@@ -62,6 +86,13 @@ public:
     FileIOReply requestFileIO(std::int64_t operation, Bytes param);
     void filesystemDidUnmount();
     bool shutdown();
+
+    // The shared-memory path. The descriptor is only lent: the service maps its own copy.
+    std::uint32_t registerSharedBuffer(int fd);
+    void releaseSharedBuffer(std::uint32_t bufferId);
+    SharedRelayReply relayToUsbMuxShared(std::int64_t selector, std::uint32_t bufferId,
+                                         std::uint64_t paramOffset, std::uint64_t paramLength,
+                                         std::uint64_t replyOffset, std::uint64_t replyCapacity);
 
 private:
     struct Impl;

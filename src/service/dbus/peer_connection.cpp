@@ -1,23 +1,28 @@
 #include "service/dbus/peer_connection.hpp"
 
+#include <algorithm>
 #include <utility>
+
+#include "service/dbus/bus_names.hpp"
 
 namespace skiff::service::dbus {
 
 namespace {
 
-// Calls into one client. Each call is made on the bus thread; a failed call goes to the
-// error handler and its reply is never invoked.
+using Clock = std::chrono::steady_clock;
+
+// Calls into one client, each with the peer's deadline. A failed call goes to the error
+// handler and its reply is never invoked.
 class RemoteClientProxy final : public HarborBridgeClientProtocol {
 public:
-    RemoteClientProxy(std::shared_ptr<ProxyLink<ClientGlue>> link,
-                      std::function<void(const std::string&)> errorHandler)
-        : link_(std::move(link)),
-          onError_([errorHandler = std::move(errorHandler)](const sdbus::Error& error) {
-              if (errorHandler) {
-                  errorHandler(errorText(error));
-              }
-          }) {}
+    RemoteClientProxy(std::shared_ptr<BusConnection> bus, std::string peer,
+                      std::chrono::milliseconds deadline, std::shared_ptr<NoticeQueue> notices,
+                      std::function<void(const ClientCallFailure&)> errorHandler)
+        : bus_(std::move(bus)),
+          peer_(std::move(peer)),
+          deadline_(deadline),
+          notices_(std::move(notices)),
+          errorHandler_(std::move(errorHandler)) {}
 
     void echo(std::function<void()> reply) override { call("Echo", std::move(reply)); }
 
@@ -35,37 +40,57 @@ public:
     }
 
     void notifyClient(std::int64_t message, Bytes param) override {
-        link_->with(
-            [message, param = std::move(param), onError = onError_](ClientGlue& glue) {
-                try {
-                    glue.NotifyClient(message, param);
-                } catch (const sdbus::Error& e) {
-                    onError(e);
-                }
-            },
-            onError_);
+        notices_->offer(message, std::move(param));
     }
 
 private:
     template <typename... R, typename... A>
     void call(const char* method, std::function<void(R...)> reply, A... args) {
-        link_->with(
-            [method, reply = std::move(reply), onError = onError_, args...](ClientGlue& glue) {
-                callAsync(glue.raw(), kClientInterface, method, kNoTimeout, reply, onError,
-                          args...);
-            },
-            onError_);
+        auto onError = [errorHandler = errorHandler_, deadline = deadline_,
+                        start = Clock::now()](const CallError& error) {
+            if (!errorHandler) {
+                return;
+            }
+            // sd-bus reports its own time-out as NoReply, like a peer that left; the
+            // clock tells them apart.
+            const bool late = error.name == kErrorNoReply && Clock::now() - start >= deadline;
+            errorHandler({error.name + ": " + error.text, late});
+        };
+        bus_->post([bus = bus_, peer = peer_, deadline = deadline_, method,
+                    reply = std::move(reply), onError = std::move(onError),
+                    args = std::make_tuple(std::move(args)...)] {
+            startCall(
+                *bus, peer.c_str(), kClientPath, kClientInterface, method,
+                toUsec(std::chrono::duration_cast<std::chrono::microseconds>(deadline)),
+                [&](sd_bus_message* m) {
+                    return std::apply([&](const auto&... a) { return wire::appendAll(m, a...); },
+                                      args);
+                },
+                readReply<R...>(reply, onError), onError);
+        });
     }
 
-    std::shared_ptr<ProxyLink<ClientGlue>> link_;
-    std::function<void(const sdbus::Error&)> onError_;
+    std::shared_ptr<BusConnection> bus_;
+    std::string peer_;
+    std::chrono::milliseconds deadline_;
+    std::shared_ptr<NoticeQueue> notices_;
+    std::function<void(const ClientCallFailure&)> errorHandler_;
 };
 
 }  // namespace
 
-PeerConnection::PeerConnection(std::shared_ptr<BusLoop> loop, std::string peer)
+PeerConnection::PeerConnection(std::shared_ptr<BusConnection> bus, std::string peer,
+                               std::chrono::milliseconds clientDeadline)
     : peer_(std::move(peer)),
-      link_(std::make_shared<ProxyLink<ClientGlue>>(std::move(loop), peer_, kClientPath)) {}
+      bus_(std::move(bus)),
+      clientDeadline_(clientDeadline),
+      notices_(NoticeQueue::create(
+          bus_, "client " + peer_,
+          [peer = peer_](BusConnection& bus, std::int64_t message, const Bytes& param) {
+              return sendOneWay(
+                  bus, peer.c_str(), kClientPath, kClientInterface, "NotifyClient",
+                  [&](sd_bus_message* m) { return wire::appendAll(m, message, param); });
+          })) {}
 
 void PeerConnection::setExportedObject(std::shared_ptr<HarborBridgeHostProtocol> host) {
     std::lock_guard guard(mutex_);
@@ -77,19 +102,82 @@ HarborBridgeHostProtocol* PeerConnection::exportedObject() const {
     return host_.get();
 }
 
+std::shared_ptr<HarborBridgeHostProtocol> PeerConnection::exportedObjectShared() const {
+    std::lock_guard guard(mutex_);
+    return host_;
+}
+
 void PeerConnection::setInvalidationHandler(std::function<void()> handler) {
     std::lock_guard guard(mutex_);
     invalidationHandler_ = std::move(handler);
 }
 
-std::function<void()> PeerConnection::takeInvalidationHandler() {
-    std::lock_guard guard(mutex_);
-    return std::exchange(invalidationHandler_, nullptr);
+std::shared_ptr<HarborBridgeClientProtocol> PeerConnection::remoteObjectProxy(
+    std::function<void(const ClientCallFailure&)> errorHandler) {
+    return std::make_shared<RemoteClientProxy>(bus_, peer_, clientDeadline_, notices_,
+                                               std::move(errorHandler));
 }
 
-std::shared_ptr<HarborBridgeClientProtocol> PeerConnection::remoteObjectProxy(
-    std::function<void(const std::string& error)> errorHandler) {
-    return std::make_shared<RemoteClientProxy>(link_, std::move(errorHandler));
+std::shared_ptr<PendingCall> PeerConnection::track(sd_bus_message* call) {
+    auto pending = std::make_shared<PendingCall>(bus_, call);
+    std::lock_guard guard(mutex_);
+    std::erase_if(pending_, [](const std::weak_ptr<PendingCall>& p) { return p.expired(); });
+    pending_.push_back(pending);
+    return pending;
+}
+
+std::uint32_t PeerConnection::registerBuffer(std::shared_ptr<SharedMemory> buffer) {
+    std::lock_guard guard(mutex_);
+    if (buffers_.size() >= kMaxSharedBuffersPerPeer) {
+        return 0;
+    }
+    const auto id = nextBufferId_++;
+    buffers_.emplace(id, std::move(buffer));
+    return id;
+}
+
+bool PeerConnection::releaseBuffer(std::uint32_t id) {
+    std::lock_guard guard(mutex_);
+    return buffers_.erase(id) > 0;
+}
+
+std::shared_ptr<SharedMemory> PeerConnection::buffer(std::uint32_t id) const {
+    std::lock_guard guard(mutex_);
+    auto found = buffers_.find(id);
+    return found == buffers_.end() ? nullptr : found->second;
+}
+
+void PeerConnection::gone() {
+    std::function<void()> handler;
+    std::vector<std::weak_ptr<PendingCall>> pending;
+    std::map<std::uint32_t, std::shared_ptr<SharedMemory>> buffers;
+    std::shared_ptr<HarborBridgeHostProtocol> host;
+    {
+        std::lock_guard guard(mutex_);
+        handler = std::exchange(invalidationHandler_, nullptr);
+        pending.swap(pending_);
+        buffers.swap(buffers_);
+    }
+    if (handler) {
+        handler();
+    }
+    for (auto& weak : pending) {
+        if (auto call = weak.lock()) {
+            call->abandon();
+        }
+    }
+    notices_->clear();
+    {
+        // Work that holds only a weak reference to the host object (a measurement loop)
+        // sees it gone and stops.
+        std::lock_guard guard(mutex_);
+        host = std::move(host_);
+    }
+}
+
+void PeerConnection::forget() {
+    std::lock_guard guard(mutex_);
+    invalidationHandler_ = nullptr;
 }
 
 }  // namespace skiff::service::dbus

@@ -1,66 +1,148 @@
 #include "service/dbus/service_adapter.hpp"
 
-#include "service/dbus/bus_loop.hpp"
+#include <cstring>
+#include <future>
+
+#include "common/log.hpp"
+#include "service/dbus/bus_calls.hpp"
+#include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_names.hpp"
-#include "service/dbus/host_adaptor.hpp"
+#include "service/dbus/host_object.hpp"
+#include "service/dbus/notice_queue.hpp"
 
 namespace skiff::service::dbus {
 
+namespace {
+
+int emitSignal(BusConnection& bus, const char* member,
+               const std::function<int(sd_bus_message*)>& appendArgs) {
+    sd_bus_message* raw = nullptr;
+    int r = sd_bus_message_new_signal(bus.bus(), &raw, kHostPath, kHostInterface, member);
+    auto message = MessageRef::adopt(raw);
+    if (r >= 0) {
+        r = appendArgs(raw);
+    }
+    if (r >= 0) {
+        r = sd_bus_send(bus.bus(), raw, nullptr);
+    }
+    return r;
+}
+
+// The observer signals. Notifications share one bounded queue, like a client's.
+class SignalEmitter final : public BridgeObserver {
+public:
+    explicit SignalEmitter(std::shared_ptr<BusConnection> bus)
+        : bus_(bus),
+          notifications_(NoticeQueue::create(
+              std::move(bus), "observers",
+              [](BusConnection& b, std::int64_t message, const Bytes& param) {
+                  return emitSignal(b, kSignalNotification, [&](sd_bus_message* m) {
+                      return wire::appendAll(m, message, param);
+                  });
+              })) {}
+
+    void notificationPosted(std::int64_t message, const Bytes& param) override {
+        notifications_->offer(message, param);
+    }
+
+    void deviceChanged(const std::string& udid, bool attached) override {
+        bus_->post([bus = bus_, udid, attached] {
+            const int r = emitSignal(*bus, kSignalDeviceChanged, [&](sd_bus_message* m) {
+                return wire::appendAll(m, udid, attached);
+            });
+            if (r < 0) {
+                log::xpc().error("DeviceChanged not sent: %{public}s", std::strerror(-r));
+            }
+        });
+    }
+
+private:
+    std::shared_ptr<BusConnection> bus_;
+    std::shared_ptr<NoticeQueue> notifications_;
+};
+
+int onNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
+    std::string name, oldOwner, newOwner;
+    if (wire::readAll(m, name, oldOwner, newOwner) >= 0 && newOwner.empty() &&
+        name.starts_with(':')) {
+        static_cast<PeerTable*>(userdata)->peerGone(name);
+    }
+    return 0;
+}
+
+}  // namespace
+
 struct ServiceAdapter::Impl {
-    Impl(std::shared_ptr<ListenerDelegate> delegate, const std::string& busAddress)
-        : loop(std::make_shared<BusLoop>(busAddress)),
-          name(loop->connection().getUniqueName()),
-          peers(loop, std::move(delegate)),
-          host(loop, peers) {
-        try {
-            // Watch departures before anyone can call, so no peer is missed.
-            ownerWatch = loop->connection().addMatch(
-                "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
-                "interface='org.freedesktop.DBus',member='NameOwnerChanged'",
-                [this](sdbus::Message& message) {
-                    std::string name, oldOwner, newOwner;
-                    message >> name >> oldOwner >> newOwner;
-                    if (newOwner.empty()) {
-                        peers.peerGone(name);
-                    }
-                });
-            loop->connection().requestName(kServiceName);
-        } catch (const sdbus::Error& e) {
-            throw BusError(e.getName(), e.getMessage());
+    Impl(asio::any_io_executor executor, std::shared_ptr<ListenerDelegate> delegate,
+         const Options& options)
+        : bus(BusConnection::open(std::move(executor), options.busAddress)),
+          peers(bus, std::move(delegate), options.clientDeadline),
+          host(std::make_unique<HostObject>(bus, peers)),
+          signals(std::make_shared<SignalEmitter>(bus)) {
+        // Watch departures before anyone can call, so no peer is missed.
+        int r = sd_bus_match_signal(bus->bus(), &ownerWatch, "org.freedesktop.DBus",
+                                    "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                    "NameOwnerChanged", onNameOwnerChanged, &peers);
+        if (r < 0) {
+            throw BusError(kErrorFailed,
+                           std::string("cannot watch the bus's peers: ") + std::strerror(-r));
+        }
+        r = sd_bus_request_name(bus->bus(), kServiceName, 0);
+        if (r < 0) {
+            sd_bus_slot_unref(ownerWatch);
+            throw BusError(
+                r == -EEXIST ? "org.freedesktop.DBus.Error.AddressInUse" : kErrorFailed,
+                std::string("cannot take the name ") + kServiceName + ": " + std::strerror(-r));
         }
     }
 
-    ~Impl() {
-        loop->stop();
-        ownerWatch = {};
-        peers.clear();
+    ~Impl() { close(); }
+
+    void close() {
+        if (closed) {
+            return;
+        }
+        closed = true;
+        std::promise<void> done;
+        // Everything that touches the sd_bus object goes away on its strand.
+        bus->post([this, &done] {
+            peers.clear();
+            host.reset();
+            ownerWatch = sd_bus_slot_unref(ownerWatch);
+            done.set_value();
+        });
+        done.get_future().wait();
+        bus->close();
     }
 
-    std::shared_ptr<BusLoop> loop;
-    std::string name;
+    std::shared_ptr<BusConnection> bus;
     PeerTable peers;
-    HostAdaptor host;
-    sdbus::Slot ownerWatch;
+    std::unique_ptr<HostObject> host;
+    std::shared_ptr<SignalEmitter> signals;
+    sd_bus_slot* ownerWatch = nullptr;
+    bool closed = false;
 };
 
-ServiceAdapter::ServiceAdapter(std::shared_ptr<ListenerDelegate> delegate,
-                               const std::string& busAddress)
-    : impl_(std::make_unique<Impl>(std::move(delegate), busAddress)) {}
+ServiceAdapter::ServiceAdapter(asio::any_io_executor executor,
+                               std::shared_ptr<ListenerDelegate> delegate, Options options)
+    : impl_(std::make_unique<Impl>(std::move(executor), std::move(delegate), options)) {}
 
 ServiceAdapter::~ServiceAdapter() = default;
 
-void ServiceAdapter::start() {
-    impl_->loop->start();
+void ServiceAdapter::start(std::function<void()> onLost) {
+    impl_->bus->start(std::move(onLost));
 }
-void ServiceAdapter::run() {
-    impl_->loop->run();
+
+void ServiceAdapter::close() {
+    impl_->close();
 }
-void ServiceAdapter::stop() {
-    impl_->loop->stop();
+
+std::shared_ptr<BridgeObserver> ServiceAdapter::observer() const {
+    return impl_->signals;
 }
 
 std::string ServiceAdapter::uniqueName() const {
-    return impl_->name;
+    return impl_->bus->uniqueName();
 }
 
 }  // namespace skiff::service::dbus

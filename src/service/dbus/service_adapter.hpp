@@ -1,9 +1,17 @@
 #pragma once
 // skiffd on the bus: owns the session-bus connection, the well-known name and the host
-// object, and turns bus peers into ClientConnections for the listener delegate.
+// object, turns bus peers into ClientConnections for the listener delegate, and emits the
+// observer signals. The connection runs on the service's io_context (no thread of its own).
+//
+// Lifetime: construct, start(), and close() (or destroy) while the io_context still runs:
+// closing waits for the strand to let go of the connection.
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
+
+#include <asio.hpp>
 
 #include "service/bridge_protocols.hpp"
 #include "service/dbus/bus_error.hpp"
@@ -12,17 +20,30 @@ namespace skiff::service::dbus {
 
 class ServiceAdapter {
 public:
-    // Connects to the bus at `busAddress` (the session bus when empty), exports the host
-    // object and takes the service name. Throws BusError, e.g. when the name is taken.
-    explicit ServiceAdapter(std::shared_ptr<ListenerDelegate> delegate,
-                            const std::string& busAddress = {});
+    struct Options {
+        std::string busAddress;  // the session bus when empty
+        // How long a call to a client may take before the waiting host call gives up.
+        std::chrono::milliseconds clientDeadline = std::chrono::seconds(25);
+    };
+
+    // Connects, exports the host object and takes the service name. Throws BusError,
+    // e.g. when the name is taken.
+    ServiceAdapter(asio::any_io_executor executor, std::shared_ptr<ListenerDelegate> delegate,
+                   Options options);
     ~ServiceAdapter();
     ServiceAdapter(const ServiceAdapter&) = delete;
     ServiceAdapter& operator=(const ServiceAdapter&) = delete;
 
-    void start();  // serves the bus on a thread of its own
-    void run();    // serves the bus on the calling thread until stop()
-    void stop();   // from any thread
+    // Starts serving. `onLost` runs once, on an io_context thread, if the bus connection
+    // is lost; a service must not stay half alive after that.
+    void start(std::function<void()> onLost);
+
+    // Stops serving and waits until the connection has closed. From any thread but the
+    // io_context's own.
+    void close();
+
+    // The signals to observers, for the core to call.
+    std::shared_ptr<BridgeObserver> observer() const;
 
     std::string uniqueName() const;
 
