@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "tunnel/tunnel_frame.hpp"
+
 namespace skiff::sim {
 namespace {
 
@@ -96,10 +98,33 @@ std::variant<AppCommand, std::string> parseFault(std::string_view rest) {
     return "unknown fault " + std::string(name);
 }
 
+std::variant<AppCommand, std::string> parseFlood(std::string_view rest) {
+    AppCommand command;
+    command.verb = AppVerb::flood;
+    auto code = number<std::uint16_t>(nextWord(rest));
+    // Wide enough that any too-large number gets the range in its error.
+    auto bytes = number<std::uint64_t>(nextWord(rest));
+    auto seconds = number<std::uint64_t>(nextWord(rest));
+    if (!code || !bytes || !seconds || !nextWord(rest).empty()) {
+        return std::string("flood takes a code of 0 to 65535, a body size in bytes and seconds");
+    }
+    if (*bytes > tunnel::maxFramePayload) {
+        return "flood body size is at most " + std::to_string(tunnel::maxFramePayload) + " bytes";
+    }
+    if (*seconds < 1 || *seconds > kFloodMaxSeconds) {
+        return "flood lasts 1 to " + std::to_string(kFloodMaxSeconds) + " seconds";
+    }
+    command.code = *code;
+    command.floodBytes = static_cast<std::uint32_t>(*bytes);
+    command.floodSeconds = static_cast<std::uint32_t>(*seconds);
+    return command;
+}
+
 }  // namespace
 
 bool isAppVerb(std::string_view word) {
-    return word == "push" || word == "fault" || word == "inject" || word == "received";
+    return word == "push" || word == "flood" || word == "fault" || word == "inject" ||
+           word == "received";
 }
 
 std::variant<AppCommand, std::string> parseAppCommand(std::string_view line) {
@@ -115,6 +140,9 @@ std::variant<AppCommand, std::string> parseAppCommand(std::string_view line) {
         command.code = *code;
         command.text = restText(rest);
         return command;
+    }
+    if (verb == "flood") {
+        return parseFlood(rest);
     }
     if (verb == "fault") {
         return parseFault(rest);

@@ -2,6 +2,10 @@
 
 // Control commands of the companion app, parsed from a whole control line:
 //   push CODE [BODY]        a push frame to every framed connection; data line: how many
+//   flood CODE BYTES SECONDS
+//                           push frames with BYTES filler bytes each (up to a frame's
+//                           largest payload) to every framed connection, back to back
+//                           for SECONDS (1 to 600), then stops; data line: how many
 //   fault silent on|off     read requests but leave them unanswered (off answers them)
 //   fault close on|off      close the connection instead of answering a request or a
 //                           measurement line
@@ -24,18 +28,22 @@
 
 namespace skiff::sim {
 
-enum class AppVerb { push, fault, inject, received };
+inline constexpr std::uint32_t kFloodMaxSeconds = 600;
+
+enum class AppVerb { push, flood, fault, inject, received };
 enum class AppFault { silent, close, status, delay, pong, ack, clear };
 enum class AppInjection { unknownFlow, badHeader };
 
 struct AppCommand {
     AppVerb verb = AppVerb::received;
-    std::uint16_t code = 0;  // push: the push code; fault status: the answer code
+    std::uint16_t code = 0;  // push, flood: the push code; fault status: the answer code
     std::string text;        // push: the body; fault pong/ack: the line
     AppFault fault = AppFault::clear;
     bool on = false;            // the fault is switched on (pong/ack: text replaces the default)
     std::uint32_t delayMs = 0;  // fault delay
     AppInjection injection = AppInjection::unknownFlow;
+    std::uint32_t floodBytes = 0;    // flood: the body size of each push
+    std::uint32_t floodSeconds = 0;  // flood: how long it lasts
 };
 
 bool isAppVerb(std::string_view word);

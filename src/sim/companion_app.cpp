@@ -1,10 +1,12 @@
 #include "sim/companion_app.hpp"
 
 #include <array>
+#include <chrono>
 #include <string_view>
 
 #include "sim/app_framed.hpp"
 #include "sim/app_state.hpp"
+#include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::sim {
 namespace {
@@ -137,6 +139,34 @@ asio::awaitable<void> sendRaw(std::shared_ptr<tunnel::SocketTunnelTransport> tra
     }
 }
 
+// Pushes back to back until the time is up or the connection ends. Each frame is
+// encoded only when the one before it has been written, so a connection that reads
+// slowly holds one frame here and not a queue. The frames go straight to the transport,
+// where answers take turns with them: the engine's push queue would take every push at
+// once and hold them all back while a request is in hand.
+asio::awaitable<void> flood(std::shared_ptr<CompanionApp::State> state,
+                            std::shared_ptr<tunnel::SocketTunnelTransport> transport,
+                            std::uint16_t code, std::shared_ptr<const Bytes> body,
+                            std::chrono::steady_clock::time_point until) {
+    std::uint32_t flow = 1;
+    std::uint64_t sent = 0;
+    try {
+        while (std::chrono::steady_clock::now() < until) {
+            auto frame = tunnel::encodeFrame(tunnel::FrameKind::push, code,
+                                             tunnel::takeFlowValue(flow), *body);
+            if (!frame) {
+                break;
+            }
+            co_await transport->send(std::move(*frame));
+            ++sent;
+        }
+    } catch (const tunnel::TunnelTransportError&) {
+        // The connection ended: so does its flood.
+    }
+    state->report("app: flood of code " + std::to_string(code) + " ended after " +
+                  std::to_string(sent) + " pushes");
+}
+
 }  // namespace
 
 void CompanionApp::State::record(std::string entry) {
@@ -180,6 +210,14 @@ ControlReply CompanionApp::execute(const AppCommand& command) {
             Bytes body(command.text.begin(), command.text.end());
             return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
                 return connection.engine->enqueuePush(command.code, body);
+            });
+        }
+        case AppVerb::flood: {
+            auto body = std::make_shared<const Bytes>(command.floodBytes, std::uint8_t{'x'});
+            auto until =
+                std::chrono::steady_clock::now() + std::chrono::seconds(command.floodSeconds);
+            return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
+                return flood(state_, connection.socketTransport, command.code, body, until);
             });
         }
         case AppVerb::fault:

@@ -4,7 +4,8 @@
 // speaks: "PRTU" starts tunnel frames, answered through the handler table by a
 // TunnelEngine in the server role; "PING" or "BW:" start measurement lines. Anything
 // else is echoed back, so plain byte-stream checks may use the app's port as well.
-// Faults and pushes are switched from the control interface (sim/app_command.hpp).
+// Faults, pushes and push floods are switched from the control interface
+// (sim/app_command.hpp).
 
 #include <asio.hpp>
 #include <cstdint>

@@ -3,7 +3,8 @@
 //                         [--app-port PORT | --no-app] [--storage DIR]
 //   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
 //                                 connections | drop [UDID] | push CODE [BODY] |
-//                                 fault ... | inject ... | received
+//                                 flood CODE BYTES SECONDS | fault ... | inject ... |
+//                                 received
 
 #include <CLI/CLI.hpp>
 #include <asio.hpp>
@@ -111,7 +112,8 @@ int main(int argc, char** argv) {
     auto* ctlCommand = app.add_subcommand(
         "ctl",
         "Drive a running simulated phone: list, attach UDID, detach UDID, replug UDID, "
-        "connections, drop [UDID], push CODE [BODY], fault NAME [VALUE], inject WHAT, received");
+        "connections, drop [UDID], push CODE [BODY], flood CODE BYTES SECONDS, fault NAME [VALUE], "
+        "inject WHAT, received");
     ctlCommand->add_option("--dir", ctlDir, "The directory given to serve")->required();
     ctlCommand->add_option("command", words, "The command and its UDID")->required();
 

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "sim/control_command.hpp"
@@ -41,6 +42,35 @@ TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
     EXPECT_EQ(parsed("fault status 0").app.code, 0);
     EXPECT_TRUE(parsed("fault status 0").app.on);
     EXPECT_FALSE(parsed("fault delay 0").app.on);
+}
+
+TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
+    auto flood = parsed(" flood 2 5242880\t600 ").app;
+    EXPECT_EQ(flood.verb, AppVerb::flood);
+    EXPECT_EQ(flood.code, 2);
+    EXPECT_EQ(flood.floodBytes, 5'242'880u);
+    EXPECT_EQ(flood.floodSeconds, 600u);
+    EXPECT_EQ(parsed("flood 65535 0 1").app.floodBytes, 0u);
+
+    struct Case {
+        std::string_view line;
+        std::string_view error;
+    };
+    const Case refused[] = {
+        {"flood 2 5242881 1", "at most 5242880 bytes"},
+        {"flood 2 0 0", "1 to 600 seconds"},
+        {"flood 2 0 601", "1 to 600 seconds"},
+        {"flood 2 0 4294967297", "1 to 600 seconds"},
+        {"flood 2 1024", "flood takes"},
+        {"flood 2 1024 1 more", "flood takes"},
+        {"flood 65536 0 1", "flood takes"},
+        {"flood 2 1k 1", "flood takes"},
+    };
+    for (const auto& [line, error] : refused) {
+        auto result = parseControlCommand(line);
+        ASSERT_TRUE(std::holds_alternative<std::string>(result)) << line;
+        EXPECT_THAT(std::get<std::string>(result), ::testing::HasSubstr(error)) << line;
+    }
 }
 
 TEST(ControlCommand, RejectsWrongShapes) {

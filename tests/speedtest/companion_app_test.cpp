@@ -1,3 +1,4 @@
+#include <condition_variable>
 #include <future>
 #include <mutex>
 #include <optional>
@@ -36,10 +37,12 @@ protected:
         binding.tunnelKey = "phone-A:33325";
         binding.notifyHandler = [this](std::uint16_t code, Bytes payload) {
             std::lock_guard lock(mutex_);
-            pushes_.emplace_back(code, std::string(payload.begin(), payload.end()));
-            if (pushes_.size() == 1) {
-                firstPush_.set_value();
+            ++pushCount_;
+            // A flood brings far more than a test needs to look at.
+            if (pushes_.size() < kKeptPushes) {
+                pushes_.emplace_back(code, std::string(payload.begin(), payload.end()));
             }
+            pushed_.notify_all();
         };
         run(engine_->bind(std::move(binding)));
     }
@@ -69,11 +72,20 @@ protected:
         return std::nullopt;
     }
 
+    // Whether count pushes have arrived in all within the tests' wait limit.
+    bool pushesArrive(std::uint64_t count) {
+        std::unique_lock lock(mutex_);
+        return pushed_.wait_for(lock, skiff::testing::kWaitLimit,
+                                [&] { return pushCount_ >= count; });
+    }
+
+    static constexpr size_t kKeptPushes = 64;
     std::shared_ptr<tunnel::UsbMuxTunnelTransport> transport_;
     std::shared_ptr<TunnelEngine> engine_;
     std::mutex mutex_;
+    std::condition_variable pushed_;
+    std::uint64_t pushCount_ = 0;
     std::vector<std::pair<std::uint16_t, std::string>> pushes_;
-    std::promise<void> firstPush_;
 };
 
 TEST_F(FramedApp, AnswersKeepalivesAndUnknownCodesAndPushes) {
@@ -83,10 +95,36 @@ TEST_F(FramedApp, AnswersKeepalivesAndUnknownCodesAndPushes) {
     EXPECT_NE(request(0x7777).code, 0);
 
     EXPECT_EQ(control("push 3 {\"mount\": true}"), std::vector<std::string>{"1"});
-    auto pushed = firstPush_.get_future();
-    ASSERT_TRUE(skiff::testing::readyInTime(pushed));
+    ASSERT_TRUE(pushesArrive(1));
     std::lock_guard lock(mutex_);
     EXPECT_EQ(pushes_.front(), (std::pair<std::uint16_t, std::string>{3, "{\"mount\": true}"}));
+}
+
+TEST_F(FramedApp, FloodPushesUntilItsTimeIsUpWhileRequestsAreStillAnswered) {
+    request(0);  // the app knows the connection as framed from here on
+    EXPECT_EQ(control("flood 2 1024 2"), std::vector<std::string>{"1"});
+    EXPECT_EQ(control("connections").size(), 1u);
+    EXPECT_EQ(request(0).code, 0);
+    std::uint64_t beforeAnswer = 0;
+    {
+        std::lock_guard lock(mutex_);
+        beforeAnswer = pushCount_;
+    }
+    ASSERT_TRUE(pushesArrive(kKeptPushes));
+
+    // The app reports how many it sent once the time is up; exactly those arrive.
+    const std::string ended = "flood of code 2 ended after ";
+    ASSERT_TRUE(phone_->process().waitForOutput(ended, skiff::testing::kWaitLimit));
+    const std::string output = phone_->process().output();
+    const std::uint64_t sent = std::stoull(output.substr(output.find(ended) + ended.size()));
+    EXPECT_TRUE(pushesArrive(sent));
+    std::lock_guard lock(mutex_);
+    EXPECT_EQ(pushCount_, sent);
+    // An app busy with nothing but the flood would answer only after its last push.
+    EXPECT_LT(beforeAnswer, sent);
+    for (const auto& push : pushes_) {
+        EXPECT_EQ(push, (std::pair<std::uint16_t, std::string>{2, std::string(1024, 'x')}));
+    }
 }
 
 TEST_F(FramedApp, FaultSwitchesShapeTheAnswers) {
