@@ -1,6 +1,8 @@
 // skiffd: starts the USB layer, serves clients on the session bus, and runs until SIGTERM
 // or SIGINT (exit 0) or until its bus connection is lost (exit 1, so that the unit's
 // restart-on-failure brings it back; a service holding no bus must not linger).
+#include <malloc.h>
+
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
@@ -32,6 +34,10 @@ int main(int argc, char** argv) {
     CLI11_PARSE(app, argc, argv);
     options.clientDeadline = std::chrono::milliseconds(deadlineMs);
     std::signal(SIGPIPE, SIG_IGN);
+    // Bodies of a megabyte come and go all the time (relays, pushes); mapped on their own
+    // they go back to the system when freed instead of fragmenting the heap, which glibc's
+    // self-raising threshold would otherwise make them do.
+    mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
     auto& runtime = runtime::IoRuntime::shared();
     runtime.start();

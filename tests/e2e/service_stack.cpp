@@ -43,15 +43,16 @@ bool NotificationRecorder::waitForState(BridgeState state, std::size_t from,
     });
 }
 
-ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorage)
+ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorage,
+                           std::vector<std::string> skiffdArgs)
     : storage_("skiff-e2e-storage") {
     if (prepareStorage) {
         prepareStorage(storage_.path());
     }
     phone_ = std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice},
                                               std::vector<std::string>{"--storage", storage()});
-    skiffd_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{buildPath("src/service/skiffd")}, environment());
+    skiffdArgs.insert(skiffdArgs.begin(), buildPath("src/service/skiffd"));
+    skiffd_ = std::make_unique<ChildProcess>(std::move(skiffdArgs), environment());
 
     // The service is ready once it answers on its bus name; until then the bus itself
     // answers at once that nobody owns it.

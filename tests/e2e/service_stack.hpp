@@ -55,13 +55,16 @@ class ServiceStack {
 public:
     static constexpr const char* kDevice = "SIM-E2E-0001";
 
-    // Fills the app's storage through `prepareStorage` before the phone starts.
-    explicit ServiceStack(std::function<void(const std::string& storage)> prepareStorage = {});
+    // Fills the app's storage through `prepareStorage` before the phone starts; skiffd
+    // gets `skiffdArgs` on its command line.
+    explicit ServiceStack(std::function<void(const std::string& storage)> prepareStorage = {},
+                          std::vector<std::string> skiffdArgs = {});
     ~ServiceStack();
     ServiceStack(const ServiceStack&) = delete;
     ServiceStack& operator=(const ServiceStack&) = delete;
 
     const std::string& busAddress() const { return bus_.address(); }
+    testing::TestBus& bus() { return bus_; }
     const std::string& storage() const { return storage_.path(); }
     SimulatedPhone& phone() { return *phone_; }
     ChildProcess& service() { return *skiffd_; }

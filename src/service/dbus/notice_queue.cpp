@@ -9,7 +9,7 @@ namespace skiff::service::dbus {
 
 namespace {
 // sd-bus's own unsent messages allowed before draining waits for the socket.
-constexpr std::uint64_t kMaxQueuedWrites = 4;
+constexpr std::uint64_t kMaxQueuedWrites = 1;
 }  // namespace
 
 std::shared_ptr<NoticeQueue> NoticeQueue::create(std::shared_ptr<BusConnection> bus,

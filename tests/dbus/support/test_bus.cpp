@@ -107,6 +107,16 @@ TestBus::~TestBus() {
     shutdown();
 }
 
+void TestBus::kill() {
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        int status = 0;
+        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+        }
+        pid_ = -1;
+    }
+}
+
 void TestBus::shutdown() {
     if (pid_ > 0) {
         ::kill(pid_, SIGTERM);

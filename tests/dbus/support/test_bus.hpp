@@ -18,6 +18,9 @@ public:
     // What DBUS_SESSION_BUS_ADDRESS would hold for this bus.
     const std::string& address() const { return address_; }
 
+    // Kills the daemon at once (SIGKILL), as a crash would: every connection drops.
+    void kill();
+
 private:
     void shutdown();
 

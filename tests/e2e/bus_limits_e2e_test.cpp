@@ -1,0 +1,184 @@
+// What no client, and no phone, can do to skiffd: stop it with a bad value, wedge it with
+// a call it never answers, grow it without bound, or leave it half alive without a bus.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <iostream>
+#include <future>
+#include <string>
+#include <sys/wait.h>
+
+#include "common/shared_memory.hpp"
+#include "e2e/service_stack.hpp"
+#include "relay/relay_schema.hpp"
+#include "service/dbus/bus_names.hpp"
+#include "service/dbus/shared_relay.hpp"
+
+namespace skiff::test {
+namespace {
+
+using service::dbus::BusError;
+using service::dbus::HarborClient;
+
+constexpr std::int64_t kFileProvider = 0;
+constexpr std::int64_t kDesktopApp = 1;
+constexpr std::int64_t kLookup = 2;
+constexpr std::uint64_t kBusArrayLimit = 64ull * 1024 * 1024;
+
+Bytes lookupBody(const std::string& identifier) {
+    return json::encode(
+               relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsLookupByName})
+        .value();
+}
+
+template <class Call>
+std::string busErrorOf(Call&& call) {
+    try {
+        call();
+    } catch (const BusError& e) {
+        return e.name();
+    }
+    return "no error";
+}
+
+// A file provider that never answers the calls it is made to wait on, and counts the rest.
+class SilentExtension final : public service::HarborBridgeClientProtocol {
+public:
+    void echo(std::function<void()>) override {}
+    void runExtToHostPing(std::int64_t, std::function<void(double)>) override {}
+    void benchmarkIngest(Bytes, std::function<void(std::uint64_t)> reply) override {
+        ++ingested;
+        reply(0);
+    }
+    void benchmarkSendChunks(std::uint64_t, std::uint64_t, std::function<void(double)>) override {}
+    void notifyClient(std::int64_t, Bytes param) override { notifiedBytes += param.size(); }
+
+    std::atomic<std::uint64_t> ingested{0};
+    std::atomic<std::uint64_t> notifiedBytes{0};
+};
+
+// Peak resident memory of a process, in bytes (VmHWM).
+std::uint64_t peakResident(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stoull(line.substr(6)) * 1024;
+        }
+    }
+    return 0;
+}
+
+// Sanitizers multiply memory; the bound is the product's only in a plain build.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::uint64_t kMemoryBound = 1024ull * 1024 * 1024;
+#else
+constexpr std::uint64_t kMemoryBound = 64ull * 1024 * 1024;
+#endif
+
+TEST(BusLimitsE2eTest, CallersMistakesAreRefusedAndTheServiceKeepsRelaying) {
+    ServiceStack stack(writeNotes);
+    auto extension = registerWithPhone(stack, kFileProvider);
+    auto& client = *extension.client;
+
+    for (std::int64_t selector : {std::int64_t{65536}, std::int64_t{-1}}) {
+        EXPECT_EQ(busErrorOf([&] { client.relayToUsbMux(selector, lookupBody("")); }),
+                  service::dbus::kErrorInvalidArgs)
+            << selector;
+    }
+    EXPECT_EQ(busErrorOf([&] { client.requestHostToExtThroughput(kBusArrayLimit + 1, 1); }),
+              service::dbus::kErrorInvalidArgs);
+    EXPECT_EQ(busErrorOf([&] { client.requestExtToHostThroughput(kBusArrayLimit + 1, 1); }),
+              service::dbus::kErrorInvalidArgs);
+    EXPECT_EQ(busErrorOf([&] { client.requestFileIO(4, {}); }), service::dbus::kErrorInvalidArgs);
+
+    // Alive and relaying, over the bus and through shared memory alike.
+    const auto plain = client.relayToUsbMux(kLookup, lookupBody("Documents/notes.txt"));
+    EXPECT_EQ(plain.status, 0);
+    service::dbus::SharedRelayBuffer shared(client);
+    const auto viaMemory = shared.relay(kLookup, lookupBody("Documents/notes.txt"));
+    EXPECT_EQ(viaMemory.status, 0);
+    EXPECT_EQ(viaMemory.response, plain.response);
+    EXPECT_EQ(shared.relay(kLookup, Bytes(service::kMaxRelayBodyBytes + 1, 'x')).status, 7);
+    EXPECT_FALSE(stack.service().waitForExit({}));
+}
+
+TEST(BusLimitsE2eTest, ACallNobodyAnswersEndsAtTheDeadlineWithTheFailureValue) {
+    ServiceStack stack(writeNotes, {"--client-deadline-ms", "300"});
+    auto silent = std::make_shared<SilentExtension>();
+    auto extension = stack.connect(silent);
+    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    auto desktop = stack.connect();
+    ASSERT_TRUE(desktop->registerClient(kDesktopApp));
+
+    EXPECT_FALSE(desktop->ping(kFileProvider));
+    EXPECT_EQ(desktop->requestExtToHostPing(1), -1.0);
+    EXPECT_EQ(desktop->requestExtToHostThroughput(1, 1), -1.0);
+    EXPECT_TRUE(stack.service().waitForOutput("did not answer in time", kE2eWait));
+}
+
+TEST(BusLimitsE2eTest, AMeasurementLoopStopsWhenItsCallerLeaves) {
+    ServiceStack stack;
+    auto silent = std::make_shared<SilentExtension>();
+    auto extension = stack.connect(silent);
+    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    {
+        auto desktop = stack.connect();
+        ASSERT_TRUE(desktop->registerClient(kDesktopApp));
+        auto host = desktop->host([](const BusError&) {});
+        host->requestHostToExtThroughput(1024, 9'000'000'000'000'000'000ull, [](double) {});
+        const auto start = std::chrono::steady_clock::now();
+        while (silent->ingested < 10 && std::chrono::steady_clock::now() - start < kE2eWait) {
+            std::this_thread::yield();
+        }
+        ASSERT_GE(silent->ingested, 10u);
+    }
+    EXPECT_TRUE(stack.service().waitForOutput("stopped: its caller left", kE2eWait));
+}
+
+TEST(BusLimitsE2eTest, APushFloodNeitherGrowsTheServiceNorStopsItAnswering) {
+    ServiceStack stack;
+    auto silent = std::make_shared<SilentExtension>();
+    auto extension = stack.connect(silent);
+    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    auto desktop = registerWithPhone(stack, kDesktopApp);
+    // The relay tunnel carries the pushes: open it with one request.
+    desktop.client->relayToUsbMux(kLookup, lookupBody(""));
+
+    const auto reply = stack.phone().command("flood 2 1048576 8");
+    ASSERT_EQ(reply.lines, std::vector<std::string>{"1"});
+    auto echoer = stack.connect();
+    echoer->setCallTimeout(std::chrono::seconds(20));
+    int echoes = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::seconds(8)) {
+        echoer->echo();  // throws when it stops answering
+        ++echoes;
+    }
+    EXPECT_GT(echoes, 0);
+    EXPECT_GT(silent->notifiedBytes, 0u);
+    const auto peak = peakResident(stack.service().pid());
+    std::cerr << "skiffd peak resident memory: " << peak / 1024 << " KiB, " << echoes << " echoes\n";
+    EXPECT_LT(peak, kMemoryBound);
+}
+
+TEST(BusLimitsE2eTest, LosingTheBusEndsTheServiceWithFailure) {
+    ServiceStack stack;
+    stack.bus().kill();
+    const auto status = stack.service().waitForExit(kE2eWait);
+    ASSERT_TRUE(status);
+    ASSERT_TRUE(WIFEXITED(*status)) << stack.service().output();
+    EXPECT_EQ(WEXITSTATUS(*status), 1);
+}
+
+TEST(BusLimitsE2eTest, AStopSignalEndsTheServiceCleanly) {
+    ServiceStack stack;
+    const int status = stack.service().stop();
+    ASSERT_TRUE(WIFEXITED(status)) << stack.service().output();
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
+}  // namespace skiff::test
