@@ -31,7 +31,14 @@ std::string trimmed(std::string_view text) {
     return std::string(text.substr(first, last - first + 1));
 }
 
-// Digits only, so signs, spaces and fractions are not lengths.
+bool isItemFact(std::string_view local) {
+    return local == "title" || local == "pubDate" || local == "version" ||
+           local == "shortVersionString" || local == "minimumSystemVersion" ||
+           local == "hardwareRequirements";
+}
+
+}  // namespace
+
 std::optional<std::int64_t> wholeNumber(std::string_view text) {
     if (text.empty() ||
         !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
@@ -44,14 +51,6 @@ std::optional<std::int64_t> wholeNumber(std::string_view text) {
     }
     return value;
 }
-
-bool isItemFact(std::string_view local) {
-    return local == "title" || local == "pubDate" || local == "version" ||
-           local == "shortVersionString" || local == "minimumSystemVersion" ||
-           local == "hardwareRequirements";
-}
-
-}  // namespace
 
 bool ItemParserDelegate::isTracked(std::string_view local) const {
     if (inItem_) {

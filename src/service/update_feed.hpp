@@ -80,6 +80,10 @@ private:
     std::string currentText_;
 };
 
+// Digits only (no sign, space or fraction) and within 64 bits: how a feed writes a length
+// or a build number.
+std::optional<std::int64_t> wholeNumber(std::string_view text);
+
 // Parses a whole feed. The delegate as the last event left it, or, for bytes that are not
 // well-formed XML, expat's reason with the line and column where it stopped. External
 // entities are never loaded.
