@@ -16,8 +16,8 @@ std::optional<Bytes> readFeed(const std::string& path) {
     if (path == "-") {
         return Bytes(std::istreambuf_iterator<char>(std::cin), {});
     }
-    // A directory opens like a file and then reads as empty, which would pass for an
-    // empty feed.
+    // A directory opens like a file and then reads as nothing, which would be reported as
+    // an empty feed rather than as unreadable.
     std::error_code error;
     if (std::filesystem::is_directory(path, error)) {
         return std::nullopt;
