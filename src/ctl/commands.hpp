@@ -12,8 +12,9 @@ namespace skiff::ctl {
 
 enum ExitStatus : int {
     kExitOk = 0,
-    kExitFailed = 1,      // the service answered, with a failure
-    kExitUnreachable = 2  // no answer: the bus, the service or the registration failed
+    kExitFailed = 1,       // the service answered, with a failure
+    kExitUnreachable = 2,  // no answer: the bus, the service or the registration failed
+    kExitBadInput = 3      // an input named on the command line could not be read or parsed
 };
 
 struct Output {

@@ -12,6 +12,7 @@
 
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
+#include "ctl/update_check.hpp"
 
 namespace {
 
@@ -121,6 +122,12 @@ int main(int argc, char** argv) {
         "service answers at once)");
     extToHostPing->add_option("value", pingValue, "Role the file provider pings")->required();
 
+    std::string feedPath;
+    auto* updateCheck = app.add_subcommand(
+        "update-check",
+        "Show the release an update feed announces first and whether it is newer than the service");
+    updateCheck->add_option("feed", feedPath, "The feed file, - for standard input")->required();
+
     CLI11_PARSE(app, argc, argv);
 
     std::int64_t pingTarget = 0;
@@ -180,6 +187,9 @@ int main(int argc, char** argv) {
         }
         if (extToHostPing->parsed()) {
             return runExtToHostPing(session, out, pingValue);
+        }
+        if (updateCheck->parsed()) {
+            return runUpdateCheck(session, out, feedPath);
         }
     } catch (const skiff::service::dbus::BusError& e) {
         std::cerr << "skiffctl: " << e.name() << ": " << e.message() << std::endl;

@@ -1,0 +1,34 @@
+#pragma once
+// `skiffctl update-check`: the first release an update feed announces, and whether it is
+// newer than the running service's build.
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <variant>
+
+#include "ctl/commands.hpp"
+#include "ctl/ctl_session.hpp"
+#include "service/update_feed.hpp"
+
+namespace skiff::ctl {
+
+// A feed's first release, with its build as the number the service's is compared with.
+struct FeedRelease {
+    service::UpdateFeedItem facts;
+    std::int64_t build = 0;
+};
+
+// The first release of a feed's bytes, or in plain words why the feed cannot be checked:
+// not well-formed XML, no item, or a build that is missing or not a whole number.
+std::variant<FeedRelease, std::string> firstRelease(std::span<const std::uint8_t> feed);
+
+// What update-check prints: the release's facts and the verdict ("up to date" or
+// "build N available"), as lines or, with out.json, as one JSON object ending in a newline.
+std::string describeUpdateCheck(const FeedRelease& release, std::int64_t serviceBuild,
+                                const Output& out);
+
+// `feedPath` "-" reads standard input.
+int runUpdateCheck(CtlSession& session, const Output& out, const std::string& feedPath);
+
+}  // namespace skiff::ctl
