@@ -14,11 +14,22 @@
 #include <thread>
 #include <vector>
 
+#include <expat.h>
+#include <sys/mman.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
 #include "common/run_sync.hpp"
+
+#include <fstream>
+#include <iterator>
+
 #include "common/runtime.hpp"
+#include "common/shared_memory.hpp"
 #include "dbus/support/test_bus.hpp"
+#include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_names.hpp"
 #include "service/dbus/harbor_client.hpp"
+#include "service/dbus/notice_queue.hpp"
 #include "service/dbus/service_adapter.hpp"
 
 namespace skiff::service::dbus {
@@ -48,6 +59,16 @@ private:
     std::condition_variable changed_;
     std::map<std::string, int> counts_;
 };
+
+template <class Call>
+std::string busErrorOf(Call&& call) {
+    try {
+        call();
+    } catch (const BusError& e) {
+        return e.name();
+    }
+    return "no error";
+}
 
 constexpr std::int64_t kMinI = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMaxI = std::numeric_limits<std::int64_t>::max();
@@ -103,6 +124,9 @@ public:
     }
     void relayToUsbMux(std::int64_t selector, Bytes param,
                        std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override {
+        if (selector < 0) {
+            throw InvalidArgs("negative selector");
+        }
         reply(Bytes(param.rbegin(), param.rend()), selector, -selector);
     }
     void requestFileIO(std::int64_t operation, Bytes param,
@@ -176,7 +200,11 @@ class FakeClient final : public HarborBridgeClientProtocol {
 public:
     explicit FakeClient(Events& events) : events_(events) {}
 
-    void echo(std::function<void()> reply) override { reply(); }
+    void echo(std::function<void()> reply) override {
+        if (!silent) {
+            reply();
+        }
+    }
     void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) override {
         reply(data.size());
     }
@@ -195,6 +223,7 @@ public:
 
     std::mutex mutex_;
     std::vector<std::pair<std::int64_t, Bytes>> notices;
+    std::atomic<bool> silent{false};
 
 private:
     Events& events_;
@@ -211,9 +240,8 @@ protected:
         return std::make_unique<HarborClient>(std::move(exported), bus.address());
     }
 
-    ServiceAdapter::Options options(std::chrono::milliseconds deadline = std::chrono::seconds(25)) {
-        return {bus.address(), deadline};
-    }
+    // Short enough for a test to wait out, long enough for any answering client.
+    ServiceAdapter::Options options() { return {bus.address(), std::chrono::seconds(3)}; }
 
     testing::TestBus bus;
     runtime::IoRuntime runtime{2};
@@ -354,6 +382,237 @@ TEST_F(DbusAdapterTest, ServiceCallsTheClientAndReportsAClientThatLeft) {
     proxy->echo([&] { replied = true; });
     ASSERT_TRUE(events.waitFor("clientError", 2));
     EXPECT_FALSE(replied);
+}
+
+// The members of one interface as introspection data lists them: one line per method,
+// signal, argument and annotation, in document order.
+std::vector<std::string> interfaceShape(const std::string& xml, const std::string& interface) {
+    struct State {
+        std::string wanted;
+        bool inside = false;
+        std::vector<std::string> lines;
+    } state{interface, false, {}};
+    XML_Parser parser = XML_ParserCreate(nullptr);
+    XML_SetUserData(parser, &state);
+    XML_SetElementHandler(
+        parser,
+        [](void* data, const XML_Char* name, const XML_Char** attributes) {
+            auto& st = *static_cast<State*>(data);
+            std::map<std::string, std::string> attrs;
+            for (int i = 0; attributes[i] != nullptr; i += 2) {
+                attrs[attributes[i]] = attributes[i + 1];
+            }
+            const std::string element = name;
+            if (element == "interface") {
+                st.inside = attrs["name"] == st.wanted;
+            } else if (st.inside) {
+                std::string line = element;
+                for (const auto& [key, value] : attrs) {
+                    line += " " + key + "=" + value;
+                }
+                st.lines.push_back(line);
+            }
+        },
+        [](void* data, const XML_Char* name) {
+            if (std::string(name) == "interface") {
+                static_cast<State*>(data)->inside = false;
+            }
+        });
+    EXPECT_EQ(XML_Parse(parser, xml.data(), static_cast<int>(xml.size()), 1), XML_STATUS_OK)
+        << XML_ErrorString(XML_GetErrorCode(parser));
+    XML_ParserFree(parser);
+    return state.lines;
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+std::string introspect(const std::string& address, const char* destination, const char* path) {
+    sd_bus* bus = nullptr;
+    EXPECT_GE(sd_bus_new(&bus), 0);
+    sd_bus_set_address(bus, address.c_str());
+    sd_bus_set_bus_client(bus, 1);
+    EXPECT_GE(sd_bus_start(bus), 0);
+    sd_bus_message* reply = nullptr;
+    sd_bus_error error = SD_BUS_ERROR_NULL;
+    std::string xml;
+    if (sd_bus_call_method(bus, destination, path, "org.freedesktop.DBus.Introspectable",
+                           "Introspect", &error, &reply, "") >= 0) {
+        const char* text = nullptr;
+        sd_bus_message_read(reply, "s", &text);
+        xml = text;
+    }
+    sd_bus_message_unref(reply);
+    sd_bus_error_free(&error);
+    sd_bus_flush_close_unref(bus);
+    return xml;
+}
+
+TEST_F(DbusAdapterTest, LiveIntrospectionMatchesTheInterfaceXml) {
+    const std::string dir = SKIFF_SOURCE_DIR "/data/dbus/";
+    const auto hostXml = introspect(bus.address(), kServiceName, kHostPath);
+    EXPECT_EQ(interfaceShape(hostXml, kHostInterface),
+              interfaceShape(readFile(dir + "Mox.Harbor.BridgeHost.xml"), kHostInterface));
+
+    auto exported = std::make_shared<FakeClient>(events);
+    auto caller = client(exported);
+    const auto clientXml = introspect(bus.address(), caller->uniqueName().c_str(), kClientPath);
+    const auto expected =
+        interfaceShape(readFile(dir + "Mox.Harbor.BridgeClient.xml"), kClientInterface);
+    EXPECT_FALSE(expected.empty());
+    EXPECT_EQ(interfaceShape(clientXml, kClientInterface), expected);
+}
+
+TEST_F(DbusAdapterTest, ACallersMistakeIsInvalidArgsAndTheAdapterGoesOn) {
+    auto caller = client();
+    EXPECT_EQ(busErrorOf([&] { caller->relayToUsbMux(-1, {}); }), kErrorInvalidArgs);
+    caller->echo();
+}
+
+TEST_F(DbusAdapterTest, SharedBuffersAreCheckedAndBelongToTheirConnection) {
+    auto owner = client();
+    auto other = client();
+    constexpr std::uint64_t kReply = kMaxRelayBodyBytes;
+    auto memory = SharedMemory::create(64 + kReply, "test");
+    const auto id = owner->registerSharedBuffer(memory->fd());
+    const Bytes body{1, 2, 3};
+    std::copy(body.begin(), body.end(), memory->bytes().begin());
+
+    const auto answer = owner->relayToUsbMuxShared(9, id, 0, 3, 64, kReply);
+    EXPECT_EQ(answer.replyLength, 3u);
+    EXPECT_EQ(answer.status, 9);
+    EXPECT_EQ(answer.code, -9);
+    EXPECT_EQ(Bytes(memory->bytes().begin() + 64, memory->bytes().begin() + 67), (Bytes{3, 2, 1}));
+
+    struct Case {
+        const char* what;
+        std::function<void()> call;
+    };
+    const std::uint64_t size = memory->size();
+    const std::vector<Case> refused = {
+        {"request past the end",
+         [&] { owner->relayToUsbMuxShared(9, id, size - 2, 3, 64, kReply); }},
+        {"offset overflow", [&] { owner->relayToUsbMuxShared(9, id, kMaxU, 2, 64, kReply); }},
+        {"reply past the end", [&] { owner->relayToUsbMuxShared(9, id, 0, 3, 65, kReply); }},
+        {"reply too small", [&] { owner->relayToUsbMuxShared(9, id, 0, 3, 64, kReply - 1); }},
+        {"another connection's buffer",
+         [&] { other->relayToUsbMuxShared(9, id, 0, 3, 64, kReply); }},
+        {"unknown buffer", [&] { owner->relayToUsbMuxShared(9, id + 1, 0, 3, 64, kReply); }},
+        {"release of another's", [&] { other->releaseSharedBuffer(id); }},
+        {"not a memfd", [&] { owner->registerSharedBuffer(STDIN_FILENO); }},
+        {"shrinkable memfd",
+         [&] {
+             const int fd = ::memfd_create("shrinkable", MFD_CLOEXEC);
+             ASSERT_EQ(::ftruncate(fd, 1 << 20), 0);
+             ASSERT_EQ(::ftruncate(fd, 4096), 0);
+             try {
+                 owner->registerSharedBuffer(fd);
+             } catch (...) {
+                 ::close(fd);
+                 throw;
+             }
+             ::close(fd);
+         }},
+    };
+    for (const auto& c : refused) {
+        EXPECT_EQ(busErrorOf(c.call), kErrorInvalidArgs) << c.what;
+    }
+    owner->releaseSharedBuffer(id);
+    EXPECT_EQ(busErrorOf([&] { owner->relayToUsbMuxShared(9, id, 0, 3, 64, kReply); }),
+              kErrorInvalidArgs);
+}
+
+TEST_F(DbusAdapterTest, ObserversHearNotificationsAndDevicesWithoutRegistering) {
+    struct Heard {
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    std::vector<std::unique_ptr<HarborClient>> watchers;
+    std::vector<std::shared_ptr<Heard>> heard;
+    for (int i = 0; i < 2; ++i) {
+        auto h = std::make_shared<Heard>();
+        auto watcher = client();
+        HarborClient::Observer observer;
+        observer.notification = [h, this](std::int64_t message, Bytes param) {
+            std::lock_guard guard(h->mutex);
+            h->lines.push_back(std::to_string(message) + ":" +
+                               std::string(param.begin(), param.end()));
+            events.note("heard");
+        };
+        observer.deviceChanged = [h, this](const std::string& udid, bool attached) {
+            std::lock_guard guard(h->mutex);
+            h->lines.push_back(udid + (attached ? " attached" : " detached"));
+            events.note("heard");
+        };
+        watcher->observe(std::move(observer));
+        EXPECT_TRUE(watcher->serviceRunning());
+        watchers.push_back(std::move(watcher));
+        heard.push_back(h);
+    }
+    service.observer()->notificationPosted(2, Bytes{'{', '}'});
+    service.observer()->deviceChanged("SIM-1", true);
+    ASSERT_TRUE(events.waitFor("heard", 4));
+    for (auto& h : heard) {
+        std::lock_guard guard(h->mutex);
+        EXPECT_EQ(h->lines, (std::vector<std::string>{"2:{}", "SIM-1 attached"}));
+    }
+    EXPECT_EQ(events.count("accepted"), 0);  // nobody became a client to listen
+}
+
+TEST_F(DbusAdapterTest, AClientThatLetsTheDeadlinePassIsReportedLate) {
+    auto exported = std::make_shared<FakeClient>(events);
+    exported->silent = true;
+    auto caller = client(exported);
+    caller->echo();
+    std::promise<ClientCallFailure> failed;
+    auto proxy = delegate->connection(0)->remoteObjectProxy(
+        [&](const ClientCallFailure& failure) { failed.set_value(failure); });
+    proxy->echo([] { ADD_FAILURE() << "a silent client answered"; });
+    auto failure = failed.get_future();
+    ASSERT_TRUE(skiff::testing::readyInTime(failure));
+    EXPECT_TRUE(failure.get().deadlinePassed);
+}
+
+TEST(NoticeQueueTest, PastTheBoundNoticesAreDroppedAndTheRestKeepTheirOrder) {
+    testing::TestBus bus;
+    runtime::IoRuntime runtime{1};
+    runtime.start();
+    auto connection = BusConnection::open(runtime.executor(), bus.address());
+    connection->start([] {});
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<std::int64_t> sent;
+    auto queue = NoticeQueue::create(
+        connection, "test",
+        [&](BusConnection&, std::int64_t m, const Bytes&) {
+            std::lock_guard guard(mutex);
+            sent.push_back(m);
+            changed.notify_all();
+            return 0;
+        },
+        100);
+
+    // Hold the strand so that nothing drains while the queue fills.
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    connection->post([released] { released.wait(); });
+    EXPECT_TRUE(queue->offer(1, Bytes(40)));
+    EXPECT_TRUE(queue->offer(2, Bytes(40)));
+    EXPECT_FALSE(queue->offer(3, Bytes(40)));
+    EXPECT_TRUE(queue->offer(4, Bytes(20)));
+    release.set_value();
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(changed.wait_for(lock, kWait, [&] { return sent.size() == 3; }));
+        EXPECT_EQ(sent, (std::vector<std::int64_t>{1, 2, 4}));
+    }
+    EXPECT_TRUE(queue->offer(5, Bytes(100)));  // drained: room again
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, kWait, [&] { return sent.size() == 4; }));
+    lock.unlock();
+    connection->close();
 }
 
 }  // namespace

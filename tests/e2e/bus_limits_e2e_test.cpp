@@ -3,13 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <iostream>
 #include <future>
+#include <iostream>
 #include <string>
-#include <sys/wait.h>
 
 #include "common/shared_memory.hpp"
 #include "e2e/service_stack.hpp"
@@ -160,7 +160,8 @@ TEST(BusLimitsE2eTest, APushFloodNeitherGrowsTheServiceNorStopsItAnswering) {
     EXPECT_GT(echoes, 0);
     EXPECT_GT(silent->notifiedBytes, 0u);
     const auto peak = peakResident(stack.service().pid());
-    std::cerr << "skiffd peak resident memory: " << peak / 1024 << " KiB, " << echoes << " echoes\n";
+    std::cerr << "skiffd peak resident memory: " << peak / 1024 << " KiB, " << echoes
+              << " echoes\n";
     EXPECT_LT(peak, kMemoryBound);
 }
 
