@@ -1,6 +1,7 @@
 // The relay through the whole chain (client, bus, skiffd, tunnel, simulated app) next to
 // a bare bus round trip measured in the same run, and the relay's throughput for 4 MiB
-// bodies. Prints figures; asserts nothing about them.
+// bodies over the bus (`ay`) and through a shared buffer, next to 4 MiB moved over a Unix
+// socketpair in the same run. Prints figures; asserts nothing about them.
 //   relay_bench [ROUND_TRIPS] [BULK_REQUESTS]
 
 #include <algorithm>
@@ -14,8 +15,14 @@
 #include <string>
 #include <vector>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+
 #include "e2e/service_stack.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/dbus/shared_relay.hpp"
 
 namespace {
 
@@ -52,6 +59,34 @@ std::vector<double> time(std::size_t count, const std::function<void()>& call) {
 
 void printSpread(const char* what, const Spread& s) {
     std::printf("%-34s median %9.1f us   p99 %9.1f us\n", what, s.median, s.p99);
+}
+
+// MiB/s of `count` transfers of 4 MiB timed in microseconds, from their median.
+double rateOf(const std::vector<double>& micros) {
+    return 4.0 / (spreadOf(micros).median / 1e6);
+}
+
+// 4 MiB written into one end of a socketpair and read out of the other, by two threads.
+void socketpairTransfer(int writer, int reader, const Bytes& body, Bytes& sink) {
+    std::thread send([&] {
+        std::size_t done = 0;
+        while (done < body.size()) {
+            const auto n = ::write(writer, body.data() + done, body.size() - done);
+            if (n <= 0) {
+                throw std::runtime_error("socketpair write failed");
+            }
+            done += static_cast<std::size_t>(n);
+        }
+    });
+    std::size_t got = 0;
+    while (got < sink.size()) {
+        const auto n = ::read(reader, sink.data() + got, sink.size() - got);
+        if (n <= 0) {
+            throw std::runtime_error("socketpair read failed");
+        }
+        got += static_cast<std::size_t>(n);
+    }
+    send.join();
 }
 
 }  // namespace
@@ -98,20 +133,36 @@ int main(int argc, char** argv) {
                     relaySpread.median / echoSpread.median, relaySpread.p99 / echoSpread.p99);
 
         const Bytes body(4 * 1024 * 1024, 0x5A);
-        const auto bulk = time(bulkRequests, [&] {
+        const auto overBus = time(bulkRequests, [&] {
             if (client.relayToUsbMux(0, body).status != 0) {
                 throw std::runtime_error("4 MiB relay failed");
             }
         });
-        double total = 0;
-        for (double us : bulk) {
-            total += us;
+        skiff::service::dbus::SharedRelayBuffer shared(client);
+        const auto overMemory = time(bulkRequests, [&] {
+            if (shared.relay(0, body).status != 0) {
+                throw std::runtime_error("4 MiB shared relay failed");
+            }
+        });
+        int pair[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) {
+            throw std::runtime_error("socketpair failed");
         }
-        const auto bulkSpread = spreadOf(bulk);
-        std::printf("4 MiB relays: %zu\n", bulk.size());
-        printSpread("4 MiB relay (code 0, app sinks)", bulkSpread);
-        std::printf("%-34s %9.2f MiB/s\n", "relay throughput",
-                    static_cast<double>(bulk.size()) * 4 / (total / 1e6));
+        Bytes sink(body.size());
+        const auto overSocket =
+            time(bulkRequests, [&] { socketpairTransfer(pair[0], pair[1], body, sink); });
+        ::close(pair[0]);
+        ::close(pair[1]);
+
+        std::printf("4 MiB transfers: %zu each\n", overBus.size());
+        printSpread("4 MiB relay, ay (app sinks)", spreadOf(overBus));
+        printSpread("4 MiB relay, shared buffer", spreadOf(overMemory));
+        printSpread("4 MiB over a socketpair", spreadOf(overSocket));
+        std::printf("%-34s %9.1f MiB/s\n", "relay throughput, ay", rateOf(overBus));
+        std::printf("%-34s %9.1f MiB/s\n", "relay throughput, shared", rateOf(overMemory));
+        std::printf("%-34s %9.1f MiB/s\n", "socketpair throughput", rateOf(overSocket));
+        std::printf("%-34s %9.2fx\n", "socketpair / shared relay",
+                    rateOf(overSocket) / rateOf(overMemory));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "relay_bench: %s\n", e.what());
         return 1;
