@@ -30,9 +30,15 @@ int runLookup(CtlSession& session, const Output& out, const std::string& identif
 int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
              const std::optional<std::string>& bodyPath,
              const std::optional<std::string>& outputPath);
-// Runs until `count` notifications were printed (0: no limit) or SIGINT/SIGTERM/SIGHUP,
-// which the caller must have blocked in every thread.
-int runWatch(CtlSession& session, std::uint64_t count);
+struct WatchOptions {
+    std::uint64_t count = 0;  // stop after this many notifications (0: no limit)
+    bool exitOnLoss = false;  // kExitUnreachable when skiffd is not running or goes away
+};
+// Prints what the service tells its observers, and its coming and going, as JSON lines
+// (see notification_line.hpp); registers nothing. Runs until the count is reached,
+// SIGINT/SIGTERM/SIGHUP (which the caller must have blocked in every thread), the bus
+// connection is lost (kExitUnreachable), or skiffd is gone with exitOnLoss.
+int runWatch(CtlSession& session, const WatchOptions& options);
 int runIngest(CtlSession& session, const Output& out, std::uint64_t bytes);
 int runHostToExt(CtlSession& session, const Output& out, std::uint64_t chunkSize,
                  std::uint64_t chunkCount);

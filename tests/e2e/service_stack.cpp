@@ -50,6 +50,15 @@ ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorag
     }
     phone_ = std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice},
                                               std::vector<std::string>{"--storage", storage()});
+    startService();
+}
+
+void ServiceStack::restartService() {
+    skiffd_->stop();
+    startService();
+}
+
+void ServiceStack::startService() {
     skiffd_ = std::make_unique<ChildProcess>(
         std::vector<std::string>{buildPath("src/service/skiffd")}, environment());
 

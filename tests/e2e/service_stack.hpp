@@ -65,6 +65,8 @@ public:
     const std::string& storage() const { return storage_.path(); }
     SimulatedPhone& phone() { return *phone_; }
     ChildProcess& service() { return *skiffd_; }
+    // Stops skiffd, if it still runs, and starts a new one; returns once it answers.
+    void restartService();
 
     // A client on the stack's bus serving `exported` (when given).
     std::unique_ptr<service::dbus::HarborClient> connect(
@@ -74,6 +76,8 @@ public:
     std::vector<std::string> environment() const;
 
 private:
+    void startService();
+
     testing::TestBus bus_;
     TempDir storage_;
     std::unique_ptr<SimulatedPhone> phone_;
