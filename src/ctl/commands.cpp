@@ -9,6 +9,7 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
+#include <system_error>
 #include <variant>
 #include <vector>
 
@@ -16,6 +17,7 @@
 #include "ctl/notification_line.hpp"
 #include "ctl/relay_text.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/dbus/shared_relay.hpp"
 
 namespace skiff::ctl {
 
@@ -89,6 +91,21 @@ bool stopRequested() {
     }
     return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
            sigismember(&pending, SIGHUP) == 1;
+}
+
+// Large bodies skip the bus message, which would copy them through the bus daemon twice.
+service::dbus::HarborClient::RelayReply sendRelay(service::dbus::HarborClient& client,
+                                                  std::int64_t selector, Bytes body) {
+    if (body.size() <= kSharedRelayBytes) {
+        return client.relayToUsbMux(selector, std::move(body));
+    }
+    try {
+        service::dbus::SharedRelayBuffer buffer(client);
+        return buffer.relay(selector, body);
+    } catch (const std::system_error&) {
+        // No shared memory to be had here: the bus message carries the body too, only slower.
+    }
+    return client.relayToUsbMux(selector, std::move(body));
 }
 
 }  // namespace
@@ -194,7 +211,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
         }
         body = std::move(*read);
     }
-    const auto reply = session.client().relayToUsbMux(selector, std::move(body));
+    const auto reply = sendRelay(session.client(), selector, std::move(body));
     if (outputPath) {
         std::ofstream file(*outputPath, std::ios::binary | std::ios::trunc);
         file.write(reinterpret_cast<const char*>(reply.response.data()),

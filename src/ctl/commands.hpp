@@ -2,6 +2,7 @@
 // The skiffctl commands. Each prints its result on standard output (one JSON document
 // with --json), its errors on standard error, and returns the exit status.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,6 +17,10 @@ enum ExitStatus : int {
     kExitUnreachable = 2  // no answer: the bus, the service or the registration failed
 };
 
+// Up to this size a relay body rides in the bus message; setting up a shared buffer costs
+// more than copying it.
+inline constexpr std::size_t kSharedRelayBytes = 64 * 1024;
+
 struct Output {
     bool json = false;
 };
@@ -26,7 +31,8 @@ int runEcho(CtlSession& session, const Output& out, std::uint64_t count);
 int runSpeedTest(CtlSession& session, const Output& out);
 int runLookup(CtlSession& session, const Output& out, const std::string& identifier,
               const std::string& source);
-// `bodyPath` "-" reads standard input; `outputPath` receives the raw response body.
+// `bodyPath` "-" reads standard input; `outputPath` receives the raw response body. A body
+// over kSharedRelayBytes goes through a shared buffer instead of the bus message.
 int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
              const std::optional<std::string>& bodyPath,
              const std::optional<std::string>& outputPath);

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <sstream>
 #include <string_view>
 
 #include "common/json.hpp"
 #include "e2e/service_stack.hpp"
+#include "relay/relay_schema.hpp"
+#include "service/bridge_protocols.hpp"
 
 namespace skiff::test {
 namespace {
@@ -164,6 +167,36 @@ TEST_F(SkiffctlE2eTest, WatchWaitsForSkiffdOrExitsWhenItGoes) {
     }
     EXPECT_EQ(linesEqualTo(waiting->output(), kServiceRunning), 2u) << waiting->output();
     EXPECT_EQ(linesEqualTo(early->output(), kServiceRunning), 1u) << early->output();
+}
+
+TEST_F(SkiffctlE2eTest, RelayCarriesBodiesBeyondWhatSuitsABusMessage) {
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    TempDir dir("skiff-relay-bodies");
+    auto writeBody = [&](const std::string& name, const Bytes& body) {
+        const auto path = dir.path() + "/" + name;
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(body.data()),
+                   static_cast<std::streamsize>(body.size()));
+        return path;
+    };
+
+    // A look-up whose JSON trails 100 KiB of white space: the app still reads it, so its
+    // answer shows that the whole body went out and the reply came back.
+    auto lookup = json::encode(relay::RelayLookupRequest{
+        "Documents/notes.txt", relay::RelayLookupSource::fsGetAttributes});
+    ASSERT_TRUE(lookup);
+    lookup->insert(lookup->end(), 100 * 1024, ' ');
+    const auto found = run({"--json", "relay", "2", "--body", writeBody("lookup", *lookup)});
+    ASSERT_EQ(found.exitStatus, 0) << found.output;
+    const auto answer = jsonLines(found.output).at(0);
+    EXPECT_EQ(answer.value("status", -1), 0);
+    EXPECT_EQ(answer.at("body").value("filename", ""), "notes.txt") << found.output;
+
+    // One byte over the service's limit gets the size status, as it would over the bus.
+    const auto tooLarge = run({"--json", "relay", "2", "--body",
+                               writeBody("large", Bytes(service::kMaxRelayBodyBytes + 1, ' '))});
+    EXPECT_EQ(tooLarge.exitStatus, 1) << tooLarge.output;
+    EXPECT_EQ(jsonLines(tooLarge.output).at(0).value("status", -1), 7) << tooLarge.output;
 }
 
 TEST_F(SkiffctlE2eTest, LookupPrintsTheSummaryOrTheAppsAnswer) {
