@@ -8,12 +8,16 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
+#include <system_error>
+#include <variant>
 #include <vector>
 
 #include "common/json.hpp"
 #include "ctl/notification_line.hpp"
 #include "ctl/relay_text.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/dbus/shared_relay.hpp"
 
 namespace skiff::ctl {
 
@@ -87,6 +91,21 @@ bool stopRequested() {
     }
     return sigismember(&pending, SIGINT) == 1 || sigismember(&pending, SIGTERM) == 1 ||
            sigismember(&pending, SIGHUP) == 1;
+}
+
+// Large bodies skip the bus message, which would copy them through the bus daemon twice.
+service::dbus::HarborClient::RelayReply sendRelay(service::dbus::HarborClient& client,
+                                                  std::int64_t selector, Bytes body) {
+    if (body.size() <= kSharedRelayBytes) {
+        return client.relayToUsbMux(selector, std::move(body));
+    }
+    try {
+        service::dbus::SharedRelayBuffer buffer(client);
+        return buffer.relay(selector, body);
+    } catch (const std::system_error&) {
+        // No shared memory to be had here: the bus message carries the body too, only slower.
+    }
+    return client.relayToUsbMux(selector, std::move(body));
 }
 
 }  // namespace
@@ -192,7 +211,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
         }
         body = std::move(*read);
     }
-    const auto reply = session.client().relayToUsbMux(selector, std::move(body));
+    const auto reply = sendRelay(session.client(), selector, std::move(body));
     if (outputPath) {
         std::ofstream file(*outputPath, std::ios::binary | std::ios::trunc);
         file.write(reinterpret_cast<const char*>(reply.response.data()),
@@ -216,21 +235,57 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
     return reply.status == 0 ? kExitOk : kExitFailed;
 }
 
-int runWatch(CtlSession& session, std::uint64_t count) {
+int runWatch(CtlSession& session, const WatchOptions& options) {
+    session.observe();
+    // Asked once the matches are in place: any change after the answer arrives as an event,
+    // and presence events that only repeat what is known are skipped.
+    bool running = session.client().serviceRunning();
+    std::cout << serviceLine(running) << std::endl;
+    if (!running) {
+        if (options.exitOnLoss) {
+            return fail("skiffd is not running", kExitUnreachable);
+        }
+        std::cerr << "skiffctl: skiffd is not running; waiting for it" << std::endl;
+    }
     std::uint64_t printed = 0;
-    while (count == 0 || printed < count) {
+    // The exit status once the event ends the watch.
+    auto handle = [&](const WatchEvent& event) -> std::optional<int> {
+        if (const auto* n = std::get_if<Notification>(&event)) {
+            std::cout << notificationLine(n->message, n->param) << std::endl;
+            if (++printed == options.count) {
+                return kExitOk;
+            }
+        } else if (const auto* device = std::get_if<DeviceEvent>(&event)) {
+            std::cout << deviceLine(device->udid, device->attached) << std::endl;
+        } else if (const auto* presence = std::get_if<ServicePresence>(&event)) {
+            if (presence->running == running) {
+                return std::nullopt;
+            }
+            running = presence->running;
+            std::cout << serviceLine(running) << std::endl;
+            if (running) {
+                std::cerr << "skiffctl: skiffd is running; watching it" << std::endl;
+            } else if (options.exitOnLoss) {
+                return fail("skiffd went away", kExitUnreachable);
+            } else {
+                std::cerr << "skiffctl: skiffd went away; waiting for it" << std::endl;
+            }
+        } else {
+            return fail("the bus connection was lost", kExitUnreachable);
+        }
+        return std::nullopt;
+    };
+    for (;;) {
         // The short wait only bounds how late a stop signal is noticed.
-        for (const auto& n : session.takeNotifications(std::chrono::milliseconds(100))) {
-            std::cout << notificationLine(n.message, n.param) << std::endl;
-            if (++printed == count) {
-                break;
+        for (const auto& event : session.takeEvents(std::chrono::milliseconds(100))) {
+            if (const auto status = handle(event)) {
+                return *status;
             }
         }
         if (stopRequested()) {
-            break;
+            return kExitOk;
         }
     }
-    return kExitOk;
 }
 
 int runIngest(CtlSession& session, const Output& out, std::uint64_t bytes) {

@@ -1,6 +1,9 @@
 #pragma once
 // One skiffctl run's connection to the service: the bus client, skiffctl's own client
-// object, and the notifications that have arrived but were not yet taken.
+// object, and, once observe() was called, what the bus told it that was not yet taken.
+//
+// Threads: the observer callbacks queue events on the client's bus thread; the command
+// takes them on its own.
 
 #include <chrono>
 #include <condition_variable>
@@ -8,8 +11,8 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "ctl/ctl_client.hpp"
@@ -21,11 +24,21 @@ struct Notification {
     std::int64_t message = 0;
     Bytes param;
 };
+struct DeviceEvent {
+    std::string udid;
+    bool attached = false;
+};
+// skiffd took its name on the bus (true) or gave it up (false).
+struct ServicePresence {
+    bool running = false;
+};
+struct BusLost {};
+using WatchEvent = std::variant<Notification, DeviceEvent, ServicePresence, BusLost>;
 
 class CtlSession {
 public:
-    // Connects (the session bus when `busAddress` is empty) and serves the client object;
-    // notifications are collected from this moment on. Throws service::dbus::BusError.
+    // Connects (the session bus when `busAddress` is empty) and serves the client object.
+    // Throws service::dbus::BusError.
     CtlSession(const std::string& busAddress, std::chrono::milliseconds callTimeout);
     ~CtlSession();
     CtlSession(const CtlSession&) = delete;
@@ -33,15 +46,18 @@ public:
 
     service::dbus::HarborClient& client() { return *client_; }
 
-    // Every notification that arrives within `wait` (or at once when some are waiting).
-    std::vector<Notification> takeNotifications(std::chrono::milliseconds wait);
+    // Subscribes to the service's signals, its name and the loss of the bus; returns once
+    // the bus confirmed, so every event from then on is queued. Throws BusError.
+    void observe();
+    // Every event that arrives within `wait` (or at once when some are waiting), in order.
+    std::vector<WatchEvent> takeEvents(std::chrono::milliseconds wait);
 
 private:
-    void deliver(std::int64_t message, Bytes param);
+    void deliver(WatchEvent event);
 
     std::mutex mutex_;
     std::condition_variable arrived_;
-    std::deque<Notification> notifications_;
+    std::deque<WatchEvent> events_;
     std::shared_ptr<CtlClient> self_;
     std::unique_ptr<service::dbus::HarborClient> client_;
 };

@@ -38,15 +38,15 @@ int main(int argc, char** argv) {
     CLI::App app{"skiffctl: use skiffd, the Skiff service, from the command line"};
     app.require_subcommand(1);
 
-    std::string role = "desktop";
+    std::optional<std::string> role;
     double timeoutSeconds = 120;
     std::string bus;
     skiff::ctl::Output out;
     app.add_option("--role", role,
                    "Register as the desktop app or the file provider before the command, or not "
-                   "at all")
-        ->check(CLI::IsMember({"desktop", "fileprovider", "none"}))
-        ->capture_default_str();
+                   "at all (default: desktop for ping, lookup, relay and the measurements "
+                   "between the service and the file provider; none for the others)")
+        ->check(CLI::IsMember({"desktop", "fileprovider", "none"}));
     app.add_option("--timeout", timeoutSeconds, "Seconds to wait for each call to the service")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
@@ -89,10 +89,15 @@ int main(int argc, char** argv) {
     relay->add_option("--body", bodyPath, "File holding the request body, - for standard input");
     relay->add_option("--output", outputPath, "Write the raw response body to this file");
 
-    std::uint64_t watchCount = 0;
-    auto* watch =
-        app.add_subcommand("watch", "Print each notification as one JSON line until interrupted");
-    watch->add_option("--count", watchCount, "Stop after this many notifications");
+    skiff::ctl::WatchOptions watchOptions;
+    auto* watch = app.add_subcommand(
+        "watch",
+        "Print each notification, device event and skiffd coming or going as one JSON line "
+        "until interrupted");
+    watch->add_option("--count", watchOptions.count, "Stop after this many notifications");
+    watch->add_flag("--exit-on-loss", watchOptions.exitOnLoss,
+                    "Exit (status 2) when skiffd is not running or goes away, instead of "
+                    "waiting for it");
 
     std::uint64_t ingestBytes = 0;
     auto* ingest = app.add_subcommand("ingest", "Send bytes to the service and time it");
@@ -146,12 +151,18 @@ int main(int argc, char** argv) {
     if (watch->parsed()) {
         holdStopSignals();
     }
+    // The service relays and pings only for a registered caller, and the measurements need
+    // one at the other end; the rest register only when asked to, so that they never push
+    // out a desktop app or file provider that is running.
+    const bool needsRole = ping->parsed() || lookup->parsed() || relay->parsed() ||
+                           hostToExt->parsed() || extToHost->parsed() || extToHostPing->parsed();
+    const std::string registerAs = role.value_or(needsRole ? "desktop" : "none");
 
     try {
         CtlSession session(
             bus, std::chrono::milliseconds(static_cast<std::int64_t>(timeoutSeconds * 1000)));
-        if (role != "none" && !session.client().registerClient(kRoles.at(role))) {
-            std::cerr << "skiffctl: the service refused to register this client as " << role
+        if (registerAs != "none" && !session.client().registerClient(kRoles.at(registerAs))) {
+            std::cerr << "skiffctl: the service refused to register this client as " << registerAs
                       << std::endl;
             return skiff::ctl::kExitUnreachable;
         }
@@ -174,7 +185,7 @@ int main(int argc, char** argv) {
             return runRelay(session, out, selector, bodyPath, outputPath);
         }
         if (watch->parsed()) {
-            return runWatch(session, watchCount);
+            return runWatch(session, watchOptions);
         }
         if (ingest->parsed()) {
             return runIngest(session, out, ingestBytes);

@@ -5,6 +5,15 @@
 
 namespace skiff::ctl {
 
+namespace {
+
+std::string lineOf(const json::Json& line) {
+    // Replacement keeps the line printable even when a string in it is not UTF-8.
+    return line.dump(-1, ' ', false, json::Json::error_handler_t::replace);
+}
+
+}  // namespace
+
 std::string_view notificationName(std::int64_t message) {
     using service::BridgeNotifyMessage;
     const auto known = service::notifyMessageFromRaw(message);
@@ -36,8 +45,22 @@ std::string notificationLine(std::int64_t message, const Bytes& param) {
     line["message"] = message;
     line["name"] = std::string(notificationName(message));
     line["payload"] = embeddedBody(param);
-    // Replacement keeps the line printable even when a payload string is not UTF-8.
-    return line.dump(-1, ' ', false, json::Json::error_handler_t::replace);
+    return lineOf(line);
+}
+
+std::string deviceLine(const std::string& udid, bool attached) {
+    json::Json line = json::Json::object();
+    line["event"] = "device";
+    line["udid"] = udid;
+    line["attached"] = attached;
+    return lineOf(line);
+}
+
+std::string serviceLine(bool running) {
+    json::Json line = json::Json::object();
+    line["event"] = "service";
+    line["running"] = running;
+    return lineOf(line);
 }
 
 }  // namespace skiff::ctl

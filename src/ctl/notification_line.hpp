@@ -1,6 +1,9 @@
 #pragma once
-// How `skiffctl watch` prints a notification: one JSON object per line,
+// How `skiffctl watch` prints what it hears: one JSON object per line. A notification has
+// no "event" key (scripts written for its first lines keep working); the rest name theirs:
 //   {"message":0,"name":"bridgeStateChanged","payload":{"source":2,"connected":true}}
+//   {"event":"device","udid":"00008030-001A2B3C4D5E6F70","attached":false}
+//   {"event":"service","running":true}
 
 #include <cstdint>
 #include <string>
@@ -18,5 +21,8 @@ std::string_view notificationName(std::int64_t message);
 json::Json embeddedBody(const Bytes& body);
 
 std::string notificationLine(std::int64_t message, const Bytes& param);
+std::string deviceLine(const std::string& udid, bool attached);
+// Whether skiffd holds its name on the bus.
+std::string serviceLine(bool running);
 
 }  // namespace skiff::ctl

@@ -52,7 +52,17 @@ ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorag
     phone_ = std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice},
                                               std::vector<std::string>{"--storage", storage()});
     skiffdArgs.insert(skiffdArgs.begin(), buildPath("src/service/skiffd"));
-    skiffd_ = std::make_unique<ChildProcess>(std::move(skiffdArgs), environment());
+    skiffdArgs_ = std::move(skiffdArgs);
+    startService();
+}
+
+void ServiceStack::restartService() {
+    skiffd_->stop();
+    startService();
+}
+
+void ServiceStack::startService() {
+    skiffd_ = std::make_unique<ChildProcess>(skiffdArgs_, environment());
 
     // The service is ready once it answers on its bus name; until then the bus itself
     // answers at once that nobody owns it.

@@ -68,6 +68,8 @@ public:
     const std::string& storage() const { return storage_.path(); }
     SimulatedPhone& phone() { return *phone_; }
     ChildProcess& service() { return *skiffd_; }
+    // Stops skiffd, if it still runs, and starts a new one; returns once it answers.
+    void restartService();
 
     // A client on the stack's bus serving `exported` (when given).
     std::unique_ptr<service::dbus::HarborClient> connect(
@@ -77,10 +79,13 @@ public:
     std::vector<std::string> environment() const;
 
 private:
+    void startService();
+
     testing::TestBus bus_;
     TempDir storage_;
     std::unique_ptr<SimulatedPhone> phone_;
     std::unique_ptr<ChildProcess> skiffd_;
+    std::vector<std::string> skiffdArgs_;
 };
 
 // Storage for the stack: Documents/notes.txt holding "twelve bytes".

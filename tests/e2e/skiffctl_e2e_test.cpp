@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <fstream>
 #include <sstream>
+#include <string_view>
 
 #include "common/json.hpp"
 #include "e2e/service_stack.hpp"
+#include "relay/relay_schema.hpp"
+#include "service/bridge_protocols.hpp"
 
 namespace skiff::test {
 namespace {
@@ -58,19 +62,141 @@ std::vector<json::Json> jsonLines(const std::string& output) {
     return lines;
 }
 
+// How many lines of the output are this JSON document.
+std::size_t linesEqualTo(const std::string& output, std::string_view document) {
+    const auto expected = json::parse(Bytes(document.begin(), document.end()));
+    EXPECT_TRUE(expected) << document;
+    std::size_t count = 0;
+    for (const auto& line : jsonLines(output)) {
+        count += expected && line == *expected;
+    }
+    return count;
+}
+
+constexpr std::int64_t kDesktopApp = 1;
+constexpr std::string_view kServiceRunning = R"({"event":"service","running":true})";
+constexpr std::string_view kServiceGone = R"({"event":"service","running":false})";
+constexpr std::string_view kPhoneLeft =
+    R"({"event":"device","udid":"SIM-E2E-0001","attached":false})";
+constexpr std::string_view kPhoneCame =
+    R"({"event":"device","udid":"SIM-E2E-0001","attached":true})";
+constexpr std::string_view kBridgeDown =
+    R"({"message":0,"name":"bridgeStateChanged","payload":{"source":2,"connected":false}})";
+
 TEST_F(SkiffctlE2eTest, WatchPrintsThePhoneLeavingAsAJsonLine) {
-    auto watch = start({"watch", "--count", "3"});
-    ASSERT_TRUE(watch->waitForOutput(R"("payload":{"source":2,"connected":true})", kE2eWait))
-        << watch->output();
+    // The service must have the phone before it can tell of it leaving.
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    auto watch = start({"watch", "--count", "1"});
+    // The first line comes once the subscriptions are in place.
+    ASSERT_TRUE(watch->waitForOutput(kServiceRunning, kE2eWait)) << watch->output();
     stack_.phone().detach(ServiceStack::kDevice);
     const auto watched = finish(*watch);
     EXPECT_EQ(watched.exitStatus, 0);
+    EXPECT_EQ(linesEqualTo(watched.output, kBridgeDown), 1u) << watched.output;
+}
 
-    const auto lines = jsonLines(watched.output);
-    ASSERT_EQ(lines.size(), 3u) << watched.output;
-    EXPECT_EQ(
-        lines[2].dump(),
-        R"({"message":0,"name":"bridgeStateChanged","payload":{"source":2,"connected":false}})");
+TEST_F(SkiffctlE2eTest, WatchersOutliveOtherCommandsAndSeeThePhoneComeAndGo) {
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    std::unique_ptr<ChildProcess> watchers[] = {start({"watch"}), start({"watch"})};
+    for (auto& watch : watchers) {
+        ASSERT_TRUE(watch->waitForOutput(kServiceRunning, kE2eWait)) << watch->output();
+    }
+
+    // Commands that need no role leave the desktop app registered...
+    for (const auto& args :
+         std::vector<std::vector<std::string>>{{"version"}, {"echo"}, {"ingest", "1K"}}) {
+        const auto ran = run(args);
+        EXPECT_EQ(ran.exitStatus, 0) << args.front() << ": " << ran.output;
+    }
+    {  // a watcher that comes and goes too
+        auto third = start({"watch"});
+        ASSERT_TRUE(third->waitForOutput(kServiceRunning, kE2eWait)) << third->output();
+    }
+    EXPECT_EQ(run({"--role", "fileprovider", "ping", "desktop"}).exitStatus, 0);
+    // ...while a look-up still registers as the desktop app by default, and takes its
+    // place for as long as it runs.
+    const auto lookup = run({"lookup", "Documents/notes.txt"});
+    EXPECT_EQ(lookup.exitStatus, 0) << lookup.output;
+    EXPECT_EQ(run({"--role", "fileprovider", "ping", "desktop"}).exitStatus, 1);
+
+    stack_.phone().detach(ServiceStack::kDevice);
+    for (auto& watch : watchers) {
+        EXPECT_TRUE(watch->waitForOutput(kPhoneLeft, kE2eWait)) << watch->output();
+        EXPECT_TRUE(watch->waitForOutput(kBridgeDown, kE2eWait)) << watch->output();
+    }
+    stack_.phone().attach(ServiceStack::kDevice);
+    for (auto& watch : watchers) {
+        EXPECT_TRUE(watch->waitForOutput(kPhoneCame, kE2eWait)) << watch->output();
+        const int status = watch->stop();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_EQ(linesEqualTo(watch->output(), kServiceGone), 0u) << watch->output();
+    }
+}
+
+TEST_F(SkiffctlE2eTest, WatchWaitsForSkiffdOrExitsWhenItGoes) {
+    auto waiting = start({"watch"});
+    auto leaving = start({"watch", "--exit-on-loss"});
+    for (auto* watch : {waiting.get(), leaving.get()}) {
+        ASSERT_TRUE(watch->waitForOutput(kServiceRunning, kE2eWait)) << watch->output();
+    }
+
+    stack_.service().stop();
+    const auto left = finish(*leaving);
+    EXPECT_EQ(left.exitStatus, 2) << left.output;
+    EXPECT_EQ(linesEqualTo(left.output, kServiceGone), 1u) << left.output;
+    ASSERT_TRUE(waiting->waitForOutput("skiffd went away; waiting for it", kE2eWait))
+        << waiting->output();
+    EXPECT_EQ(linesEqualTo(waiting->output(), kServiceGone), 1u) << waiting->output();
+
+    // Started while skiffd is away: one gives up at once, the other waits.
+    const auto absent = run({"watch", "--exit-on-loss"});
+    EXPECT_EQ(absent.exitStatus, 2) << absent.output;
+    EXPECT_EQ(linesEqualTo(absent.output, kServiceGone), 1u) << absent.output;
+    auto early = start({"watch"});
+    ASSERT_TRUE(early->waitForOutput("skiffd is not running; waiting for it", kE2eWait))
+        << early->output();
+
+    // The next skiffd is heard by both, from its name to its signals.
+    stack_.restartService();
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    stack_.phone().detach(ServiceStack::kDevice);
+    for (auto* watch : {waiting.get(), early.get()}) {
+        EXPECT_TRUE(watch->waitForOutput(kPhoneLeft, kE2eWait)) << watch->output();
+        EXPECT_NE(watch->output().find("skiffd is running; watching it"), std::string::npos);
+        EXPECT_FALSE(watch->waitForExit({}));
+    }
+    EXPECT_EQ(linesEqualTo(waiting->output(), kServiceRunning), 2u) << waiting->output();
+    EXPECT_EQ(linesEqualTo(early->output(), kServiceRunning), 1u) << early->output();
+}
+
+TEST_F(SkiffctlE2eTest, RelayCarriesBodiesBeyondWhatSuitsABusMessage) {
+    auto desktop = registerWithPhone(stack_, kDesktopApp);
+    TempDir dir("skiff-relay-bodies");
+    auto writeBody = [&](const std::string& name, const Bytes& body) {
+        const auto path = dir.path() + "/" + name;
+        std::ofstream(path, std::ios::binary)
+            .write(reinterpret_cast<const char*>(body.data()),
+                   static_cast<std::streamsize>(body.size()));
+        return path;
+    };
+
+    // A look-up whose JSON trails 100 KiB of white space: the app still reads it, so its
+    // answer shows that the whole body went out and the reply came back.
+    auto lookup = json::encode(relay::RelayLookupRequest{
+        "Documents/notes.txt", relay::RelayLookupSource::fsGetAttributes});
+    ASSERT_TRUE(lookup);
+    lookup->insert(lookup->end(), 100 * 1024, ' ');
+    const auto found = run({"--json", "relay", "2", "--body", writeBody("lookup", *lookup)});
+    ASSERT_EQ(found.exitStatus, 0) << found.output;
+    const auto answer = jsonLines(found.output).at(0);
+    EXPECT_EQ(answer.value("status", -1), 0);
+    EXPECT_EQ(answer.at("body").value("filename", ""), "notes.txt") << found.output;
+
+    // One byte over the service's limit gets the size status, as it would over the bus.
+    const auto tooLarge = run({"--json", "relay", "2", "--body",
+                               writeBody("large", Bytes(service::kMaxRelayBodyBytes + 1, ' '))});
+    EXPECT_EQ(tooLarge.exitStatus, 1) << tooLarge.output;
+    EXPECT_EQ(jsonLines(tooLarge.output).at(0).value("status", -1), 7) << tooLarge.output;
 }
 
 TEST_F(SkiffctlE2eTest, LookupPrintsTheSummaryOrTheAppsAnswer) {
