@@ -19,6 +19,7 @@
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"
 #include "service/service_delegate.hpp"
+#include "usbmuxkit/usbmux_flat.h"
 
 int main(int argc, char** argv) {
     using namespace skiff;
@@ -83,5 +84,8 @@ int main(int argc, char** argv) {
     adapter->close();
     runtime.stop();
     adapter.reset();
+    // Stopped here, not by static destruction, whose order would let libusbmuxd's event
+    // thread outlive the objects it calls into.
+    usbmux_mgr_shutdown();
     return status;
 }

@@ -178,7 +178,7 @@ TEST(BusLimitsE2eTest, AStopSignalEndsTheServiceCleanly) {
     ServiceStack stack;
     const int status = stack.service().stop();
     ASSERT_TRUE(WIFEXITED(status)) << stack.service().output();
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(WEXITSTATUS(status), 0) << stack.service().output();
 }
 
 }  // namespace
