@@ -2,11 +2,10 @@
 // The service's concurrency runtime, built on standalone asio and C++20 coroutines.
 //
 // IoRuntime    The process's executors: one io_context run by a small thread pool.
-//              skiffd starts IoRuntime::shared() once; tests make their own and stop
-//              them. stop() stops the context and joins the threads; handlers still
-//              queued are destroyed with the context, so a coroutine suspended at that
-//              point is destroyed, never resumed. Declare the runtime before (so that it
-//              outlives) every object that uses its executor.
+//              skiffd makes one in main; tests make their own and stop them. stop() stops the
+//              context and joins the threads; handlers still queued are destroyed with the context,
+//              so a coroutine suspended at that point is destroyed, never resumed. Declare the
+//              runtime before (so that it outlives) every object that uses its executor.
 //
 // spawnTask    An unstructured task: co_spawn detached on an executor. An exception
 //              that escapes the task is logged, never rethrown into the pool.
@@ -112,12 +111,6 @@ public:
     ~IoRuntime() { stop(); }
     IoRuntime(const IoRuntime&) = delete;
     IoRuntime& operator=(const IoRuntime&) = delete;
-
-    // The runtime of the service process (skiffd starts it).
-    static IoRuntime& shared() {
-        static IoRuntime runtime;
-        return runtime;
-    }
 
     asio::io_context& context() { return context_; }
     asio::any_io_executor executor() { return context_.get_executor(); }

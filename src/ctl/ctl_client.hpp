@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-#include "service/bridge_protocols.hpp"
+#include "common/bridge_protocols.hpp"
 
 namespace skiff::ctl {
 

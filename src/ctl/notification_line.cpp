@@ -1,7 +1,7 @@
 #include "ctl/notification_line.hpp"
 
 #include "common/base64.hpp"
-#include "service/bridge_messages.hpp"
+#include "common/bridge_messages.hpp"
 
 namespace skiff::ctl {
 

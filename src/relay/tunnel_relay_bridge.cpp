@@ -4,9 +4,9 @@
 #include <string>
 #include <utility>
 
+#include "common/bridge_messages.hpp"
 #include "common/log.hpp"
 #include "relay/relay_schema.hpp"
-#include "service/bridge_messages.hpp"
 #include "tunnel/tunnel_errors.hpp"
 #include "tunnel/tunnel_frame.hpp"
 
@@ -22,12 +22,16 @@ constexpr auto raw(UsbMuxRelayError e) {
 
 TunnelRelayBridge::TunnelRelayBridge(asio::any_io_executor executor,
                                      std::shared_ptr<tunnel::TunnelEngine> engine,
-                                     std::shared_ptr<TunnelOpener> opener, PushTargets targets)
+                                     std::shared_ptr<TunnelOpener> opener)
     : Actor(executor),
       engine_(std::move(engine)),
       opener_(std::move(opener)),
-      targets_(std::move(targets)),
       executor_(std::move(executor)) {}
+
+void TunnelRelayBridge::setPushSink(std::weak_ptr<PushSink> sink) {
+    std::lock_guard guard(sinkLock_);
+    sink_ = std::move(sink);
+}
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
                                                        Bytes payload) {
@@ -210,15 +214,20 @@ void TunnelRelayBridge::handlePush(std::uint16_t code, Bytes body) {
     if (!message) {
         return;
     }
-    auto forward = [this](std::uint16_t c, Bytes b) {
-        if (targets_.forwardToExtension) {
-            targets_.forwardToExtension(c, std::move(b));
-        }
-    };
-    auto handOver = [this](const std::function<void(Bytes)>& handler, Bytes b) {
-        if (handler) {
-            asio::post(executor_, [handler, b = std::move(b)]() mutable { handler(std::move(b)); });
-        }
+    std::shared_ptr<PushSink> sink;
+    {
+        std::lock_guard guard(sinkLock_);
+        sink = sink_.lock();
+    }
+    if (!sink) {
+        return;
+    }
+    auto forward = [&sink](std::uint16_t c, Bytes b) { sink->forwardToExtension(c, std::move(b)); };
+    // The handlers may take their time; the read path must not wait for them.
+    auto handOver = [this, &sink](void (PushSink::*handler)(Bytes), Bytes b) {
+        asio::post(executor_, [sink, handler, b = std::move(b)]() mutable {
+            ((*sink).*handler)(std::move(b));
+        });
     };
     switch (*message) {
         case service::BridgeNotifyMessage::bridgeStateChanged:
@@ -227,10 +236,10 @@ void TunnelRelayBridge::handlePush(std::uint16_t code, Bytes body) {
             break;
         case service::BridgeNotifyMessage::mountControl:
             forward(code, body);
-            handOver(targets_.mountControl, std::move(body));
+            handOver(&PushSink::mountControl, std::move(body));
             break;
         case service::BridgeNotifyMessage::itemMutation:
-            handOver(targets_.itemMutation, std::move(body));
+            handOver(&PushSink::itemMutation, std::move(body));
             break;
     }
 }

@@ -41,14 +41,18 @@ struct RelayOutcome {
     std::uint64_t binding = 0;  // which binding carried the request
 };
 
-// Where pushes go besides the bridge itself.
-struct PushTargets {
-    // Sends (message, body) to the file-system extension, if it is registered.
-    std::function<void(std::int64_t, Bytes)> forwardToExtension;
-    // The phone-initiated mount and item handlers attach here; without them the body
-    // is dropped.
-    std::function<void(Bytes)> mountControl;
-    std::function<void(Bytes)> itemMutation;
+// Where the app's pushes go besides the bridge itself: the service front implements it and
+// the process's wiring hands it over, so the relay knows nothing of the layers above it.
+// Called from the bridge's read path (forwardToExtension) or a task on its executor (the
+// other two); must not block.
+class PushSink {
+public:
+    virtual ~PushSink() = default;
+    // To the file-system extension, if it is registered.
+    virtual void forwardToExtension(std::int64_t message, Bytes body) = 0;
+    // The phone's mount request and item notice; dropped until something handles them.
+    virtual void mountControl(Bytes) {}
+    virtual void itemMutation(Bytes) {}
 };
 
 class TunnelRelayBridge : public runtime::Actor,
@@ -57,7 +61,10 @@ public:
     using Clock = std::chrono::system_clock;
 
     TunnelRelayBridge(asio::any_io_executor executor, std::shared_ptr<tunnel::TunnelEngine> engine,
-                      std::shared_ptr<TunnelOpener> opener, PushTargets targets);
+                      std::shared_ptr<TunnelOpener> opener);
+
+    // Pushes go to `sink` from now on (held weakly: the sink usually owns the bridge).
+    void setPushSink(std::weak_ptr<PushSink> sink);
 
     // Binds the engine to port when needed and sends one request.
     asio::awaitable<RelayOutcome> relay(std::uint16_t port, std::uint16_t code, Bytes payload);
@@ -95,7 +102,8 @@ private:
 
     std::shared_ptr<tunnel::TunnelEngine> engine_;
     std::shared_ptr<TunnelOpener> opener_;
-    PushTargets targets_;
+    mutable std::mutex sinkLock_;
+    std::weak_ptr<PushSink> sink_;
     asio::any_io_executor executor_;
 
     // Strand state.

@@ -16,10 +16,10 @@
 #include <optional>
 #include <string>
 
+#include "common/bridge_messages.hpp"
+#include "common/bridge_protocols.hpp"
 #include "common/bytes.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
-#include "service/bridge_messages.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/usbmux_link.hpp"
 
 namespace skiff::service {
@@ -37,12 +37,10 @@ struct BridgeCollaborators {
     RelayProbeHooks probe;
 };
 
-class BridgeCore : public std::enable_shared_from_this<BridgeCore> {
+// The relay bridge hands the app's pushes here (it holds the core weakly).
+class BridgeCore : public relay::PushSink, public std::enable_shared_from_this<BridgeCore> {
 public:
     explicit BridgeCore(BridgeCollaborators collaborators);
-
-    // The process's instance, wired to the real USB layer and relay bridge.
-    static BridgeCore& shared();
 
     // Begins the USB layer's start once per process; a failed start is not retried.
     void bootstrapUsbMuxIfNeeded();
@@ -67,6 +65,9 @@ public:
 
     // One-way notification to the client of role; dropped when there is none.
     void notifyRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const;
+
+    // A push of the app for the file-system extension.
+    void forwardToExtension(std::int64_t message, Bytes body) override;
 
     const asio::any_io_executor& executor() const { return collaborators_.executor; }
     const std::shared_ptr<relay::TunnelRelayBridge>& relayBridge() const {

@@ -12,6 +12,13 @@ void BridgeCore::notifyRole(std::int64_t role, BridgeNotifyMessage message, Byte
     sendToRole(role, message, std::move(param));
 }
 
+void BridgeCore::forwardToExtension(std::int64_t message, Bytes body) {
+    if (auto known = notifyMessageFromRaw(message)) {
+        notifyRole(static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider), *known,
+                   std::move(body));
+    }
+}
+
 void BridgeCore::tellObservers(BridgeNotifyMessage message, const Bytes& param) const {
     std::shared_ptr<BridgeObserver> observer;
     {

@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
+#include "common/bridge_protocols.hpp"
 #include "service/bridge_core.hpp"
-#include "service/bridge_protocols.hpp"
 
 namespace skiff::service {
 

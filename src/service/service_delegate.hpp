@@ -5,8 +5,8 @@
 
 #include <memory>
 
+#include "common/bridge_protocols.hpp"
 #include "service/bridge_core.hpp"
-#include "service/bridge_protocols.hpp"
 
 namespace skiff::service {
 

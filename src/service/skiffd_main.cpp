@@ -16,10 +16,14 @@
 #include "common/log.hpp"
 #include "common/runtime.hpp"
 #include "common/version.hpp"
+#include "relay/tunnel_opener.hpp"
+#include "relay/tunnel_relay_bridge.hpp"
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"
 #include "service/service_delegate.hpp"
-#include "usbmuxkit/usbmux_flat.h"
+#include "service/usbmux_service_link.hpp"
+#include "tunnel/tunnel_engine.hpp"
+#include "usbmuxkit/service/usbmux_service.hpp"
 
 int main(int argc, char** argv) {
     using namespace skiff;
@@ -40,10 +44,21 @@ int main(int argc, char** argv) {
     // self-raising threshold would otherwise make them do.
     mallopt(M_MMAP_THRESHOLD, 256 * 1024);
 
-    auto& runtime = runtime::IoRuntime::shared();
+    // The object graph, in the order it is torn down backwards: the runtime outlives
+    // everything that posts to it, the USB service outlives the core that uses it.
+    runtime::IoRuntime runtime;
     runtime.start();
-    auto& core = service::BridgeCore::shared();
-    core.bootstrapUsbMuxIfNeeded();
+    usbmuxkit::UsbMuxService usbMux(runtime.executor());
+    auto relayBridge = std::make_shared<relay::TunnelRelayBridge>(
+        runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()),
+        std::make_shared<relay::UsbMuxTunnelOpener>());
+    service::BridgeCollaborators collaborators;
+    collaborators.executor = runtime.executor();
+    collaborators.usbMux = std::make_shared<service::UsbMuxServiceLink>(usbMux);
+    collaborators.relayBridge = relayBridge;
+    auto core = std::make_shared<service::BridgeCore>(std::move(collaborators));
+    relayBridge->setPushSink(core);
+    core->bootstrapUsbMuxIfNeeded();
 
     // The first of a stop signal (0) and a lost bus (1) decides the exit status.
     std::promise<int> exitStatus;
@@ -63,10 +78,10 @@ int main(int argc, char** argv) {
 
     std::unique_ptr<service::dbus::ServiceAdapter> adapter;
     try {
-        auto delegate = std::make_shared<service::ServiceDelegate>(core.shared_from_this());
+        auto delegate = std::make_shared<service::ServiceDelegate>(core);
         adapter =
             std::make_unique<service::dbus::ServiceAdapter>(runtime.executor(), delegate, options);
-        core.setObserver(adapter->observer());
+        core->setObserver(adapter->observer());
         adapter->start([&] {
             log::xpc().error("the bus connection is gone; exiting so that skiffd is restarted");
             decide(1);
@@ -80,12 +95,11 @@ int main(int argc, char** argv) {
 
     const int status = exitStatus.get_future().get();
     signals.cancel();
-    core.setObserver(nullptr);
+    core->setObserver(nullptr);
     adapter->close();
+    // The USB layer stops while the runtime still runs its last tasks, so no device event
+    // is delivered into a torn-down graph.
+    asio::co_spawn(runtime.executor(), usbMux.shutdown(), asio::use_future).get();
     runtime.stop();
-    adapter.reset();
-    // Stopped here, not by static destruction, whose order would let libusbmuxd's event
-    // thread outlive the objects it calls into.
-    usbmux_mgr_shutdown();
     return status;
 }

@@ -13,12 +13,6 @@ TunnelEngineError engineError(TunnelEngineError::Case c) {
 
 TunnelEngine::TunnelEngine(asio::any_io_executor executor) : Actor(std::move(executor)) {}
 
-const std::shared_ptr<TunnelEngine>& TunnelEngine::shared() {
-    static const auto engine =
-        std::make_shared<TunnelEngine>(runtime::IoRuntime::shared().executor());
-    return engine;
-}
-
 asio::awaitable<void> TunnelEngine::bind(TunnelBinding binding) {
     return isolated(doBind(shared_from_this(), std::move(binding)));
 }

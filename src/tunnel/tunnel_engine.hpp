@@ -4,8 +4,8 @@
 // it answers requests through a handler and sends queued pushes, holding pushes back
 // while any request is in hand. All state lives on the engine's strand.
 //
-// Hold an engine in a std::shared_ptr (its tasks keep it alive). The service uses
-// TunnelEngine::shared(); tests and the simulated app make their own.
+// Hold an engine in a std::shared_ptr (its tasks keep it alive). skiffd makes the one
+// the relay uses in main; tests and the simulated app make their own.
 
 #include <asio.hpp>
 #include <cstdint>
@@ -47,9 +47,6 @@ struct TunnelBinding {
 class TunnelEngine : public runtime::Actor, public std::enable_shared_from_this<TunnelEngine> {
 public:
     explicit TunnelEngine(asio::any_io_executor executor);
-
-    // The process's engine, on IoRuntime::shared().
-    static const std::shared_ptr<TunnelEngine>& shared();
 
     // Sets the transport, role, key and handlers, then starts the read loop. Callers
     // unbind first.

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "common/bridge_protocols.hpp"
 #include "dbus/support/test_bus.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/dbus/harbor_client.hpp"
 #include "support/child_process.hpp"
 #include "support/simulated_phone.hpp"

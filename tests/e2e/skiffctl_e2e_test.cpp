@@ -7,10 +7,10 @@
 #include <sstream>
 #include <string_view>
 
+#include "common/bridge_protocols.hpp"
 #include "common/json.hpp"
 #include "e2e/service_stack.hpp"
 #include "relay/relay_schema.hpp"
-#include "service/bridge_protocols.hpp"
 
 namespace skiff::test {
 namespace {

@@ -33,17 +33,24 @@ struct Pushed {
 
 class TunnelRelayBridgeTest : public ::testing::Test {
 protected:
+    // Records every push the bridge hands on, by where it went.
+    struct RecordingSink final : PushSink {
+        explicit RecordingSink(TunnelRelayBridgeTest& test) : test(test) {}
+        void forwardToExtension(std::int64_t code, Bytes body) override {
+            test.record("extension", code, body);
+        }
+        void mountControl(Bytes body) override { test.record("mount", 3, body); }
+        void itemMutation(Bytes body) override { test.record("item", 4, body); }
+        TunnelRelayBridgeTest& test;
+    };
+
     void SetUp() override {
         runtime.start();
         engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
         opener = std::make_shared<FakeOpener>(runtime.executor());
-        PushTargets targets;
-        targets.forwardToExtension = [this](std::int64_t code, Bytes body) {
-            record("extension", code, body);
-        };
-        targets.mountControl = [this](Bytes body) { record("mount", 3, body); };
-        targets.itemMutation = [this](Bytes body) { record("item", 4, body); };
-        bridge = std::make_shared<TunnelRelayBridge>(runtime.executor(), engine, opener, targets);
+        bridge = std::make_shared<TunnelRelayBridge>(runtime.executor(), engine, opener);
+        sink = std::make_shared<RecordingSink>(*this);
+        bridge->setPushSink(sink);
     }
     void TearDown() override { runtime.stop(); }
 
@@ -73,6 +80,7 @@ protected:
     std::shared_ptr<tunnel::TunnelEngine> engine;
     std::shared_ptr<FakeOpener> opener;
     std::shared_ptr<TunnelRelayBridge> bridge;
+    std::shared_ptr<RecordingSink> sink;
     std::mutex mutex;
     std::vector<Pushed> pushed;
 };

@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "common/bridge_messages.hpp"
 #include "common/log.hpp"
-#include "service/bridge_messages.hpp"
 #include "service/notification_payloads.hpp"
 #include "service/service_fakes.hpp"
 #include "tunnel/tunnel_test_support.hpp"

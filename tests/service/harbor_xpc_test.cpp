@@ -27,8 +27,7 @@ protected:
     void complete(BridgeCollaborators& collaborators) override {
         opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
         collaborators.relayBridge = std::make_shared<relay::TunnelRelayBridge>(
-            runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener,
-            relay::PushTargets{});
+            runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener);
     }
 
     std::shared_ptr<FakeConnection> client(std::optional<HarborBridgeClientRole> role) {

@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/bridge_protocols.hpp"
 #include "common/runtime.hpp"
 #include "service/bridge_core.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/service_delegate.hpp"
 #include "service/usbmux_link.hpp"
 

@@ -13,8 +13,8 @@
 #include <tuple>
 #include <utility>
 
+#include "common/bridge_protocols.hpp"
 #include "common/log.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_message.hpp"
 

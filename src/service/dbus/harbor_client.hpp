@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
+#include "common/bridge_protocols.hpp"
 #include "common/bytes.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/dbus/bus_error.hpp"
 
 namespace skiff::service::dbus {

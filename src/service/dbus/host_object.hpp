@@ -15,7 +15,7 @@
 #include <set>
 #include <string>
 
-#include "service/bridge_protocols.hpp"
+#include "common/bridge_protocols.hpp"
 #include "service/dbus/bus_connection.hpp"
 #include "service/dbus/peer_connection.hpp"
 

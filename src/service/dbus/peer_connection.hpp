@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
+#include "common/bridge_protocols.hpp"
 #include "common/shared_memory.hpp"
-#include "service/bridge_protocols.hpp"
 #include "service/dbus/bus_calls.hpp"
 #include "service/dbus/bus_connection.hpp"
 #include "service/dbus/notice_queue.hpp"

@@ -13,7 +13,7 @@
 
 #include <asio.hpp>
 
-#include "service/bridge_protocols.hpp"
+#include "common/bridge_protocols.hpp"
 #include "service/dbus/bus_error.hpp"
 
 namespace skiff::service::dbus {

@@ -129,11 +129,6 @@ double UsbMuxService::ThroughputResult::mbitPerSecond() const {
     return static_cast<double>(bytes) * 8 / (seconds * 1000000);
 }
 
-UsbMuxService& UsbMuxService::shared() {
-    static UsbMuxService service(skiff::runtime::IoRuntime::shared().executor());
-    return service;
-}
-
 UsbMuxService::UsbMuxService(asio::any_io_executor executor)
     : Actor(std::move(executor)), state_(std::make_shared<State>()) {
     state_->previousTurn.resume();

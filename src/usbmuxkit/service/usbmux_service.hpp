@@ -58,11 +58,8 @@ public:
 
     using DeviceEventHandler = std::function<void(const DeviceEvent&)>;
 
-    // The process's instance, on IoRuntime::shared().
-    static UsbMuxService& shared();
-
-    // Tests make their own on a runtime of theirs. The native layer behind it is still
-    // the process-wide tunnel manager.
+    // skiffd makes one in main, tests make their own on a runtime of theirs. The native
+    // layer behind it is always the process-wide tunnel manager.
     explicit UsbMuxService(asio::any_io_executor executor);
     ~UsbMuxService();
 
