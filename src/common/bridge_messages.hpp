@@ -7,14 +7,18 @@
 
 namespace skiff::service {
 
+// The companion app listens here on the phone: relays, the probe, transfers and the
+// unmount notice all go to this port.
+inline constexpr std::uint16_t kCompanionAppPort = 33325;
+
 enum class HarborBridgeClientRole : std::int64_t {
     fileProvider = 0,
     desktopApp = 1,
-    usbMux = 2,
+    usbMux = 2,  // the last case
 };
 
 inline std::optional<HarborBridgeClientRole> clientRoleFromRaw(std::int64_t raw) {
-    if (raw < 0 || raw > 2) {
+    if (raw < 0 || raw > static_cast<std::int64_t>(HarborBridgeClientRole::usbMux)) {
         return std::nullopt;
     }
     return static_cast<HarborBridgeClientRole>(raw);

@@ -113,7 +113,7 @@ enum class UsbMuxRelayError : std::int64_t {
     internalError = 12,
 };
 constexpr std::size_t caseCount(UsbMuxRelayError) {
-    return 13;
+    return static_cast<std::size_t>(UsbMuxRelayError::internalError) + 1;
 }
 
 // The companion app's answer code.
@@ -130,7 +130,7 @@ enum class RelayDeviceStatus : std::int64_t {
     noSpace = 9,
 };
 constexpr std::size_t caseCount(RelayDeviceStatus) {
-    return 10;
+    return static_cast<std::size_t>(RelayDeviceStatus::noSpace) + 1;
 }
 
 // The client's selector, sent as the frame code of the tunnel request. Codes
@@ -159,7 +159,7 @@ enum class UsbMuxRelaySelector : std::int64_t {
     filesystemUnmounted = 20,
 };
 constexpr std::size_t caseCount(UsbMuxRelaySelector) {
-    return 21;
+    return static_cast<std::size_t>(UsbMuxRelaySelector::filesystemUnmounted) + 1;
 }
 
 }  // namespace skiff::relay

@@ -58,7 +58,7 @@ asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code
     if (payload.size() > tunnel::maxFramePayload) {
         co_return RelayReply{{}, raw(UsbMuxRelayError::payloadTooLarge), 0};
     }
-    RelayOutcome outcome = co_await relay(kRelayPort, code, std::move(payload));
+    RelayOutcome outcome = co_await relay(service::kCompanionAppPort, code, std::move(payload));
     if (outcome.response) {
         touchContact();
         // Answer codes the service does not know read as a plain I/O error.

@@ -18,14 +18,13 @@
 #include <string>
 #include <vector>
 
+#include "common/bridge_messages.hpp"
 #include "common/bytes.hpp"
 #include "common/runtime.hpp"
 #include "relay/tunnel_opener.hpp"
 #include "tunnel/tunnel_engine.hpp"
 
 namespace skiff::relay {
-
-inline constexpr std::uint16_t kRelayPort = 33325;
 
 // What a client receives: the data, a UsbMuxRelayError raw value and its detail.
 struct RelayReply {

@@ -14,7 +14,6 @@
 
 namespace skiff::service {
 
-inline constexpr std::uint16_t kCompanionAppPort = 33325;
 inline constexpr std::uint64_t kSpeedTestPayloadBytes = 0x3000000;
 
 // The largest chunk a measurement may ask for: a D-Bus array holds at most 64 MiB.

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "common/bridge_messages.hpp"
 #include "sim/app_command.hpp"
 #include "sim/app_handlers.hpp"
 #include "sim/control_command.hpp"
@@ -19,7 +20,7 @@
 
 namespace skiff::sim {
 
-inline constexpr std::uint16_t kCompanionAppPort = 33325;
+using skiff::service::kCompanionAppPort;
 
 class CompanionApp {
 public:

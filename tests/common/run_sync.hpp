@@ -1,12 +1,15 @@
 #pragma once
-// Test helper: runs a coroutine on a runtime and waits for it with a generous bound.
+// Test helpers that wait, each with the same generous bound: a coroutine run to its end, a
+// condition polled until it holds, a future.
 
 #include <gtest/gtest.h>
 
 #include <asio.hpp>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <stdexcept>
+#include <thread>
 
 #include "common/runtime.hpp"
 
@@ -23,6 +26,18 @@ T runSync(const Executor& executor, asio::awaitable<T> task) {
         throw std::runtime_error("coroutine did not finish in time");
     }
     return future.get();
+}
+
+// Polls condition until it holds or the same bound passes.
+inline bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kWaitLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return condition();
 }
 
 // Waits for a future with the same bound.

@@ -41,7 +41,7 @@ public:
 
     // The far end of the index-th tunnel, once it has been opened.
     tunnel::testing::Peer& peer(std::size_t index) {
-        if (!tunnel::testing::eventually([&] {
+        if (!skiff::testing::eventually([&] {
                 std::lock_guard guard(mutex_);
                 return peers_.size() > index;
             })) {

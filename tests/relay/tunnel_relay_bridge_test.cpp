@@ -15,11 +15,11 @@
 namespace skiff::relay {
 namespace {
 
+using skiff::testing::eventually;
 using skiff::testing::readyInTime;
 using skiff::testing::runSync;
 using testing::FakeOpener;
 using tunnel::FrameKind;
-using tunnel::testing::eventually;
 
 Bytes bytesOf(std::string_view text) {
     return Bytes(text.begin(), text.end());
@@ -148,13 +148,13 @@ TEST_F(TunnelRelayBridgeTest, DeviceRemovalFailsWaitingRequests) {
 
 TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
     relayAnswered(0, 0, "");
-    runSync(runtime.executor(), bridge->beginExclusiveUse(kRelayPort));
+    runSync(runtime.executor(), bridge->beginExclusiveUse(service::kCompanionAppPort));
     Bytes rest;
     EXPECT_FALSE(opener->peer(0).read(rest, 1));
 
     auto waiting = relayAsync(2, bytesOf("held"));
     EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
-    runSync(runtime.executor(), bridge->endExclusiveUse(kRelayPort));
+    runSync(runtime.executor(), bridge->endExclusiveUse(service::kCompanionAppPort));
 
     EXPECT_EQ(opener->answer(1, 0, bytesOf("fresh")), bytesOf("held"));
     ASSERT_TRUE(readyInTime(waiting));

@@ -16,9 +16,9 @@
 namespace skiff::service {
 namespace {
 
+using skiff::testing::eventually;
 using testing::FakeConnection;
 using testing::Notification;
-using tunnel::testing::eventually;
 
 constexpr const char* kExtensionPresent = R"({"source":0,"connected":true})";
 constexpr const char* kExtensionGone = R"({"source":0,"connected":false})";

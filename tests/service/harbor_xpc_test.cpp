@@ -16,8 +16,8 @@
 namespace skiff::service {
 namespace {
 
+using skiff::testing::eventually;
 using testing::FakeConnection;
-using tunnel::testing::eventually;
 using RelayResult = std::tuple<Bytes, std::int64_t, std::int64_t>;
 
 constexpr std::size_t kLimit = 5'242'880;

@@ -9,10 +9,10 @@
 namespace skiff::tunnel {
 namespace {
 
+using skiff::testing::eventually;
 using skiff::testing::readyInTime;
 using skiff::testing::runSync;
 using testing::errorCaseOf;
-using testing::eventually;
 using testing::Frame;
 using testing::Peer;
 using Case = TunnelEngineError::Case;

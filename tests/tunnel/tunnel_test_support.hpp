@@ -130,18 +130,6 @@ private:
     std::shared_ptr<TunnelTransport> inner_;
 };
 
-// Polls condition until it holds or the shared wait limit passes.
-inline bool eventually(const std::function<bool()>& condition) {
-    auto deadline = std::chrono::steady_clock::now() + skiff::testing::kWaitLimit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return condition();
-}
-
 // The case of the Error that call throws; any other outcome fails the test.
 template <class Error>
 typename Error::Case errorCaseOf(const std::function<void()>& call) {

@@ -141,8 +141,4 @@ std::shared_ptr<BridgeObserver> ServiceAdapter::observer() const {
     return impl_->signals;
 }
 
-std::string ServiceAdapter::uniqueName() const {
-    return impl_->bus->uniqueName();
-}
-
 }  // namespace skiff::service::dbus

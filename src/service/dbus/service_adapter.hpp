@@ -45,8 +45,6 @@ public:
     // The signals to observers, for the core to call.
     std::shared_ptr<BridgeObserver> observer() const;
 
-    std::string uniqueName() const;
-
 private:
     struct Impl;
     std::unique_ptr<Impl> impl_;

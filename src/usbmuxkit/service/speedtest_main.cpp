@@ -6,11 +6,12 @@
 #include <cstdio>
 #include <future>
 
+#include "common/bridge_messages.hpp"
 #include "usbmuxkit/service/usbmux_service.hpp"
 
 int main(int argc, char** argv) {
     CLI::App app{"One USB speed-test round against the companion app"};
-    std::uint16_t port = 33325;
+    std::uint16_t port = skiff::service::kCompanionAppPort;
     std::uint64_t mib = 48;
     app.add_option("--port", port, "Device port of the companion app");
     app.add_option("--mib", mib, "MiB to move each way");
