@@ -20,7 +20,10 @@
 
 namespace skiff::service::dbus {
 
+// Per client. Observers share one queue of half that: a slow watcher loses notices before
+// the service grows for it.
 inline constexpr std::size_t kNoticeQueueBytes = 16 * 1024 * 1024;
+inline constexpr std::size_t kObserverQueueBytes = kNoticeQueueBytes / 2;
 
 class NoticeQueue final : public BusConnection::Drainer,
                           public std::enable_shared_from_this<NoticeQueue> {

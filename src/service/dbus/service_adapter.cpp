@@ -39,7 +39,8 @@ public:
                   return emitSignal(b, kSignalNotification, [&](sd_bus_message* m) {
                       return wire::appendAll(m, message, param);
                   });
-              })) {}
+              },
+              kObserverQueueBytes)) {}
 
     void notificationPosted(std::int64_t message, const Bytes& param) override {
         notifications_->offer(message, param);
