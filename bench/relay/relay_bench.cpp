@@ -163,6 +163,23 @@ int main(int argc, char** argv) {
         std::printf("%-34s %9.1f MiB/s\n", "socketpair throughput", rateOf(overSocket));
         std::printf("%-34s %9.2fx\n", "socketpair / shared relay",
                     rateOf(overSocket) / rateOf(overMemory));
+
+        // Another client's Echo while the phone floods the extension with 1 MiB pushes.
+        const auto floodSeconds = 10;
+        stack.phone().command("flood 2 1048576 " + std::to_string(floodSeconds));
+        auto bystander = stack.connect();
+        std::vector<double> duringFlood;
+        const auto floodEnd = Clock::now() + std::chrono::seconds(floodSeconds);
+        while (Clock::now() < floodEnd) {
+            const auto start = Clock::now();
+            bystander->echo();
+            duringFlood.push_back(
+                std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+        }
+        std::printf("Echo during a push flood: %zu\n", duringFlood.size());
+        printSpread("bus Echo under 1 MiB pushes", spreadOf(duringFlood));
+        std::printf("%-34s %9.1f MiB\n", "skiffd peak resident memory",
+                    static_cast<double>(stack.service().peakResidentBytes()) / (1024 * 1024));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "relay_bench: %s\n", e.what());
         return 1;

@@ -60,17 +60,6 @@ public:
     std::atomic<std::uint64_t> notifiedBytes{0};
 };
 
-// Peak resident memory of a process, in bytes (VmHWM).
-std::uint64_t peakResident(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmHWM:")) {
-            return std::stoull(line.substr(6)) * 1024;
-        }
-    }
-    return 0;
-}
-
 // Sanitizers multiply memory; the bound is the product's only in a plain build.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::uint64_t kMemoryBound = 1024ull * 1024 * 1024;
@@ -159,7 +148,7 @@ TEST(BusLimitsE2eTest, APushFloodNeitherGrowsTheServiceNorStopsItAnswering) {
     }
     EXPECT_GT(echoes, 0);
     EXPECT_GT(silent->notifiedBytes, 0u);
-    const auto peak = peakResident(stack.service().pid());
+    const auto peak = stack.service().peakResidentBytes();
     std::cerr << "skiffd peak resident memory: " << peak / 1024 << " KiB, " << echoes
               << " echoes\n";
     EXPECT_LT(peak, kMemoryBound);

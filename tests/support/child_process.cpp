@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 extern char** environ;
@@ -210,6 +211,16 @@ std::string buildPath(std::string_view relative) {
         throw std::runtime_error("SKIFF_BUILD_DIR is not set (run the test through ctest)");
     }
     return std::string(dir) + "/" + std::string(relative);
+}
+
+std::uint64_t ChildProcess::peakResidentBytes() const {
+    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmHWM:")) {
+            return std::stoull(line.substr(6)) * 1024;
+        }
+    }
+    return 0;
 }
 
 }  // namespace skiff::test

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,6 +27,8 @@ public:
     ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return pid_; }
+    // The most memory it has held resident so far (VmHWM), in bytes; 0 once it is gone.
+    std::uint64_t peakResidentBytes() const;
 
     // Waits until the collected output contains text; false on time-out or when the
     // output ended without it.
