@@ -1,17 +1,24 @@
 #include "sim/app_transfer.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <asio.hpp>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "common/run_sync.hpp"
 #include "relay/relay_schema.hpp"
 #include "sim/app_lookup.hpp"
+#include "sim/companion_app.hpp"
 #include "support/child_process.hpp"
 #include "transfer/file_io_records.hpp"
+#include "tunnel/socket_tunnel_transport.hpp"
+#include "tunnel/tunnel_errors.hpp"
 
 namespace skiff::sim {
 namespace {
@@ -220,6 +227,87 @@ TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
     }
     EXPECT_EQ(read(root_ / "docs/a.txt"), "changed by hand");
     EXPECT_EQ(read(fs::path(base_.path()) / "secret.txt"), "outside");
+}
+
+// The app as a connection sees it: an engine in the client role over a socket pair, with
+// the app on an io_context thread of its own.
+class FramedTransferTest : public AppTransferTest {
+protected:
+    void SetUp() override {
+        installTransferHandlers(app_.handlers(), root_);
+        int fds[2];
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        auto socket = std::make_shared<AppSocket>(io_, asio::local::stream_protocol(), fds[0]);
+        app_.listener()(socket, AppConnectionInfo{});
+        transport_ = std::make_shared<tunnel::SocketTunnelTransport>(io_.get_executor(), fds[1]);
+        engine_ = std::make_shared<tunnel::TunnelEngine>(io_.get_executor());
+        thread_ = std::thread([this] { io_.run(); });
+        tunnel::TunnelBinding binding;
+        binding.transport = transport_;
+        run(engine_->bind(std::move(binding)));
+    }
+    void TearDown() override {
+        run(engine_->unbind());
+        run(transport_->close());
+        work_.reset();
+        io_.stop();
+        thread_.join();
+    }
+
+    template <class T>
+    T run(asio::awaitable<T> task) {
+        return skiff::testing::runSync(io_.get_executor(), std::move(task));
+    }
+    std::uint16_t request(std::uint16_t code, Bytes body) {
+        return run(engine_->request(code, std::move(body))).code;
+    }
+    std::uint16_t readChunk() {
+        return request(kReadChunkRequestCode, *transfer::encodeReadChunkRequest("docs/a.txt", 0));
+    }
+    // Control commands run on the app's thread, as the control server runs them.
+    void control(const std::string& line) {
+        const auto parsed = parseAppCommand(line);
+        ASSERT_TRUE(std::holds_alternative<AppCommand>(parsed)) << line;
+        const auto command = std::get<AppCommand>(parsed);
+        auto done = asio::post(io_, asio::use_future([&] { return app_.execute(command); }));
+        ASSERT_TRUE(skiff::testing::readyInTime(done));
+        EXPECT_TRUE(done.get().ok) << line;
+    }
+
+    asio::io_context io_;
+    asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
+    CompanionApp app_{io_.get_executor(), [](const std::string&) {}};
+    std::shared_ptr<tunnel::SocketTunnelTransport> transport_;
+    std::shared_ptr<tunnel::TunnelEngine> engine_;
+    std::thread thread_;
+};
+
+TEST_F(FramedTransferTest, FailChunkAnswersTheNthChunkRequestWithIoError) {
+    EXPECT_EQ(readChunk(), 0);  // before the switch: not counted
+    control("fault fail-chunk 2");
+    EXPECT_EQ(request(kStageWriteRequestCode, stageBody("docs/a.txt", 1)), 0);  // no chunk
+    EXPECT_EQ(readChunk(), 0);
+    EXPECT_EQ(request(kWriteChunkRequestCode, writeBody("docs/a.txt", 0, "x")), 5);
+    EXPECT_EQ(readChunk(), 0);  // only the one
+
+    control("fault fail-chunk 1");
+    control("fault fail-chunk off");
+    EXPECT_EQ(readChunk(), 0);
+    control("fault fail-chunk 1");
+    control("fault clear");
+    EXPECT_EQ(readChunk(), 0);
+}
+
+TEST_F(FramedTransferTest, DropAtChunkClosesTheConnectionOnTheNthChunkRequest) {
+    control("fault drop-at-chunk 2");
+    EXPECT_EQ(readChunk(), 0);
+    EXPECT_EQ(request(kStageWriteRequestCode, stageBody("docs/a.txt", 1)), 0);
+    try {
+        readChunk();
+        ADD_FAILURE() << "answered";
+    } catch (const tunnel::TunnelEngineError& error) {
+        EXPECT_EQ(error.errorCase(), tunnel::TunnelEngineError::Case::disconnected);
+    }
 }
 
 }  // namespace
