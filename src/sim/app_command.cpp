@@ -86,6 +86,16 @@ std::variant<AppCommand, std::string> parseFault(std::string_view rest) {
         command.on = *ms > 0;
         return command;
     }
+    if (name == "fail-chunk" || name == "drop-at-chunk") {
+        command.fault = name == "fail-chunk" ? AppFault::failChunk : AppFault::dropAtChunk;
+        command.on = value != "off";
+        auto chunk = number<std::uint64_t>(value);
+        if (!single || (command.on && (!chunk || *chunk == 0))) {
+            return "fault " + std::string(name) + " takes a chunk number from 1, or off";
+        }
+        command.chunk = chunk.value_or(0);
+        return command;
+    }
     if (name == "pong" || name == "ack") {
         command.fault = name == "pong" ? AppFault::pong : AppFault::ack;
         if (value.empty()) {

@@ -13,6 +13,10 @@
 //   fault delay MS          hold every answer back by MS milliseconds (0: no delay)
 //   fault pong TEXT|off     the line that answers PING ("PONG" when off)
 //   fault ack TEXT|off      the line after a download ("BW:DOWN:OK:<N>" when off)
+//   fault fail-chunk N|off  answer the N-th chunk request (reads and writes, counted
+//                           from 1 after this command) with ioError (5)
+//   fault drop-at-chunk N|off
+//                           close the connection when the N-th chunk request arrives
 //   fault clear             every fault off
 //   inject unknown-flow     a response frame for a flow nobody asked for, to every
 //                           framed connection; data line: how many
@@ -31,7 +35,7 @@ namespace skiff::sim {
 inline constexpr std::uint32_t kFloodMaxSeconds = 600;
 
 enum class AppVerb { push, flood, fault, inject, received };
-enum class AppFault { silent, close, status, delay, pong, ack, clear };
+enum class AppFault { silent, close, status, delay, pong, ack, failChunk, dropAtChunk, clear };
 enum class AppInjection { unknownFlow, badHeader };
 
 struct AppCommand {
@@ -41,6 +45,7 @@ struct AppCommand {
     AppFault fault = AppFault::clear;
     bool on = false;            // the fault is switched on (pong/ack: text replaces the default)
     std::uint32_t delayMs = 0;  // fault delay
+    std::uint64_t chunk = 0;    // fault fail-chunk, drop-at-chunk: which one, from 1
     AppInjection injection = AppInjection::unknownFlow;
     std::uint32_t floodBytes = 0;    // flood: the body size of each push
     std::uint32_t floodSeconds = 0;  // flood: how long it lasts

@@ -2,12 +2,16 @@
 
 #include <limits>
 
+#include "relay/relay_schema.hpp"
 #include "sim/app_framed.hpp"
+#include "sim/app_transfer.hpp"
 #include "tunnel/tunnel_errors.hpp"
 #include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::sim {
 namespace {
+
+using relay::RelayDeviceStatus;
 
 // The socket transport behind the bytes the app read to tell the protocols apart, and
 // the place where the app learns that the connection has ended.
@@ -54,10 +58,25 @@ private:
     std::string head_;
 };
 
+enum class ChunkFault { none, fail, drop };
+
+// Counts a chunk request as it arrives and says what the chunk switches make of it.
+ChunkFault takeChunkFault(AppFaults& faults, std::uint16_t code) {
+    if (code != kReadChunkRequestCode && code != kWriteChunkRequestCode) {
+        return ChunkFault::none;
+    }
+    ++faults.chunkRequests;
+    if (faults.dropAtChunk == faults.chunkRequests) {
+        return ChunkFault::drop;
+    }
+    return faults.failAtChunk == faults.chunkRequests ? ChunkFault::fail : ChunkFault::none;
+}
+
 asio::awaitable<tunnel::TunnelMessage> answer(std::shared_ptr<CompanionApp::State> state,
                                               std::weak_ptr<FramedConnection> weak,
                                               std::uint16_t code, Bytes payload) {
-    if (state->faults.closeOnRequest) {
+    const ChunkFault chunkFault = takeChunkFault(state->faults, code);
+    if (state->faults.closeOnRequest || chunkFault == ChunkFault::drop) {
         if (auto connection = weak.lock()) {
             closeFramedConnection(*connection);
         }
@@ -70,6 +89,9 @@ asio::awaitable<tunnel::TunnelMessage> answer(std::shared_ptr<CompanionApp::Stat
     }
     if (state->faults.delay.count() > 0) {
         co_await pause(std::make_shared<asio::steady_timer>(state->executor), state->faults.delay);
+    }
+    if (chunkFault == ChunkFault::fail) {
+        co_return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ioError), {}};
     }
     if (state->faults.status) {
         co_return tunnel::TunnelMessage{*state->faults.status, {}};

@@ -26,6 +26,10 @@ struct AppFaults {
     std::chrono::milliseconds delay{0};
     std::optional<std::string> pongLine;     // "PONG" when none
     std::optional<std::string> downloadAck;  // "BW:DOWN:OK:<N>" when none
+    // Chunk requests seen so far; the chunk switches name the count they act at.
+    std::uint64_t chunkRequests = 0;
+    std::optional<std::uint64_t> failAtChunk;  // answered with ioError
+    std::optional<std::uint64_t> dropAtChunk;  // the connection is closed instead
 };
 
 struct FramedConnection {

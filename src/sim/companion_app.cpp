@@ -2,6 +2,7 @@
 
 #include <array>
 #include <chrono>
+#include <limits>
 #include <string_view>
 
 #include "sim/app_framed.hpp"
@@ -86,6 +87,16 @@ void releaseParked(CompanionApp::State& state) {
     state.parked.clear();
 }
 
+// The count of chunk requests at which a chunk switch acts: the command's number counts
+// from the next request on. A number too large to reach never acts.
+std::optional<std::uint64_t> chunkTarget(const AppFaults& faults, const AppCommand& command) {
+    if (!command.on ||
+        command.chunk > std::numeric_limits<std::uint64_t>::max() - faults.chunkRequests) {
+        return std::nullopt;
+    }
+    return faults.chunkRequests + command.chunk;
+}
+
 ControlReply applyFault(CompanionApp::State& state, const AppCommand& command) {
     AppFaults& faults = state.faults;
     switch (command.fault) {
@@ -107,6 +118,12 @@ ControlReply applyFault(CompanionApp::State& state, const AppCommand& command) {
         case AppFault::ack:
             faults.downloadAck =
                 command.on ? std::optional<std::string>(command.text) : std::nullopt;
+            break;
+        case AppFault::failChunk:
+            faults.failAtChunk = chunkTarget(faults, command);
+            break;
+        case AppFault::dropAtChunk:
+            faults.dropAtChunk = chunkTarget(faults, command);
             break;
         case AppFault::clear:
             faults = AppFaults{};

@@ -1,6 +1,7 @@
 #include "sim/sim_phone.hpp"
 
 #include "sim/app_lookup.hpp"
+#include "sim/app_transfer.hpp"
 
 namespace skiff::sim {
 SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report)
@@ -17,6 +18,7 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     }
     if (!options.storage.empty()) {
         installLookupHandler(app_.handlers(), options.storage);
+        installTransferHandlers(app_.handlers(), options.storage);
     }
     if (options.echoPort) {
         listeners_.listen(*options.echoPort, makeEchoListener());

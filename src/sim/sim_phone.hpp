@@ -24,7 +24,7 @@ struct SimPhoneOptions {
     std::optional<uint16_t> appPort = kCompanionAppPort;
     // Echo wins over the app when both are given the same port.
     std::optional<uint16_t> echoPort = kEchoPort;
-    std::string storage;  // the folder the app's look-ups read; none when empty
+    std::string storage;  // the folder the app's look-ups and transfers use; none when empty
 };
 
 // The whole simulated phone on one io_context: the device table, the apps by port,

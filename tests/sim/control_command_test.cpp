@@ -42,6 +42,10 @@ TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
     EXPECT_EQ(parsed("fault status 0").app.code, 0);
     EXPECT_TRUE(parsed("fault status 0").app.on);
     EXPECT_FALSE(parsed("fault delay 0").app.on);
+    EXPECT_EQ(parsed("fault fail-chunk 3").app.chunk, 3u);
+    EXPECT_EQ(parsed("fault drop-at-chunk 18446744073709551615").app.fault,
+              AppFault::dropAtChunk);
+    EXPECT_FALSE(parsed("fault drop-at-chunk off").app.on);
 }
 
 TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
@@ -93,6 +97,9 @@ TEST(ControlCommand, RejectsWrongShapes) {
                                   "fault close on now",
                                   "fault pong",
                                   "fault clear all",
+                                  "fault fail-chunk 0",
+                                  "fault fail-chunk",
+                                  "fault drop-at-chunk 2 3",
                                   "fault nothing",
                                   "inject",
                                   "inject bad-header 2",

@@ -1,0 +1,272 @@
+#include "sim/app_transfer.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <variant>
+
+#include "common/uuid.hpp"
+#include "relay/relay_schema.hpp"
+#include "sim/app_storage.hpp"
+#include "transfer/file_io_records.hpp"
+#include "tunnel/tunnel_frame.hpp"
+
+namespace skiff::sim {
+namespace {
+
+using relay::RelayDeviceStatus;
+
+constexpr auto kLargestOffset = static_cast<std::uint64_t>(std::numeric_limits<off_t>::max());
+
+std::uint16_t codeOf(RelayDeviceStatus status) {
+    return static_cast<std::uint16_t>(status);
+}
+
+tunnel::TunnelMessage readFailure(RelayDeviceStatus status) {
+    return {codeOf(status), {}};
+}
+
+tunnel::TunnelMessage rejection(RelayDeviceStatus status) {
+    const transfer::FileIODeviceRejection body{static_cast<std::int64_t>(status)};
+    return {codeOf(status), json::encode(body).value_or(Bytes{})};
+}
+
+template <class Record>
+tunnel::TunnelMessage answerWith(const Record& record) {
+    auto body = json::encode(record);
+    if (!body) {
+        // A name that is not UTF-8 has no JSON spelling.
+        return rejection(RelayDeviceStatus::ioError);
+    }
+    return {codeOf(RelayDeviceStatus::ok), std::move(*body)};
+}
+
+RelayDeviceStatus statusOfError(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return RelayDeviceStatus::notFound;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            return RelayDeviceStatus::permissionDenied;
+        case EISDIR:
+            return RelayDeviceStatus::isDirectory;
+        case ELOOP:  // a link: the app neither reads nor writes through one
+        case EFBIG:
+            return RelayDeviceStatus::invalidArgument;
+        case ENOSPC:
+        case EDQUOT:
+            return RelayDeviceStatus::noSpace;
+        default:
+            return RelayDeviceStatus::ioError;
+    }
+}
+
+// The status for an item that must be a regular file, when it is not one.
+std::optional<RelayDeviceStatus> notAFile(mode_t mode) {
+    if (S_ISDIR(mode)) {
+        return RelayDeviceStatus::isDirectory;
+    }
+    if (!S_ISREG(mode)) {
+        return RelayDeviceStatus::invalidArgument;
+    }
+    return std::nullopt;
+}
+
+bool writeAll(int fd, std::span<const std::uint8_t> bytes, std::uint64_t offset) {
+    while (!bytes.empty()) {
+        const ssize_t n = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        bytes = bytes.subspan(static_cast<std::size_t>(n));
+        offset += static_cast<std::uint64_t>(n);
+    }
+    return true;
+}
+
+// Links the unnamed file into folder under name, replacing what is there in one step.
+// Linking an open unnamed file by descriptor needs privileges; its /proc path does not.
+int linkOver(int file, int folder, const std::string& name) {
+    const std::string source = "/proc/self/fd/" + std::to_string(file);
+    const std::string temporary = ".skiff-commit-" + Uuid::random().text();
+    if (::linkat(AT_FDCWD, source.c_str(), folder, temporary.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+        return errno;
+    }
+    if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
+        const int error = errno;
+        ::unlinkat(folder, temporary.c_str(), 0);
+        return error;
+    }
+    return 0;
+}
+
+}  // namespace
+
+AppTransfer::AppTransfer(std::filesystem::path storageRoot) : root_(std::move(storageRoot)) {}
+
+tunnel::TunnelMessage AppTransfer::readChunk(const Bytes& body) {
+    const auto request = transfer::decodeReadChunkRequest(body);
+    // A reply has to fit in one frame.
+    if (!request || request->length > tunnel::maxFramePayload) {
+        return readFailure(RelayDeviceStatus::invalidArgument);
+    }
+    auto located = locateItem(root_, request->identifier);
+    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
+        return readFailure(*status);
+    }
+    const auto& item = std::get<StorageItem>(located);
+    if (item.name.empty()) {
+        return readFailure(RelayDeviceStatus::isDirectory);
+    }
+    // O_NONBLOCK: a FIFO in the storage must not stall the app.
+    const UniqueFd file(::openat(item.folder.get(), item.name.c_str(),
+                                 O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat st {};
+    if (file.get() < 0 || ::fstat(file.get(), &st) != 0) {
+        return readFailure(statusOfError(errno));
+    }
+    if (const auto status = notAFile(st.st_mode)) {
+        return readFailure(*status);
+    }
+    // Nothing lies beyond the largest offset a file can have.
+    const std::uint64_t room = kLargestOffset - std::min(request->offset, kLargestOffset);
+    Bytes bytes(static_cast<std::size_t>(std::min<std::uint64_t>(request->length, room)));
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::pread(file.get(), bytes.data() + done, bytes.size() - done,
+                                  static_cast<off_t>(request->offset + done));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            return readFailure(statusOfError(errno));
+        }
+        if (n == 0) {
+            break;  // the end of the file
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    bytes.resize(done);
+    return {codeOf(RelayDeviceStatus::ok), std::move(bytes)};
+}
+
+tunnel::TunnelMessage AppTransfer::stageWrite(const Bytes& body) {
+    const auto request = json::decode<transfer::RelayTruncateWriteRequest>(body);
+    if (!request || request->size > kLargestOffset) {
+        return rejection(RelayDeviceStatus::invalidArgument);
+    }
+    auto located = locateItem(root_, request->identifier);
+    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
+        return rejection(*status);
+    }
+    auto& item = std::get<StorageItem>(located);
+    if (item.name.empty()) {
+        return rejection(RelayDeviceStatus::isDirectory);
+    }
+    struct statx st {};
+    const bool exists = statItem(item, st);
+    if (exists) {
+        if (const auto status = notAFile(st.stx_mode)) {
+            return rejection(*status);
+        }
+    }
+    const Bytes current = exists ? contentVersionOf(st) : Bytes{};
+    if (request->expectedContentVersion && *request->expectedContentVersion != current) {
+        return rejection(RelayDeviceStatus::versionConflict);
+    }
+    const mode_t mode = exists ? (st.stx_mode & 07777) : 0644;
+    UniqueFd file(::openat(item.folder.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
+    if (file.get() < 0 || ::ftruncate(file.get(), static_cast<off_t>(request->size)) != 0) {
+        return rejection(statusOfError(errno));
+    }
+    // A second stage of the same item starts the write over.
+    std::string path = item.path;
+    staged_.insert_or_assign(std::move(path), StagedWrite{std::move(item), std::move(file)});
+    return {codeOf(RelayDeviceStatus::ok), {}};
+}
+
+tunnel::TunnelMessage AppTransfer::writeChunk(const Bytes& body) {
+    const auto request = transfer::decodeWriteChunkRequest(body);
+    if (!request || request->offset > kLargestOffset - request->bytes.size()) {
+        return rejection(RelayDeviceStatus::invalidArgument);
+    }
+    auto located = locateItem(root_, request->identifier);
+    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
+        return rejection(*status);
+    }
+    const auto staged = staged_.find(std::get<StorageItem>(located).path);
+    if (staged == staged_.end()) {
+        return rejection(RelayDeviceStatus::invalidArgument);
+    }
+    const int file = staged->second.file.get();
+    struct stat st {};
+    if (!writeAll(file, request->bytes, request->offset) || ::fstat(file, &st) != 0) {
+        return rejection(statusOfError(errno));
+    }
+    const transfer::RelayWriteChunkResponse response{request->offset + request->bytes.size(),
+                                                     static_cast<std::uint64_t>(st.st_size),
+                                                     std::nullopt};
+    return answerWith(response);
+}
+
+tunnel::TunnelMessage AppTransfer::commitWrite(const Bytes& body) {
+    const auto request = json::decode<transfer::RelayCommitWriteRequest>(body);
+    if (!request) {
+        return rejection(RelayDeviceStatus::invalidArgument);
+    }
+    auto located = locateItem(root_, request->identifier);
+    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
+        return rejection(*status);
+    }
+    auto node = staged_.extract(std::get<StorageItem>(located).path);
+    if (node.empty()) {
+        return rejection(RelayDeviceStatus::invalidArgument);
+    }
+    const StagedWrite& staged = node.mapped();
+    if (const int error = linkOver(staged.file.get(), staged.item.folder.get(), staged.item.name)) {
+        return rejection(statusOfError(error));
+    }
+    struct statx st {};
+    if (!statItem(staged.item, st)) {
+        return rejection(RelayDeviceStatus::ioError);
+    }
+    return answerWith(summaryOf(st, request->identifier, staged.item.name));
+}
+
+namespace {
+
+using Step = tunnel::TunnelMessage (AppTransfer::*)(const Bytes&);
+
+// A plain function, so that the coroutine owns its arguments rather than a lambda's captures.
+asio::awaitable<tunnel::TunnelMessage> answerStep(std::shared_ptr<AppTransfer> transfer, Step step,
+                                                  Bytes body) {
+    co_return ((*transfer).*step)(body);
+}
+
+}  // namespace
+
+void installTransferHandlers(AppHandlerTable& table, std::filesystem::path storageRoot) {
+    auto transfer = std::make_shared<AppTransfer>(std::move(storageRoot));
+    const std::pair<std::uint16_t, Step> steps[] = {
+        {kReadChunkRequestCode, &AppTransfer::readChunk},
+        {kStageWriteRequestCode, &AppTransfer::stageWrite},
+        {kWriteChunkRequestCode, &AppTransfer::writeChunk},
+        {kCommitWriteRequestCode, &AppTransfer::commitWrite},
+    };
+    for (const auto& [code, step] : steps) {
+        table[code] = [transfer, step = step](Bytes body) {
+            return answerStep(transfer, step, std::move(body));
+        };
+    }
+}
+
+}  // namespace skiff::sim

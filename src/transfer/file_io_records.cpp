@@ -1,0 +1,143 @@
+#include "transfer/file_io_records.hpp"
+
+#include <algorithm>
+
+namespace skiff::transfer {
+namespace {
+
+constexpr std::size_t kIdentifierLengthBytes = 2;
+constexpr std::size_t kOffsetBytes = 8;
+constexpr std::size_t kLengthBytes = 4;
+constexpr std::size_t kFixedBytes = kIdentifierLengthBytes + kOffsetBytes + kLengthBytes;
+
+// The JSON serializer is the one UTF-8 check the code base has; identifiers are short.
+bool isUtf8(std::string_view text) {
+    return json::serialize(json::Json(std::string(text))).has_value();
+}
+
+bool encodable(std::string_view identifier) {
+    return identifier.size() <= kMaxChunkIdentifierBytes && isUtf8(identifier);
+}
+
+void putLittleEndian(Bytes& out, std::uint64_t value, std::size_t bytes) {
+    for (std::size_t i = 0; i < bytes; ++i) {
+        out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+    }
+}
+
+Bytes header(std::string_view identifier, std::uint64_t offset, std::uint32_t length) {
+    Bytes out;
+    out.reserve(kFixedBytes + identifier.size());
+    putLittleEndian(out, identifier.size(), kIdentifierLengthBytes);
+    out.insert(out.end(), identifier.begin(), identifier.end());
+    putLittleEndian(out, offset, kOffsetBytes);
+    putLittleEndian(out, length, kLengthBytes);
+    return out;
+}
+
+// Reads the fields of a body front to back; every take fails once the body is short.
+class Reader {
+public:
+    explicit Reader(std::span<const std::uint8_t> body) : rest_(body) {}
+
+    std::optional<std::uint64_t> number(std::size_t bytes) {
+        const auto taken = take(bytes);
+        if (!taken) {
+            return std::nullopt;
+        }
+        std::uint64_t value = 0;
+        for (std::size_t i = 0; i < bytes; ++i) {
+            value |= static_cast<std::uint64_t>((*taken)[i]) << (8 * i);
+        }
+        return value;
+    }
+
+    std::optional<std::span<const std::uint8_t>> take(std::uint64_t bytes) {
+        if (bytes > rest_.size()) {
+            return std::nullopt;
+        }
+        const auto taken = rest_.first(static_cast<std::size_t>(bytes));
+        rest_ = rest_.subspan(static_cast<std::size_t>(bytes));
+        return taken;
+    }
+
+    std::size_t remaining() const { return rest_.size(); }
+
+private:
+    std::span<const std::uint8_t> rest_;
+};
+
+struct ChunkHeader {
+    std::string identifier;
+    std::uint64_t offset = 0;
+    std::uint32_t length = 0;
+};
+
+std::optional<ChunkHeader> readHeader(Reader& reader) {
+    const auto identifierLength = reader.number(kIdentifierLengthBytes);
+    const auto identifier = identifierLength ? reader.take(*identifierLength) : std::nullopt;
+    const auto offset = identifier ? reader.number(kOffsetBytes) : std::nullopt;
+    const auto length = offset ? reader.number(kLengthBytes) : std::nullopt;
+    if (!length) {
+        return std::nullopt;
+    }
+    ChunkHeader header{std::string(identifier->begin(), identifier->end()), *offset,
+                       static_cast<std::uint32_t>(*length)};
+    if (!isUtf8(header.identifier)) {
+        return std::nullopt;
+    }
+    return header;
+}
+
+}  // namespace
+
+bool operator==(const WriteChunkRequest& a, const WriteChunkRequest& b) {
+    return a.identifier == b.identifier && a.offset == b.offset &&
+           std::ranges::equal(a.bytes, b.bytes);
+}
+
+std::optional<Bytes> encodeReadChunkRequest(std::string_view identifier, std::uint64_t offset,
+                                            std::uint32_t length) {
+    if (!encodable(identifier)) {
+        return std::nullopt;
+    }
+    return header(identifier, offset, length);
+}
+
+std::optional<ReadChunkRequest> decodeReadChunkRequest(std::span<const std::uint8_t> body) {
+    Reader reader(body);
+    auto fields = readHeader(reader);
+    if (!fields || reader.remaining() != 0) {
+        return std::nullopt;
+    }
+    return ReadChunkRequest{std::move(fields->identifier), fields->offset, fields->length};
+}
+
+std::optional<Bytes> encodeWriteChunkHeader(std::string_view identifier, std::uint64_t offset,
+                                            std::uint64_t chunkLength) {
+    if (chunkLength > kMaxWriteChunkBytes || !encodable(identifier)) {
+        return std::nullopt;
+    }
+    return header(identifier, offset, static_cast<std::uint32_t>(chunkLength));
+}
+
+std::optional<Bytes> encodeWriteChunkRequest(std::string_view identifier, std::uint64_t offset,
+                                             std::span<const std::uint8_t> chunk) {
+    auto body = encodeWriteChunkHeader(identifier, offset, chunk.size());
+    if (body) {
+        body->insert(body->end(), chunk.begin(), chunk.end());
+    }
+    return body;
+}
+
+std::optional<WriteChunkRequest> decodeWriteChunkRequest(std::span<const std::uint8_t> body) {
+    Reader reader(body);
+    auto fields = readHeader(reader);
+    if (!fields || reader.remaining() != fields->length) {
+        return std::nullopt;
+    }
+    return WriteChunkRequest{std::move(fields->identifier), fields->offset,
+                             *reader.take(fields->length)};
+}
+
+}  // namespace skiff::transfer
