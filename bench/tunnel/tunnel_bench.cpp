@@ -7,7 +7,7 @@
 #include <future>
 #include <stdexcept>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
 #include "tunnel/tunnel_engine.hpp"
 

@@ -18,8 +18,9 @@
 #include <string>
 #include <vector>
 
+#include "common/actor.hpp"
 #include "common/bytes.hpp"
-#include "common/runtime.hpp"
+#include "common/one_shot.hpp"
 #include "relay/tunnel_opener.hpp"
 #include "tunnel/tunnel_engine.hpp"
 

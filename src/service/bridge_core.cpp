@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "common/log.hpp"
-#include "common/runtime.hpp"
+#include "common/task.hpp"
 
 namespace skiff::service {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "common/check.hpp"
-#include "common/runtime.hpp"
+#include "common/task.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
 #include "service/once_reply.hpp"

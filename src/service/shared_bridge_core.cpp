@@ -2,7 +2,7 @@
 #include <memory>
 #include <utility>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/bridge_core.hpp"
 #include "service/usbmux_service_link.hpp"

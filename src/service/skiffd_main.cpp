@@ -13,8 +13,8 @@
 #include <iostream>
 #include <memory>
 
+#include "common/io_runtime.hpp"
 #include "common/log.hpp"
-#include "common/runtime.hpp"
 #include "common/version.hpp"
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"

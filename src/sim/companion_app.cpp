@@ -4,6 +4,7 @@
 #include <chrono>
 #include <string_view>
 
+#include "common/task.hpp"
 #include "sim/app_framed.hpp"
 #include "sim/app_state.hpp"
 #include "tunnel/tunnel_frame.hpp"

@@ -4,7 +4,8 @@
 
 #include <asio.hpp>
 
-#include "common/runtime.hpp"
+#include "common/actor.hpp"
+#include "common/one_shot.hpp"
 #include "tunnel/tunnel_transport.hpp"
 
 namespace skiff::tunnel {

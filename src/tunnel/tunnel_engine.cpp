@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "common/io_runtime.hpp"
+
 namespace skiff::tunnel {
 namespace {
 

@@ -16,8 +16,9 @@
 #include <optional>
 #include <string>
 
+#include "common/actor.hpp"
 #include "common/bytes.hpp"
-#include "common/runtime.hpp"
+#include "common/one_shot.hpp"
 #include "tunnel/tunnel_errors.hpp"
 #include "tunnel/tunnel_frame.hpp"
 #include "tunnel/tunnel_transport.hpp"

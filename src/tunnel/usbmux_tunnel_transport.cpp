@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "common/check.hpp"
 #include "tunnel/tunnel_errors.hpp"

@@ -8,8 +8,6 @@
 #include <future>
 #include <stdexcept>
 
-#include "common/runtime.hpp"
-
 namespace skiff::testing {
 
 inline constexpr auto kWaitLimit = std::chrono::seconds(20);

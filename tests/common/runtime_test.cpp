@@ -1,14 +1,20 @@
-#include "common/runtime.hpp"
-
+// IoRuntime, actors, tasks, the serial queue and OneShot.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
+#include <memory>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
+#include "common/actor.hpp"
+#include "common/io_runtime.hpp"
 #include "common/log.hpp"
+#include "common/one_shot.hpp"
 #include "common/run_sync.hpp"
+#include "common/serial_queue.hpp"
+#include "common/task.hpp"
 
 namespace skiff::runtime {
 namespace {

@@ -8,6 +8,7 @@
 #include <string>
 #include <tuple>
 
+#include "common/one_shot.hpp"
 #include "common/run_sync.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"

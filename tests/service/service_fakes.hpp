@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "service/bridge_core.hpp"
 #include "service/bridge_protocols.hpp"
 #include "service/service_delegate.hpp"

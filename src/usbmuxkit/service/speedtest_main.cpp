@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <future>
 
+#include "common/io_runtime.hpp"
 #include "usbmuxkit/service/usbmux_service.hpp"
 
 int main(int argc, char** argv) {

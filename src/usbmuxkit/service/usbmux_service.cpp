@@ -6,6 +6,10 @@
 #include <utility>
 #include <variant>
 
+#include "common/io_runtime.hpp"
+#include "common/one_shot.hpp"
+#include "common/serial_queue.hpp"
+
 namespace usbmuxkit {
 
 struct UsbMuxService::State {

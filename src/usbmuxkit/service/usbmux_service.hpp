@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/runtime.hpp"
+#include "common/actor.hpp"
 #include "usbmuxkit/usbmux_flat.h"
 
 namespace usbmuxkit {
