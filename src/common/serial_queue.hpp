@@ -45,9 +45,9 @@ public:
     asio::awaitable<std::invoke_result_t<F&>> run(F f) {
         using R = std::invoke_result_t<F&>;
         using V = detail::ValueOf<R>;
-        // GCC 12 may destroy objects handed through async_initiate twice, so only plain
-        // pointers go through it: fn lives in this frame, which the queued job keeps
-        // alive (it owns the handler) until the job has run.
+        // fn lives in this frame, which the queued job keeps alive (it owns the handler)
+        // until the job has run; the initiation captures only pointers, so it stays
+        // trivially destructible (the co_await temporaries rule in task.hpp).
         F fn = std::move(f);
         auto initiate = [this, fnp = &fn](auto handler) {
             using Handler = decltype(handler);

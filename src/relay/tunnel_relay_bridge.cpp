@@ -113,9 +113,7 @@ asio::awaitable<void> TunnelRelayBridge::doUnbindAfterFailure(RelayOutcome outco
 }
 
 asio::awaitable<void> TunnelRelayBridge::doDropBinding() {
-    // Named: GCC 12 destroys class temporaries inside a co_await twice.
-    const TunnelEngineError gone(TunnelEngineError::Case::disconnected);
-    co_await engine_->failAllPending(gone);
+    co_await engine_->failAllPending(TunnelEngineError(TunnelEngineError::Case::disconnected));
     co_await unbindAndClose();
 }
 
