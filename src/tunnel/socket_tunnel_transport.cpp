@@ -20,7 +20,6 @@ TunnelTransportError disconnected() {
 
 SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int fd)
     : Actor(executor), socket_(strand()) {
-    previousSend_.resume();
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -39,9 +38,7 @@ asio::awaitable<void> SocketTunnelTransport::send(Bytes data) {
 }
 
 asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
-    runtime::OneShot<void> mine;
-    runtime::OneShot<void> before = std::exchange(previousSend_, mine);
-    co_await before.wait();
+    auto turn = co_await sending_.lock();
     asio::error_code error;
     if (!socket_.is_open()) {
         error = asio::error::bad_descriptor;
@@ -49,7 +46,6 @@ asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
         co_await asio::async_write(socket_, asio::buffer(data),
                                    asio::redirect_error(asio::use_awaitable, error));
     }
-    mine.resume();
     if (error) {
         throw disconnected();
     }

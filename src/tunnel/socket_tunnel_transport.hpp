@@ -5,7 +5,7 @@
 #include <asio.hpp>
 
 #include "common/actor.hpp"
-#include "common/one_shot.hpp"
+#include "common/async_mutex.hpp"
 #include "tunnel/tunnel_transport.hpp"
 
 namespace skiff::tunnel {
@@ -26,9 +26,8 @@ private:
     asio::awaitable<void> doClose();
 
     asio::generic::stream_protocol::socket socket_;
-    // Sends take turns in call order: each waits for the one before it, so whole
-    // buffers never interleave.
-    runtime::OneShot<void> previousSend_;
+    // Sends take turns in call order, so whole buffers never interleave.
+    runtime::AsyncMutex sending_;
 };
 
 }  // namespace skiff::tunnel

@@ -6,8 +6,8 @@
 #include <utility>
 #include <variant>
 
+#include "common/async_mutex.hpp"
 #include "common/io_runtime.hpp"
-#include "common/one_shot.hpp"
 #include "common/serial_queue.hpp"
 
 namespace usbmuxkit {
@@ -18,7 +18,7 @@ struct UsbMuxService::State {
     DeviceEventHandler deviceEventHandler;
     // Each method waits for the one before it to finish, so a round that blocks on the
     // queue still holds the service as a whole, as its callers expect.
-    skiff::runtime::OneShot<void> previousTurn;
+    skiff::runtime::AsyncMutex turns;
     // Every native call that may block runs here, never on the pool's threads.
     skiff::runtime::SerialQueue queue{"Mox.Harbor.usbmux-service"};
 };
@@ -52,18 +52,6 @@ const char* errorName(UsbMuxService::ErrorCode code) {
     }
     return "unknown";
 }
-
-// Ends a method's turn however the method leaves, its destruction included.
-class Turn {
-public:
-    explicit Turn(skiff::runtime::OneShot<void> mine) : mine_(std::move(mine)) {}
-    ~Turn() { mine_.resume(); }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-private:
-    skiff::runtime::OneShot<void> mine_;
-};
 
 std::string udidText(const char* field, std::size_t size) {
     return std::string(field, strnlen(field, size));
@@ -139,9 +127,7 @@ UsbMuxService& UsbMuxService::shared() {
 }
 
 UsbMuxService::UsbMuxService(asio::any_io_executor executor)
-    : Actor(std::move(executor)), state_(std::make_shared<State>()) {
-    state_->previousTurn.resume();
-}
+    : Actor(std::move(executor)), state_(std::make_shared<State>()) {}
 
 UsbMuxService::~UsbMuxService() {
     bool wasTarget = false;
@@ -181,10 +167,7 @@ void UsbMuxService::deviceEventTrampoline(const ::DeviceEvent* event) {
 
 asio::awaitable<void> UsbMuxService::deliverDeviceEvent(std::shared_ptr<State> state,
                                                         DeviceEvent event) {
-    skiff::runtime::OneShot<void> mine;
-    skiff::runtime::OneShot<void> before = std::exchange(state->previousTurn, mine);
-    co_await before.wait();
-    Turn turn(std::move(mine));
+    auto turn = co_await state->turns.lock();
     if (state->deviceEventHandler) {
         state->deviceEventHandler(event);
     }
@@ -192,10 +175,7 @@ asio::awaitable<void> UsbMuxService::deliverDeviceEvent(std::shared_ptr<State> s
 
 template <class T>
 asio::awaitable<T> UsbMuxService::inTurn(std::shared_ptr<State> state, asio::awaitable<T> body) {
-    skiff::runtime::OneShot<void> mine;
-    skiff::runtime::OneShot<void> before = std::exchange(state->previousTurn, mine);
-    co_await before.wait();
-    Turn turn(std::move(mine));
+    auto turn = co_await state->turns.lock();
     if constexpr (std::is_void_v<T>) {
         co_await std::move(body);
     } else {
