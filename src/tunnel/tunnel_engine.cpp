@@ -88,10 +88,10 @@ void TunnelEngine::failAllPendingNow(const TunnelEngineError& error) {
 
 asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, Bytes payload) {
     auto caller = co_await isolated(doRequest(shared_from_this(), code, std::move(payload)));
-    co_return co_await caller.wait();
+    co_return co_await std::move(caller).wait();
 }
 
-asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(
+asio::awaitable<runtime::OnceReply<TunnelMessage>> TunnelEngine::doRequest(
     std::shared_ptr<TunnelEngine> /*keepAlive*/, std::uint16_t code, Bytes payload) {
     if (!transport_ || role_ != TunnelEndpointRole::client) {
         throw engineError(TunnelEngineError::Case::notBound);
@@ -104,14 +104,14 @@ asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(
     if (!frame) {
         throw engineError(TunnelEngineError::Case::invalidFrame);
     }
-    runtime::OneShot<TunnelMessage> caller;
+    runtime::OnceReply<TunnelMessage> caller;
     registerPending(flow, caller);
     spawnIsolated(sendRequest(shared_from_this(), transport_, flow, std::move(*frame)));
     co_return caller;
 }
 
 void TunnelEngine::registerPending(std::uint32_t flow,
-                                   const runtime::OneShot<TunnelMessage>& caller) {
+                                   const runtime::OnceReply<TunnelMessage>& caller) {
     assertIsolated();
     pendingResponses_.insert_or_assign(flow, caller);
 }

@@ -18,7 +18,7 @@
 
 #include "common/actor.hpp"
 #include "common/bytes.hpp"
-#include "common/one_shot.hpp"
+#include "common/once_reply.hpp"
 #include "tunnel/tunnel_errors.hpp"
 #include "tunnel/tunnel_frame.hpp"
 #include "tunnel/tunnel_transport.hpp"
@@ -80,7 +80,7 @@ private:
     // engine dropped by its owner lives until the calls in progress are done.
 
     asio::awaitable<void> doBind(std::shared_ptr<TunnelEngine> keepAlive, TunnelBinding binding);
-    asio::awaitable<runtime::OneShot<TunnelMessage>> doRequest(
+    asio::awaitable<runtime::OnceReply<TunnelMessage>> doRequest(
         std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code, Bytes payload);
     asio::awaitable<void> doEnqueuePush(std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code,
                                         Bytes payload);
@@ -91,7 +91,7 @@ private:
     void unbindNow();
     void failAllPendingNow(const TunnelEngineError& error);
     void handleFrame(const FrameHeader& header, Bytes payload);
-    void registerPending(std::uint32_t flow, const runtime::OneShot<TunnelMessage>& caller);
+    void registerPending(std::uint32_t flow, const runtime::OnceReply<TunnelMessage>& caller);
 
     asio::awaitable<void> readLoop(std::shared_ptr<TunnelEngine> self, Transport transport,
                                    std::uint64_t binding);
@@ -111,7 +111,7 @@ private:
     TunnelRequestHandler requestHandler_;
     TunnelNotifyHandler notifyHandler_;
     std::uint32_t nextFlowID_ = 1;
-    std::map<std::uint32_t, runtime::OneShot<TunnelMessage>> pendingResponses_;
+    std::map<std::uint32_t, runtime::OnceReply<TunnelMessage>> pendingResponses_;
     std::deque<TunnelMessage> notifyQueue_;
     int handlingRequestCount_ = 0;
     bool isSending_ = false;

@@ -1,7 +1,6 @@
-// IoRuntime, actors, tasks, the serial queue and OneShot.
+// IoRuntime, actors, tasks and the serial queue.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -11,7 +10,7 @@
 #include "common/actor.hpp"
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
-#include "common/one_shot.hpp"
+#include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
 #include "common/serial_queue.hpp"
 #include "common/task.hpp"
@@ -115,39 +114,12 @@ TEST_F(RuntimeTest, SerialQueueDoesNotBlockThePoolWhileAJobBlocks) {
     ASSERT_TRUE(skiff::testing::readyInTime(blocked));
 }
 
-TEST_F(RuntimeTest, OneShotResumesOnceWhicheverSideComesFirst) {
-    OneShot<int> early;
-    EXPECT_TRUE(early.resume(1));
-    EXPECT_FALSE(early.resume(2));
-    EXPECT_EQ(runSync(runtime.executor(), early.wait()), 1);
-
-    OneShot<int> late;
-    auto waiting = asio::co_spawn(runtime.executor(), late.wait(), asio::use_future);
-    std::atomic<int> winners = 0;
-    std::vector<std::thread> racers;
-    for (int i = 0; i < 4; ++i) {
-        racers.emplace_back([&, i] { winners += late.resume(10 + i) ? 1 : 0; });
-    }
-    for (auto& t : racers) {
-        t.join();
-    }
-    EXPECT_FALSE(late.fail(std::runtime_error("too late")));
-    ASSERT_TRUE(skiff::testing::readyInTime(waiting));
-    EXPECT_EQ(winners.load(), 1);
-    EXPECT_GE(waiting.get(), 10);
-
-    OneShot<void> failed;
-    EXPECT_TRUE(failed.fail(std::runtime_error("gone")));
-    EXPECT_TRUE(failed.isDone());
-    EXPECT_THROW(runSync(runtime.executor(), failed.wait()), std::runtime_error);
-}
-
 TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
     IoRuntime runtime(2);
     runtime.start();
     runtime.start();
-    OneShot<void> never;
-    asio::co_spawn(runtime.executor(), never.wait(), asio::detached);
+    OnceReply<void> never;
+    asio::co_spawn(runtime.executor(), OnceReply<void>(never).wait(), asio::detached);
     SerialQueue queue("lifecycle");
     asio::co_spawn(runtime.executor(), queue.run([] { return 1; }), asio::detached);
     runtime.stop();
@@ -158,13 +130,13 @@ TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
 
 TEST_F(RuntimeTest, TaskErrorsAreLoggedNotRethrown) {
     log::LogCapture capture;
-    auto done = std::make_shared<OneShot<void>>();
-    spawnTask(runtime.executor(), [](std::shared_ptr<OneShot<void>> d) -> asio::awaitable<void> {
-        d->resume();
+    OnceReply<void> started;
+    spawnTask(runtime.executor(), [](OnceReply<void> s) -> asio::awaitable<void> {
+        s.resume();
         throw std::runtime_error("escaped");
         co_return;
-    }(done));
-    runSync(runtime.executor(), done->wait());
+    }(started));
+    runSync(runtime.executor(), std::move(started).wait());
     // The log line follows the resume; wait for it without sleeping blindly.
     for (int i = 0; i < 2000 && !capture.contains("escaped"); ++i) {
         std::this_thread::yield();
