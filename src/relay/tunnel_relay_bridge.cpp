@@ -31,23 +31,25 @@ TunnelRelayBridge::TunnelRelayBridge(asio::any_io_executor executor,
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
                                                        Bytes payload) {
-    co_return co_await isolated(doRelay(port, code, std::move(payload)));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doRelay, port, code,
+                    std::move(payload));
 }
 
 asio::awaitable<void> TunnelRelayBridge::unbindAfterFailure(RelayOutcome outcome) {
-    co_await isolated(doUnbindAfterFailure(std::move(outcome)));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doUnbindAfterFailure,
+                    std::move(outcome));
 }
 
 asio::awaitable<void> TunnelRelayBridge::dropBinding() {
-    co_await isolated(doDropBinding());
+    return isolated(shared_from_this(), &TunnelRelayBridge::doDropBinding);
 }
 
 asio::awaitable<void> TunnelRelayBridge::beginExclusiveUse(std::uint16_t port) {
-    co_await isolated(doBeginExclusiveUse(port));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doBeginExclusiveUse, port);
 }
 
 asio::awaitable<void> TunnelRelayBridge::endExclusiveUse(std::uint16_t port) {
-    co_await isolated(doEndExclusiveUse(port));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doEndExclusiveUse, port);
 }
 
 asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code, Bytes payload) {

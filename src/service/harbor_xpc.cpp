@@ -246,7 +246,8 @@ void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64
 }
 
 void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
-    runtime::spawnTask(core_.executor(), speedTestTask(core_.shared_from_this(), std::move(reply)));
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &speedTestTask,
+                       std::move(reply));
 }
 
 void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn reply) {
@@ -269,9 +270,8 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
         throw InvalidArgs("relay selector " + std::to_string(selector) +
                           " outside the frame code range 0-65535");
     }
-    runtime::spawnTask(core_.executor(),
-                       relayTask(core_.shared_from_this(), static_cast<std::uint16_t>(selector),
-                                 std::move(param), std::move(reply)));
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &relayTask,
+                       static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
 }
 
 void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes,

@@ -34,7 +34,7 @@ SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int
 }
 
 asio::awaitable<void> SocketTunnelTransport::send(Bytes data) {
-    return isolated(doSend(std::move(data)));
+    return isolated(shared_from_this(), &SocketTunnelTransport::doSend, std::move(data));
 }
 
 asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
@@ -55,7 +55,7 @@ asio::awaitable<Bytes> SocketTunnelTransport::receive(std::size_t count) {
     if (count > std::numeric_limits<std::uint32_t>::max()) {
         fatalError("receive count over 32 bits");
     }
-    return isolated(doReceive(count));
+    return isolated(shared_from_this(), &SocketTunnelTransport::doReceive, count);
 }
 
 asio::awaitable<Bytes> SocketTunnelTransport::doReceive(std::size_t count) {
@@ -76,7 +76,7 @@ asio::awaitable<Bytes> SocketTunnelTransport::doReceive(std::size_t count) {
 }
 
 asio::awaitable<void> SocketTunnelTransport::close() {
-    return isolated(doClose());
+    return isolated(shared_from_this(), &SocketTunnelTransport::doClose);
 }
 
 asio::awaitable<void> SocketTunnelTransport::doClose() {

@@ -3,6 +3,7 @@
 // the simulated usbmuxd hands to the simulated app).
 
 #include <asio.hpp>
+#include <memory>
 
 #include "common/actor.hpp"
 #include "common/async_mutex.hpp"
@@ -10,7 +11,10 @@
 
 namespace skiff::tunnel {
 
-class SocketTunnelTransport : public TunnelTransport, public runtime::Actor {
+// Held by std::shared_ptr: its bodies hold it while they run.
+class SocketTunnelTransport : public TunnelTransport,
+                              public runtime::Actor,
+                              public std::enable_shared_from_this<SocketTunnelTransport> {
 public:
     // Takes ownership of fd. A descriptor that is not a usable socket makes every
     // call fail with disconnected.

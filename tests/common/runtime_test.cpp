@@ -21,13 +21,20 @@ namespace {
 using skiff::testing::runSync;
 
 // A counter whose increment suspends halfway, so unserialised bodies would lose updates.
-class Counter : public Actor {
+class Counter : public Actor, public std::enable_shared_from_this<Counter> {
 public:
     explicit Counter(asio::any_io_executor executor) : Actor(executor) {}
 
-    asio::awaitable<int> increment() { return isolated(doIncrement()); }
+    asio::awaitable<int> increment() { return isolated(shared_from_this(), &Counter::doIncrement); }
+
+    // Parks on the strand until `release` is resumed.
+    asio::awaitable<void> park(OnceReply<void> release) {
+        return isolated(shared_from_this(), &Counter::doPark, std::move(release));
+    }
 
 private:
+    asio::awaitable<void> doPark(OnceReply<void> release) { co_await std::move(release).wait(); }
+
     asio::awaitable<int> doIncrement() {
         assertIsolated();
         int seen = value_;
@@ -48,7 +55,8 @@ protected:
 };
 
 TEST_F(RuntimeTest, ActorBodiesRunOnStrandAndCallersResumeOnTheirOwnExecutor) {
-    Counter counter(runtime.executor());
+    auto shared = std::make_shared<Counter>(runtime.executor());
+    Counter& counter = *shared;
     auto callerStrand = asio::make_strand(runtime.executor());
     constexpr int kCalls = 200;
     auto task = [&]() -> asio::awaitable<bool> {
@@ -114,6 +122,28 @@ TEST_F(RuntimeTest, SerialQueueDoesNotBlockThePoolWhileAJobBlocks) {
     ASSERT_TRUE(skiff::testing::readyInTime(blocked));
 }
 
+// Bodies that outlive every other reference to their object: each keeps its owner.
+TEST_F(RuntimeTest, SpawnedAndIsolatedBodiesHoldTheirOwnerUntilTheyEnd) {
+    auto counter = std::make_shared<Counter>(runtime.executor());
+    std::weak_ptr<Counter> watch = counter;
+    OnceReply<void> releaseIsolated;
+    OnceReply<void> releaseSpawned;
+    auto isolatedCall =
+        asio::co_spawn(runtime.executor(), counter->park(releaseIsolated), asio::use_future);
+    spawnTask(runtime.executor(), counter, &Counter::park, releaseSpawned);
+    counter.reset();
+
+    EXPECT_FALSE(watch.expired());
+    releaseIsolated.resume();
+    ASSERT_TRUE(skiff::testing::readyInTime(isolatedCall));
+    EXPECT_FALSE(watch.expired());
+    releaseSpawned.resume();
+    for (int i = 0; i < 2000 && !watch.expired(); ++i) {
+        runSync(runtime.executor(), []() -> asio::awaitable<void> { co_return; }());
+    }
+    EXPECT_TRUE(watch.expired());
+}
+
 TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
     IoRuntime runtime(2);
     runtime.start();
@@ -128,14 +158,18 @@ TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
     EXPECT_EQ(runSync(runtime.executor(), []() -> asio::awaitable<int> { co_return 3; }()), 3);
 }
 
+struct Thrower {
+    asio::awaitable<void> run(OnceReply<void> started) {
+        started.resume();
+        throw std::runtime_error("escaped");
+        co_return;
+    }
+};
+
 TEST_F(RuntimeTest, TaskErrorsAreLoggedNotRethrown) {
     log::LogCapture capture;
     OnceReply<void> started;
-    spawnTask(runtime.executor(), [](OnceReply<void> s) -> asio::awaitable<void> {
-        s.resume();
-        throw std::runtime_error("escaped");
-        co_return;
-    }(started));
+    spawnTask(runtime.executor(), std::make_shared<Thrower>(), &Thrower::run, started);
     runSync(runtime.executor(), std::move(started).wait());
     // The log line follows the resume; wait for it without sleeping blindly.
     for (int i = 0; i < 2000 && !capture.contains("escaped"); ++i) {
