@@ -17,10 +17,15 @@ if(SKIFF_FUZZ)
     add_link_options(-fsanitize=address,undefined)
 endif()
 
+# Every asio setting lives here and applies to the whole tree: asio is header-only, so
+# translation units built with different settings would disagree about its types.
+#
 # asio decides between aligned_alloc and operator new by whether a libstdc++ header came
 # before it, so translation units that include <asio.hpp> first and those that do not would
 # free each other's recycled coroutine frames with the wrong function. One choice for all.
 add_compile_definitions(ASIO_DISABLE_STD_ALIGNED_ALLOC)
+# Only the current interface: a deprecated call fails to compile instead of lingering.
+add_compile_definitions(ASIO_NO_DEPRECATED)
 
 # asio coroutines with both compilers.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "sim/sim_phone.hpp"
 #include "support/simulated_phone.hpp"
 #include "tunnel/tunnel_engine.hpp"

@@ -7,7 +7,7 @@
 #include <future>
 #include <stdexcept>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
 #include "tunnel/tunnel_engine.hpp"
 
@@ -68,7 +68,7 @@ static void BM_EngineRoundTrip(benchmark::State& state) {
     auto client = std::make_shared<TunnelEngine>(runtime.executor());
     auto server = std::make_shared<TunnelEngine>(runtime.executor());
     auto bindBoth = [&]() -> asio::awaitable<void> {
-        // Named bindings: GCC 12 destroys class temporaries inside a co_await twice.
+        // Named bindings: the co_await temporaries rule in common/task.hpp.
         TunnelBinding serverBinding{serverSide, TunnelEndpointRole::server, std::nullopt, echo, {}};
         TunnelBinding clientBinding{clientSide, TunnelEndpointRole::client, std::nullopt, {}, {}};
         co_await server->bind(std::move(serverBinding));

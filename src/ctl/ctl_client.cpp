@@ -1,8 +1,10 @@
 #include "ctl/ctl_client.hpp"
 
-#include <atomic>
 #include <chrono>
+#include <exception>
 #include <utility>
+
+#include "common/once_reply.hpp"
 
 namespace skiff::ctl {
 
@@ -14,33 +16,23 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// The reply of one measurement, sent at most once whichever of success or failure comes
-// first.
-class OnceReply {
-public:
-    explicit OnceReply(std::function<void(double)> reply) : reply_(std::move(reply)) {}
-    void operator()(double value) {
-        if (!done_.exchange(true)) {
-            reply_(value);
-        }
-    }
-
-private:
-    std::function<void(double)> reply_;
-    std::atomic<bool> done_{false};
-};
+// The reply of one measurement, sent once whichever of success or failure comes first;
+// a measurement that fails or is lost answers -1.
+runtime::OnceReply<double> measurementReply(std::function<void(double)> reply) {
+    return runtime::OnceReply<double>(reply, [reply](std::exception_ptr) { reply(-1.0); });
+}
 
 // Chunks go out one at a time: the next leaves when the previous one's reply arrives.
 struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
     std::shared_ptr<service::HarborBridgeHostProtocol> host;
-    std::shared_ptr<OnceReply> reply;
+    runtime::OnceReply<double> reply;
     Bytes chunk;
     std::uint64_t remaining = 0;
     Clock::time_point start = Clock::now();
 
     void sendNext() {
         if (remaining == 0) {
-            (*reply)(secondsSince(start));
+            reply.resume(secondsSince(start));
             return;
         }
         --remaining;
@@ -73,23 +65,23 @@ void CtlClient::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> r
 }
 
 void CtlClient::runExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
-    auto once = std::make_shared<OnceReply>(std::move(reply));
-    auto host = makeHost([once] { (*once)(-1.0); });
+    auto once = measurementReply(std::move(reply));
+    auto host = makeHost([once] { once.resume(-1.0); });
     if (!host) {
-        (*once)(-1.0);
+        once.resume(-1.0);
         return;
     }
     const auto start = Clock::now();
-    host->ping(value, [once, start](bool ok) { (*once)(ok ? secondsSince(start) : -1.0); });
+    host->ping(value, [once, start](bool ok) { once.resume(ok ? secondsSince(start) : -1.0); });
 }
 
 void CtlClient::benchmarkSendChunks(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                     std::function<void(double)> reply) {
     auto sender = std::make_shared<ChunkSender>();
-    sender->reply = std::make_shared<OnceReply>(std::move(reply));
-    sender->host = makeHost([reply = sender->reply] { (*reply)(-1.0); });
+    sender->reply = measurementReply(std::move(reply));
+    sender->host = makeHost([once = sender->reply] { once.resume(-1.0); });
     if (!sender->host) {
-        (*sender->reply)(-1.0);
+        sender->reply.resume(-1.0);
         return;
     }
     sender->chunk.assign(chunkSize, 0);

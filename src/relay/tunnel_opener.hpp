@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "common/runtime.hpp"
+#include "common/serial_queue.hpp"
 #include "tunnel/tunnel_transport.hpp"
 
 namespace skiff::relay {

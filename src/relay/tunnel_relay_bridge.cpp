@@ -35,23 +35,25 @@ void TunnelRelayBridge::setPushSink(std::weak_ptr<PushSink> sink) {
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
                                                        Bytes payload) {
-    co_return co_await isolated(doRelay(port, code, std::move(payload)));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doRelay, port, code,
+                    std::move(payload));
 }
 
 asio::awaitable<void> TunnelRelayBridge::unbindAfterFailure(RelayOutcome outcome) {
-    co_await isolated(doUnbindAfterFailure(std::move(outcome)));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doUnbindAfterFailure,
+                    std::move(outcome));
 }
 
 asio::awaitable<void> TunnelRelayBridge::dropBinding() {
-    co_await isolated(doDropBinding());
+    return isolated(shared_from_this(), &TunnelRelayBridge::doDropBinding);
 }
 
 asio::awaitable<void> TunnelRelayBridge::beginExclusiveUse(std::uint16_t port) {
-    co_await isolated(doBeginExclusiveUse(port));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doBeginExclusiveUse, port);
 }
 
 asio::awaitable<void> TunnelRelayBridge::endExclusiveUse(std::uint16_t port) {
-    co_await isolated(doEndExclusiveUse(port));
+    return isolated(shared_from_this(), &TunnelRelayBridge::doEndExclusiveUse, port);
 }
 
 asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code, Bytes payload) {
@@ -117,87 +119,58 @@ asio::awaitable<void> TunnelRelayBridge::doUnbindAfterFailure(RelayOutcome outco
 }
 
 asio::awaitable<void> TunnelRelayBridge::doDropBinding() {
-    // Named: GCC 12 destroys class temporaries inside a co_await twice.
-    const TunnelEngineError gone(TunnelEngineError::Case::disconnected);
-    co_await engine_->failAllPending(gone);
+    co_await engine_->failAllPending(TunnelEngineError(TunnelEngineError::Case::disconnected));
     co_await unbindAndClose();
 }
 
 asio::awaitable<void> TunnelRelayBridge::doBeginExclusiveUse(std::uint16_t port) {
-    while (opening_ || exclusive_) {
-        co_await waitForGate();
-    }
-    exclusive_ = true;
+    auto use = co_await tunnelUse_.lock();
     co_await unbindAndClose();
     co_await opener_->invalidate(port);
+    exclusiveUse_ = std::move(use);
 }
 
 asio::awaitable<void> TunnelRelayBridge::doEndExclusiveUse(std::uint16_t port) {
     co_await opener_->invalidate(port);
-    exclusive_ = false;
-    openGate();
+    exclusiveUse_.unlock();
 }
 
 asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(std::uint16_t port) {
     const std::string key = "relay:" + std::to_string(port);
-    for (;;) {
-        while (opening_ || exclusive_) {
-            co_await waitForGate();
-        }
-        const auto current = co_await engine_->tunnelKey();
-        if (opening_ || exclusive_) {
-            continue;  // someone took the tunnel while we looked
-        }
-        if (current == key) {
-            co_return binding_;
-        }
-        opening_ = true;
-        std::shared_ptr<tunnel::TunnelTransport> transport;
-        try {
-            // Whatever was bound before is dead or for another key: drop it first, since
-            // closing it later would invalidate the fresh tunnel under the same key.
-            co_await unbindAndClose();
-            transport = co_await opener_->open(port);
-            if (transport) {
-                co_await engine_->unbind();
-                tunnel::TunnelBinding binding;
-                binding.transport = transport;
-                binding.role = tunnel::TunnelEndpointRole::client;
-                binding.tunnelKey = key;
-                binding.notifyHandler = [weak = weak_from_this()](std::uint16_t code, Bytes body) {
-                    if (auto self = weak.lock()) {
-                        self->handlePush(code, std::move(body));
-                    }
-                };
-                co_await engine_->bind(std::move(binding));
-                transport_ = transport;
-                ++binding_;
-            }
-        } catch (const std::exception& e) {
-            log::xpc().error("relay tunnel bind failed: %{public}s", e.what());
-            transport = nullptr;
-        }
-        opening_ = false;
-        openGate();
-        if (!transport) {
-            co_return std::nullopt;
-        }
+    auto use = co_await tunnelUse_.lock();
+    const auto current = co_await engine_->tunnelKey();
+    if (current == key) {
         co_return binding_;
     }
-}
-
-asio::awaitable<void> TunnelRelayBridge::waitForGate() {
-    runtime::OneShot<void> turn;
-    gateWaiters_.push_back(turn);
-    co_await turn.wait();
-}
-
-void TunnelRelayBridge::openGate() {
-    auto waiters = std::move(gateWaiters_);
-    gateWaiters_.clear();
-    for (auto& waiter : waiters) {
-        waiter.resume();
+    std::shared_ptr<tunnel::TunnelTransport> transport;
+    try {
+        // Whatever was bound before is dead or for another key: drop it first, since
+        // closing it later would invalidate the fresh tunnel under the same key.
+        co_await unbindAndClose();
+        transport = co_await opener_->open(port);
+        if (transport) {
+            co_await engine_->unbind();
+            tunnel::TunnelBinding binding;
+            binding.transport = transport;
+            binding.role = tunnel::TunnelEndpointRole::client;
+            binding.tunnelKey = key;
+            binding.notifyHandler = [weak = weak_from_this()](std::uint16_t code, Bytes body) {
+                if (auto self = weak.lock()) {
+                    self->handlePush(code, std::move(body));
+                }
+            };
+            co_await engine_->bind(std::move(binding));
+            transport_ = transport;
+            ++binding_;
+        }
+    } catch (const std::exception& e) {
+        log::xpc().error("relay tunnel bind failed: %{public}s", e.what());
+        transport = nullptr;
     }
+    if (!transport) {
+        co_return std::nullopt;
+    }
+    co_return binding_;
 }
 
 asio::awaitable<void> TunnelRelayBridge::unbindAndClose() {

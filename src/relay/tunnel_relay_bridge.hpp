@@ -16,11 +16,11 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
+#include "common/actor.hpp"
+#include "common/async_mutex.hpp"
 #include "common/bridge_messages.hpp"
 #include "common/bytes.hpp"
-#include "common/runtime.hpp"
 #include "relay/tunnel_opener.hpp"
 #include "tunnel/tunnel_engine.hpp"
 
@@ -93,8 +93,6 @@ private:
 
     // Returns the binding serving port, or nothing when the tunnel cannot be opened.
     asio::awaitable<std::optional<std::uint64_t>> ensureBinding(std::uint16_t port);
-    asio::awaitable<void> waitForGate();
-    void openGate();
     asio::awaitable<void> unbindAndClose();
     void handlePush(std::uint16_t code, Bytes body);
     void touchContact();
@@ -108,9 +106,10 @@ private:
     // Strand state.
     std::shared_ptr<tunnel::TunnelTransport> transport_;
     std::uint64_t binding_ = 0;
-    bool opening_ = false;
-    bool exclusive_ = false;
-    std::vector<runtime::OneShot<void>> gateWaiters_;
+    // Held while the tunnel is looked at or opened, and by an exclusive user from
+    // beginExclusiveUse to endExclusiveUse.
+    runtime::AsyncMutex tunnelUse_;
+    runtime::AsyncMutex::Lock exclusiveUse_;
 
     mutable std::mutex contactLock_;
     std::optional<Clock::time_point> lastIOSContact_;

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "common/log.hpp"
-#include "common/runtime.hpp"
+#include "common/task.hpp"
 
 namespace skiff::service {
 
@@ -29,7 +29,7 @@ void BridgeCore::bootstrapUsbMuxIfNeeded() {
         usbMuxBootstrapped_ = true;
     }
     log::xpc().info("bootstrapping UsbMuxService");
-    runtime::spawnTask(collaborators_.executor, startUsbMux());
+    runtime::spawnTask(collaborators_.executor, shared_from_this(), &BridgeCore::startUsbMux);
 }
 
 asio::awaitable<void> BridgeCore::startUsbMux() {
@@ -165,7 +165,8 @@ void BridgeCore::handleUsbDeviceEvent(std::int32_t eventType, const std::string&
     }
     if (eventType == kDeviceRemoved) {
         usbMuxConnection_.reset();
-        runtime::spawnTask(collaborators_.executor, afterDeviceRemoved());
+        runtime::spawnTask(collaborators_.executor, shared_from_this(),
+                           &BridgeCore::afterDeviceRemoved);
     } else {
         usbMuxConnection_ = udid;
         if (auto connected = collaborators_.probe.usbDidConnect) {

@@ -2,13 +2,14 @@
 
 #include <chrono>
 #include <cstdio>
+#include <stdexcept>
 #include <utility>
 
 #include "common/check.hpp"
-#include "common/runtime.hpp"
+#include "common/once_reply.hpp"
+#include "common/task.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
-#include "service/once_reply.hpp"
 #include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::service {
@@ -39,7 +40,7 @@ std::string rateText(double mib, double mbit) {
 }
 
 // Sends the host-to-extension chunks one at a time, each from within the previous reply.
-// It stops, unanswered, once the caller has left: nobody is waiting for the figure.
+// It stops once the caller has left: nobody is waiting for the figure.
 struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
     std::weak_ptr<const Harbor_XPC> caller;
     std::shared_ptr<HarborBridgeClientProtocol> extension;
@@ -47,39 +48,42 @@ struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
     std::uint64_t chunkCount = 0;
     std::uint64_t sent = 0;
     std::chrono::steady_clock::time_point start;
-    std::function<void(double)> reply;
+    runtime::OnceReply<double> once;
 
     void sendNext() {
         extension->benchmarkIngest(chunk, [self = shared_from_this()](std::uint64_t) {
             if (self->caller.expired()) {
                 log::xpc().info("host-to-extension measurement stopped: its caller left");
+                self->once.fail(std::runtime_error("the caller left"));
                 return;
             }
             if (++self->sent < self->chunkCount) {
                 self->sendNext();
             } else {
-                self->reply(secondsSince(self->start));
+                self->once.resume(secondsSince(self->start));
             }
         });
     }
 };
 
 // A call into a client on behalf of a waiting host call: the client's answer or, when the
-// client lets the deadline pass, `failed` answers the caller, whichever comes first.
+// call fails (the client let the deadline pass or left, or the bus refused the call), `failed`
+// answers the caller, whichever comes first. A failed call's reply never comes, so waiting on
+// would only leave the caller to its own time-out.
 template <class T>
 struct Forwarded {
-    OnceReplyHolder<T> once;
+    runtime::OnceReply<T> once;
     std::function<void(const ClientCallFailure&)> onFailure;
 };
 
 template <class T>
 Forwarded<T> forwardWithDeadline(std::function<void(T)> reply, T failed, const char* what) {
-    OnceReplyHolder<T> once(std::move(reply));
+    runtime::OnceReply<T> once(reply, [reply, failed](std::exception_ptr) { reply(failed); });
     return {once, [once, failed, what](const ClientCallFailure& failure) {
                 if (failure.deadlinePassed) {
                     log::xpc().error("%{public}s: the client did not answer in time", what);
-                    once.resume(failed);
                 }
+                once.resume(failed);
             }};
 }
 
@@ -210,9 +214,9 @@ void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64
     sender->chunk.assign(chunkSize, 0);
     sender->chunkCount = chunkCount;
     sender->start = std::chrono::steady_clock::now();
-    sender->reply = [once = forwarded.once](double seconds) { once.resume(seconds); };
+    sender->once = forwarded.once;
     if (chunkCount == 0) {
-        sender->reply(secondsSince(sender->start));
+        sender->once.resume(secondsSince(sender->start));
         return;
     }
     sender->sendNext();
@@ -242,7 +246,8 @@ void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64
 }
 
 void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
-    runtime::spawnTask(core_.executor(), speedTestTask(core_.shared_from_this(), std::move(reply)));
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &speedTestTask,
+                       std::move(reply));
 }
 
 void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn reply) {
@@ -265,9 +270,8 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
         throw InvalidArgs("relay selector " + std::to_string(selector) +
                           " outside the frame code range 0-65535");
     }
-    runtime::spawnTask(core_.executor(),
-                       relayTask(core_.shared_from_this(), static_cast<std::uint16_t>(selector),
-                                 std::move(param), std::move(reply)));
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &relayTask,
+                       static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
 }
 
 void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes,

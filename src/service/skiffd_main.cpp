@@ -13,8 +13,8 @@
 #include <iostream>
 #include <memory>
 
+#include "common/io_runtime.hpp"
 #include "common/log.hpp"
-#include "common/runtime.hpp"
 #include "common/version.hpp"
 #include "relay/tunnel_opener.hpp"
 #include "relay/tunnel_relay_bridge.hpp"

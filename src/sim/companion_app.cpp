@@ -5,6 +5,7 @@
 #include <limits>
 #include <string_view>
 
+#include "common/task.hpp"
 #include "sim/app_framed.hpp"
 #include "sim/app_state.hpp"
 #include "tunnel/tunnel_frame.hpp"
@@ -135,12 +136,12 @@ ControlReply applyFault(CompanionApp::State& state, const AppCommand& command) {
     return ControlReply{};
 }
 
-// Sends through each live framed connection; the data line says how many.
-template <class MakeTask>
-ControlReply toEveryFramedConnection(CompanionApp::State& state, MakeTask makeTask) {
+// Starts a send on each live framed connection; the data line says how many.
+template <class StartSend>
+ControlReply toEveryFramedConnection(CompanionApp::State& state, StartSend startSend) {
     auto connections = liveFramedConnections(state);
     for (const auto& connection : connections) {
-        runtime::spawnTask(state.executor, makeTask(*connection));
+        startSend(*connection);
     }
     ControlReply reply;
     reply.lines.push_back(std::to_string(connections.size()));
@@ -213,7 +214,7 @@ CompanionApp::~CompanionApp() {
 
 PortListener CompanionApp::listener() {
     return [state = state_](std::shared_ptr<AppSocket> socket, const AppConnectionInfo&) {
-        runtime::spawnTask(state->executor, serveConnection(state, std::move(socket)));
+        runtime::spawnTask(state->executor, state, &serveConnection, std::move(socket));
     };
 }
 
@@ -226,7 +227,8 @@ ControlReply CompanionApp::execute(const AppCommand& command) {
         case AppVerb::push: {
             Bytes body(command.text.begin(), command.text.end());
             return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
-                return connection.engine->enqueuePush(command.code, body);
+                runtime::spawnTask(state_->executor, connection.engine,
+                                   &tunnel::TunnelEngine::enqueuePush, command.code, body);
             });
         }
         case AppVerb::flood: {
@@ -234,7 +236,8 @@ ControlReply CompanionApp::execute(const AppCommand& command) {
             auto until =
                 std::chrono::steady_clock::now() + std::chrono::seconds(command.floodSeconds);
             return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
-                return flood(state_, connection.socketTransport, command.code, body, until);
+                runtime::spawnTask(state_->executor, state_, &flood, connection.socketTransport,
+                                   command.code, body, until);
             });
         }
         case AppVerb::fault:
@@ -243,7 +246,7 @@ ControlReply CompanionApp::execute(const AppCommand& command) {
             Bytes bytes = command.injection == AppInjection::unknownFlow ? unknownFlowFrame()
                                                                          : badFrameHeader();
             return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
-                return sendRaw(connection.socketTransport, bytes);
+                runtime::spawnTask(state_->executor, connection.socketTransport, &sendRaw, bytes);
             });
         }
         case AppVerb::received: {

@@ -38,7 +38,6 @@ asio::awaitable<void> ControlServer::serve(asio::local::stream_protocol::socket 
             } else {
                 reply = handler_(std::get<ControlCommand>(parsed));
             }
-            // A named local: GCC 12 destroys class temporaries of a co_await expression twice.
             std::string text = formatControlReply(reply);
             co_await asio::async_write(socket, asio::buffer(text), asio::use_awaitable);
         }

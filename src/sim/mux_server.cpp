@@ -108,8 +108,6 @@ asio::awaitable<void> MuxServer::serve(std::shared_ptr<MuxConnection> connection
                 continue;
             }
             MuxRequest request = decodeMuxRequest(*header, payload);
-            // Replies are named locals: GCC 12 destroys class temporaries of a co_await
-            // expression twice.
             std::vector<uint8_t> reply;
             switch (request.kind) {
                 case MuxRequestKind::listDevices:

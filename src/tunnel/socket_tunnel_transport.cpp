@@ -20,7 +20,6 @@ TunnelTransportError disconnected() {
 
 SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int fd)
     : Actor(executor), socket_(strand()) {
-    previousSend_.resume();
     sockaddr_storage address{};
     socklen_t length = sizeof(address);
     if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -35,13 +34,11 @@ SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int
 }
 
 asio::awaitable<void> SocketTunnelTransport::send(Bytes data) {
-    return isolated(doSend(std::move(data)));
+    return isolated(shared_from_this(), &SocketTunnelTransport::doSend, std::move(data));
 }
 
 asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
-    runtime::OneShot<void> mine;
-    runtime::OneShot<void> before = std::exchange(previousSend_, mine);
-    co_await before.wait();
+    auto turn = co_await sending_.lock();
     asio::error_code error;
     if (!socket_.is_open()) {
         error = asio::error::bad_descriptor;
@@ -49,7 +46,6 @@ asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
         co_await asio::async_write(socket_, asio::buffer(data),
                                    asio::redirect_error(asio::use_awaitable, error));
     }
-    mine.resume();
     if (error) {
         throw disconnected();
     }
@@ -59,7 +55,7 @@ asio::awaitable<Bytes> SocketTunnelTransport::receive(std::size_t count) {
     if (count > std::numeric_limits<std::uint32_t>::max()) {
         fatalError("receive count over 32 bits");
     }
-    return isolated(doReceive(count));
+    return isolated(shared_from_this(), &SocketTunnelTransport::doReceive, count);
 }
 
 asio::awaitable<Bytes> SocketTunnelTransport::doReceive(std::size_t count) {
@@ -80,7 +76,7 @@ asio::awaitable<Bytes> SocketTunnelTransport::doReceive(std::size_t count) {
 }
 
 asio::awaitable<void> SocketTunnelTransport::close() {
-    return isolated(doClose());
+    return isolated(shared_from_this(), &SocketTunnelTransport::doClose);
 }
 
 asio::awaitable<void> SocketTunnelTransport::doClose() {

@@ -3,13 +3,18 @@
 // the simulated usbmuxd hands to the simulated app).
 
 #include <asio.hpp>
+#include <memory>
 
-#include "common/runtime.hpp"
+#include "common/actor.hpp"
+#include "common/async_mutex.hpp"
 #include "tunnel/tunnel_transport.hpp"
 
 namespace skiff::tunnel {
 
-class SocketTunnelTransport : public TunnelTransport, public runtime::Actor {
+// Held by std::shared_ptr: its bodies hold it while they run.
+class SocketTunnelTransport : public TunnelTransport,
+                              public runtime::Actor,
+                              public std::enable_shared_from_this<SocketTunnelTransport> {
 public:
     // Takes ownership of fd. A descriptor that is not a usable socket makes every
     // call fail with disconnected.
@@ -25,9 +30,8 @@ private:
     asio::awaitable<void> doClose();
 
     asio::generic::stream_protocol::socket socket_;
-    // Sends take turns in call order: each waits for the one before it, so whole
-    // buffers never interleave.
-    runtime::OneShot<void> previousSend_;
+    // Sends take turns in call order, so whole buffers never interleave.
+    runtime::AsyncMutex sending_;
 };
 
 }  // namespace skiff::tunnel

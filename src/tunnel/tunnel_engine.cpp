@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "common/io_runtime.hpp"
+
 namespace skiff::tunnel {
 namespace {
 
@@ -14,11 +16,10 @@ TunnelEngineError engineError(TunnelEngineError::Case c) {
 TunnelEngine::TunnelEngine(asio::any_io_executor executor) : Actor(std::move(executor)) {}
 
 asio::awaitable<void> TunnelEngine::bind(TunnelBinding binding) {
-    return isolated(doBind(shared_from_this(), std::move(binding)));
+    return isolated(shared_from_this(), &TunnelEngine::doBind, std::move(binding));
 }
 
-asio::awaitable<void> TunnelEngine::doBind(std::shared_ptr<TunnelEngine> /*keepAlive*/,
-                                           TunnelBinding binding) {
+asio::awaitable<void> TunnelEngine::doBind(TunnelBinding binding) {
     transport_ = std::move(binding.transport);
     role_ = binding.role;
     tunnelKey_ = std::move(binding.tunnelKey);
@@ -33,14 +34,16 @@ void TunnelEngine::start() {
         return;
     }
     reading_ = true;
-    spawnIsolated(readLoop(shared_from_this(), transport_, readBinding_));
+    spawnIsolated(shared_from_this(), &TunnelEngine::readLoop, transport_, readBinding_);
 }
 
 asio::awaitable<void> TunnelEngine::unbind() {
-    return isolated([](std::shared_ptr<TunnelEngine> self) -> asio::awaitable<void> {
-        self->unbindNow();
-        co_return;
-    }(shared_from_this()));
+    return isolated(shared_from_this(), &TunnelEngine::doUnbind);
+}
+
+asio::awaitable<void> TunnelEngine::doUnbind() {
+    unbindNow();
+    co_return;
 }
 
 void TunnelEngine::unbindNow() {
@@ -61,11 +64,10 @@ void TunnelEngine::unbindNow() {
 }
 
 asio::awaitable<void> TunnelEngine::failAllPending(TunnelEngineError error) {
-    return isolated(doFailAllPending(shared_from_this(), error));
+    return isolated(shared_from_this(), &TunnelEngine::doFailAllPending, std::move(error));
 }
 
-asio::awaitable<void> TunnelEngine::doFailAllPending(std::shared_ptr<TunnelEngine> /*keepAlive*/,
-                                                     TunnelEngineError error) {
+asio::awaitable<void> TunnelEngine::doFailAllPending(TunnelEngineError error) {
     failAllPendingNow(error);
     co_return;
 }
@@ -79,12 +81,18 @@ void TunnelEngine::failAllPendingNow(const TunnelEngineError& error) {
 }
 
 asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, Bytes payload) {
-    auto caller = co_await isolated(doRequest(shared_from_this(), code, std::move(payload)));
-    co_return co_await caller.wait();
+    return awaitResponse(
+        isolated(shared_from_this(), &TunnelEngine::doRequest, code, std::move(payload)));
 }
 
-asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(
-    std::shared_ptr<TunnelEngine> /*keepAlive*/, std::uint16_t code, Bytes payload) {
+asio::awaitable<TunnelMessage> TunnelEngine::awaitResponse(
+    asio::awaitable<runtime::OnceReply<TunnelMessage>> registered) {
+    auto caller = co_await std::move(registered);
+    co_return co_await std::move(caller).wait();
+}
+
+asio::awaitable<runtime::OnceReply<TunnelMessage>> TunnelEngine::doRequest(std::uint16_t code,
+                                                                           Bytes payload) {
     if (!transport_ || role_ != TunnelEndpointRole::client) {
         throw engineError(TunnelEngineError::Case::notBound);
     }
@@ -96,20 +104,20 @@ asio::awaitable<runtime::OneShot<TunnelMessage>> TunnelEngine::doRequest(
     if (!frame) {
         throw engineError(TunnelEngineError::Case::invalidFrame);
     }
-    runtime::OneShot<TunnelMessage> caller;
+    runtime::OnceReply<TunnelMessage> caller;
     registerPending(flow, caller);
-    spawnIsolated(sendRequest(shared_from_this(), transport_, flow, std::move(*frame)));
+    spawnIsolated(shared_from_this(), &TunnelEngine::sendRequest, transport_, flow,
+                  std::move(*frame));
     co_return caller;
 }
 
 void TunnelEngine::registerPending(std::uint32_t flow,
-                                   const runtime::OneShot<TunnelMessage>& caller) {
+                                   const runtime::OnceReply<TunnelMessage>& caller) {
     assertIsolated();
     pendingResponses_.insert_or_assign(flow, caller);
 }
 
-asio::awaitable<void> TunnelEngine::sendRequest(std::shared_ptr<TunnelEngine> self,
-                                                Transport transport, std::uint32_t flow,
+asio::awaitable<void> TunnelEngine::sendRequest(Transport transport, std::uint32_t flow,
                                                 Bytes frame) {
     std::exception_ptr failure;
     try {
@@ -121,35 +129,34 @@ asio::awaitable<void> TunnelEngine::sendRequest(std::shared_ptr<TunnelEngine> se
         co_return;
     }
     // Only this caller learns of its failed write; the tunnel stays bound.
-    auto entry = self->pendingResponses_.extract(flow);
+    auto entry = pendingResponses_.extract(flow);
     if (!entry.empty()) {
         entry.mapped().fail(failure);
     }
 }
 
-asio::awaitable<void> TunnelEngine::readLoop(std::shared_ptr<TunnelEngine> self,
-                                             Transport transport, std::uint64_t binding) {
+asio::awaitable<void> TunnelEngine::readLoop(Transport transport, std::uint64_t binding) {
     try {
         for (;;) {
             Bytes header = co_await transport->receive(kFrameHeaderSize);
-            if (binding != self->readBinding_) {
+            if (binding != readBinding_) {
                 co_return;
             }
             FrameHeader parsed = parseFrameHeader(header);
             Bytes payload;
             if (parsed.length != 0) {
                 payload = co_await transport->receive(parsed.length);
-                if (binding != self->readBinding_) {
+                if (binding != readBinding_) {
                     co_return;
                 }
             }
-            self->handleFrame(parsed, std::move(payload));
+            handleFrame(parsed, std::move(payload));
         }
     } catch (...) {
         // Waiting callers learn only that the tunnel is gone, whatever the cause.
     }
-    if (binding == self->readBinding_) {
-        self->failAllPendingNow(engineError(TunnelEngineError::Case::disconnected));
+    if (binding == readBinding_) {
+        failAllPendingNow(engineError(TunnelEngineError::Case::disconnected));
     }
 }
 
@@ -178,21 +185,20 @@ void TunnelEngine::handleFrame(const FrameHeader& header, Bytes payload) {
             throw engineError(TunnelEngineError::Case::invalidFrame);
         }
         ++handlingRequestCount_;
-        spawnIsolated(answerRequest(shared_from_this(), transport_, readBinding_, header.code,
-                                    header.flow, std::move(payload)));
+        spawnIsolated(shared_from_this(), &TunnelEngine::answerRequest, transport_, readBinding_,
+                      header.code, header.flow, std::move(payload));
         return;
     }
     throw engineError(TunnelEngineError::Case::protocolViolation);
 }
 
-asio::awaitable<void> TunnelEngine::answerRequest(std::shared_ptr<TunnelEngine> self,
-                                                  Transport transport, std::uint64_t binding,
+asio::awaitable<void> TunnelEngine::answerRequest(Transport transport, std::uint64_t binding,
                                                   std::uint16_t code, std::uint32_t flow,
                                                   Bytes payload) {
     bool failed = false;
     try {
         TunnelMessage answer{1, {}};
-        if (auto handler = self->requestHandler_) {
+        if (auto handler = requestHandler_) {
             answer = co_await handler(code, std::move(payload));
         }
         auto frame = encodeFrame(FrameKind::response, answer.code, flow, answer.payload);
@@ -204,23 +210,22 @@ asio::awaitable<void> TunnelEngine::answerRequest(std::shared_ptr<TunnelEngine> 
     } catch (...) {
         failed = true;
     }
-    --self->handlingRequestCount_;
-    if (failed && binding == self->readBinding_ && self->transport_) {
-        self->failAllPendingNow(engineError(TunnelEngineError::Case::disconnected));
+    --handlingRequestCount_;
+    if (failed && binding == readBinding_ && transport_) {
+        failAllPendingNow(engineError(TunnelEngineError::Case::disconnected));
     }
     try {
-        co_await self->flushNotifyQueue();
+        co_await flushNotifyQueue();
     } catch (const TunnelEngineError&) {
         // The push in flight is lost; a dead connection is the read loop's to notice.
     }
 }
 
 asio::awaitable<void> TunnelEngine::enqueuePush(std::uint16_t code, Bytes payload) {
-    return isolated(doEnqueuePush(shared_from_this(), code, std::move(payload)));
+    return isolated(shared_from_this(), &TunnelEngine::doEnqueuePush, code, std::move(payload));
 }
 
-asio::awaitable<void> TunnelEngine::doEnqueuePush(std::shared_ptr<TunnelEngine> /*keepAlive*/,
-                                                  std::uint16_t code, Bytes payload) {
+asio::awaitable<void> TunnelEngine::doEnqueuePush(std::uint16_t code, Bytes payload) {
     notifyQueue_.push_back(TunnelMessage{code, std::move(payload)});
     try {
         co_await flushNotifyQueue();
@@ -261,23 +266,27 @@ asio::awaitable<void> TunnelEngine::flushNotifyQueue() {
 }
 
 asio::awaitable<std::optional<std::string>> TunnelEngine::tunnelKey() {
-    return isolated(
-        [](std::shared_ptr<TunnelEngine> self) -> asio::awaitable<std::optional<std::string>> {
-            co_return self->tunnelKey_;
-        }(shared_from_this()));
+    return isolated(shared_from_this(), &TunnelEngine::doTunnelKey);
+}
+
+asio::awaitable<std::optional<std::string>> TunnelEngine::doTunnelKey() {
+    co_return tunnelKey_;
 }
 
 asio::awaitable<std::optional<TunnelEndpointRole>> TunnelEngine::role() {
-    return isolated([](std::shared_ptr<TunnelEngine> self)
-                        -> asio::awaitable<std::optional<TunnelEndpointRole>> {
-        co_return self->role_;
-    }(shared_from_this()));
+    return isolated(shared_from_this(), &TunnelEngine::doRole);
+}
+
+asio::awaitable<std::optional<TunnelEndpointRole>> TunnelEngine::doRole() {
+    co_return role_;
 }
 
 asio::awaitable<int> TunnelEngine::handlingRequestCount() {
-    return isolated([](std::shared_ptr<TunnelEngine> self) -> asio::awaitable<int> {
-        co_return self->handlingRequestCount_;
-    }(shared_from_this()));
+    return isolated(shared_from_this(), &TunnelEngine::doHandlingRequestCount);
+}
+
+asio::awaitable<int> TunnelEngine::doHandlingRequestCount() {
+    co_return handlingRequestCount_;
 }
 
 }  // namespace skiff::tunnel

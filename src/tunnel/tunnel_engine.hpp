@@ -16,8 +16,9 @@
 #include <optional>
 #include <string>
 
+#include "common/actor.hpp"
 #include "common/bytes.hpp"
-#include "common/runtime.hpp"
+#include "common/once_reply.hpp"
 #include "tunnel/tunnel_errors.hpp"
 #include "tunnel/tunnel_frame.hpp"
 #include "tunnel/tunnel_transport.hpp"
@@ -72,31 +73,31 @@ public:
 private:
     using Transport = std::shared_ptr<TunnelTransport>;
 
-    // Bodies run on the strand; each takes the engine's own shared_ptr so that an
-    // engine dropped by its owner lives until the calls in progress are done.
+    // Bodies run on the strand, isolated or spawned with the engine's own shared_ptr as
+    // their owner, so an engine dropped by its owner lives until they are done.
+    asio::awaitable<void> doBind(TunnelBinding binding);
+    asio::awaitable<void> doUnbind();
+    asio::awaitable<runtime::OnceReply<TunnelMessage>> doRequest(std::uint16_t code, Bytes payload);
+    asio::awaitable<void> doEnqueuePush(std::uint16_t code, Bytes payload);
+    asio::awaitable<void> doFailAllPending(TunnelEngineError error);
+    asio::awaitable<std::optional<std::string>> doTunnelKey();
+    asio::awaitable<std::optional<TunnelEndpointRole>> doRole();
+    asio::awaitable<int> doHandlingRequestCount();
+    asio::awaitable<void> readLoop(Transport transport, std::uint64_t binding);
+    asio::awaitable<void> sendRequest(Transport transport, std::uint32_t flow, Bytes frame);
+    asio::awaitable<void> answerRequest(Transport transport, std::uint64_t binding,
+                                        std::uint16_t code, std::uint32_t flow, Bytes payload);
+    asio::awaitable<void> flushNotifyQueue();
 
-    asio::awaitable<void> doBind(std::shared_ptr<TunnelEngine> keepAlive, TunnelBinding binding);
-    asio::awaitable<runtime::OneShot<TunnelMessage>> doRequest(
-        std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code, Bytes payload);
-    asio::awaitable<void> doEnqueuePush(std::shared_ptr<TunnelEngine> keepAlive, std::uint16_t code,
-                                        Bytes payload);
-    asio::awaitable<void> doFailAllPending(std::shared_ptr<TunnelEngine> keepAlive,
-                                           TunnelEngineError error);
+    // Waits off the strand for the response that doRequest registered.
+    static asio::awaitable<TunnelMessage> awaitResponse(
+        asio::awaitable<runtime::OnceReply<TunnelMessage>> registered);
 
     void start();
     void unbindNow();
     void failAllPendingNow(const TunnelEngineError& error);
     void handleFrame(const FrameHeader& header, Bytes payload);
-    void registerPending(std::uint32_t flow, const runtime::OneShot<TunnelMessage>& caller);
-
-    asio::awaitable<void> readLoop(std::shared_ptr<TunnelEngine> self, Transport transport,
-                                   std::uint64_t binding);
-    asio::awaitable<void> sendRequest(std::shared_ptr<TunnelEngine> self, Transport transport,
-                                      std::uint32_t flow, Bytes frame);
-    asio::awaitable<void> answerRequest(std::shared_ptr<TunnelEngine> self, Transport transport,
-                                        std::uint64_t binding, std::uint16_t code,
-                                        std::uint32_t flow, Bytes payload);
-    asio::awaitable<void> flushNotifyQueue();
+    void registerPending(std::uint32_t flow, const runtime::OnceReply<TunnelMessage>& caller);
 
     Transport transport_;
     std::optional<TunnelEndpointRole> role_;
@@ -107,7 +108,7 @@ private:
     TunnelRequestHandler requestHandler_;
     TunnelNotifyHandler notifyHandler_;
     std::uint32_t nextFlowID_ = 1;
-    std::map<std::uint32_t, runtime::OneShot<TunnelMessage>> pendingResponses_;
+    std::map<std::uint32_t, runtime::OnceReply<TunnelMessage>> pendingResponses_;
     std::deque<TunnelMessage> notifyQueue_;
     int handlingRequestCount_ = 0;
     bool isSending_ = false;

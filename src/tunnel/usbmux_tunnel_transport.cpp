@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 
 #include "common/check.hpp"
 #include "tunnel/tunnel_errors.hpp"
@@ -26,8 +27,7 @@ UsbMuxTunnelTransport::UsbMuxTunnelTransport(tunnel_id tunnel)
 
 asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes data) {
     // An empty buffer still reaches the native layer, which ensures the tunnel.
-    // Jobs are named locals: GCC 12 mishandles a lambda temporary with init-captures
-    // inside a co_await expression.
+    // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
     auto write = [tunnel = tunnel_, data = std::move(data)] {
         return usbmux_tunnel_send(tunnel, data.data(), static_cast<std::uint32_t>(data.size()));
     };

@@ -7,7 +7,7 @@
 #include <asio.hpp>
 #include <string>
 
-#include "common/runtime.hpp"
+#include "common/serial_queue.hpp"
 #include "tunnel/tunnel_transport.hpp"
 #include "usbmuxkit/usbmux_flat.h"
 

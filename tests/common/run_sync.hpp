@@ -11,8 +11,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "common/runtime.hpp"
-
 namespace skiff::testing {
 
 inline constexpr auto kWaitLimit = std::chrono::seconds(20);

@@ -23,7 +23,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "common/shared_memory.hpp"
 #include "dbus/support/test_bus.hpp"
 #include "service/dbus/bus_connection.hpp"

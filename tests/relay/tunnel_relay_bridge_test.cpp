@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
 #include "relay/relay_fakes.hpp"
 #include "relay/tunnel_relay_bridge.hpp"

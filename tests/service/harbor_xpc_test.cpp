@@ -8,6 +8,7 @@
 #include <string>
 #include <tuple>
 
+#include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
@@ -180,11 +181,11 @@ TEST_F(HarborXpcTest, SpeedTestKeepsTheRelayOffItsConnection) {
     opener->answer(0, 0, {});
     ASSERT_EQ(statusOf(std::move(first)), 0);
 
-    runtime::OneShot<void> roundMayEnd;
+    runtime::OnceReply<void> roundMayEnd;
     std::promise<void> roundRunning;
     usbMux->duringRound = [&]() -> asio::awaitable<void> {
         roundRunning.set_value();
-        co_await roundMayEnd.wait();
+        co_await runtime::OnceReply<void>(roundMayEnd).wait();
     };
     auto done = speedTest(*extension);
     auto running = roundRunning.get_future();

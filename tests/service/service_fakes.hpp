@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "common/bridge_protocols.hpp"
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "service/bridge_core.hpp"
 #include "service/service_delegate.hpp"
 #include "service/usbmux_link.hpp"

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
-#include "common/runtime.hpp"
 #include "sim/sim_phone.hpp"
 #include "support/simulated_phone.hpp"
 #include "usbmuxkit/usbmux_flat.h"

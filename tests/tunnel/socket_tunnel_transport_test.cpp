@@ -5,6 +5,7 @@
 #include <future>
 #include <vector>
 
+#include "common/io_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {

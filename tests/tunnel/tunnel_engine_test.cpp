@@ -4,6 +4,7 @@
 
 #include <future>
 
+#include "common/io_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {
@@ -127,12 +128,12 @@ TEST_F(TunnelEngineTest, PushesReachTheHandlerOrAreDroppedWithoutHarm) {
     ASSERT_TRUE(readyInTime(after));
     EXPECT_NO_THROW(after.get());
 
-    runtime::OneShot<TunnelMessage> delivered;
+    runtime::OnceReply<TunnelMessage> delivered;
     bind(TunnelEndpointRole::client, nullptr, [delivered](std::uint16_t code, Bytes payload) {
-        runtime::OneShot<TunnelMessage>(delivered).resume(TunnelMessage{code, std::move(payload)});
+        delivered.resume(TunnelMessage{code, std::move(payload)});
     });
     peer->writeFrame(FrameKind::push, 4, 9, text("item"));
-    TunnelMessage push = runSync(runtime.executor(), delivered.wait());
+    TunnelMessage push = runSync(runtime.executor(), std::move(delivered).wait());
     EXPECT_EQ(push.code, 4);
     EXPECT_EQ(push.payload, text("item"));
 }
@@ -212,18 +213,18 @@ TEST_F(TunnelEngineTest, ServerAnswersThroughItsHandlerOrWithCodeOne) {
 }
 
 TEST_F(TunnelEngineTest, ServerHoldsPushesUntilRequestsInHandAreAnswered) {
-    runtime::OneShot<void> entered;
-    runtime::OneShot<void> gate;
+    runtime::OnceReply<void> entered;
+    runtime::OnceReply<void> gate;
     bind(TunnelEndpointRole::server, [entered, gate](std::uint16_t, Bytes) {
-        return [](runtime::OneShot<void> in,
-                  runtime::OneShot<void> g) -> asio::awaitable<TunnelMessage> {
+        return [](runtime::OnceReply<void> in,
+                  runtime::OnceReply<void> g) -> asio::awaitable<TunnelMessage> {
             in.resume();
-            co_await g.wait();
+            co_await std::move(g).wait();
             co_return TunnelMessage{0, Bytes{'r'}};
         }(entered, gate);
     });
     peer->writeFrame(FrameKind::request, 1, 5);
-    runSync(runtime.executor(), entered.wait());
+    runSync(runtime.executor(), runtime::OnceReply<void>(entered).wait());
     EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 1);
     runSync(runtime.executor(), engine->enqueuePush(77, text("held")));
     gate.resume();

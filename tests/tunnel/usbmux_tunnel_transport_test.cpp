@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "common/io_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {

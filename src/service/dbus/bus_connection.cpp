@@ -72,7 +72,10 @@ void BusConnection::start(std::function<void()> onLost) {
         started_ = true;
         const int fd = sd_bus_get_fd(bus_);
         asio::error_code ec;
-        if (fd < 0 || descriptor_.assign(fd, ec)) {
+        if (fd >= 0) {
+            descriptor_.assign(fd, ec);
+        }
+        if (fd < 0 || ec) {
             log::xpc().error("bus descriptor cannot be watched");
             lost();
         }

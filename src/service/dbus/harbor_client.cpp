@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <tuple>
 
-#include "common/runtime.hpp"
+#include "common/io_runtime.hpp"
 #include "service/dbus/bus_calls.hpp"
 #include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_names.hpp"

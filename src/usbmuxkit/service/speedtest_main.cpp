@@ -7,6 +7,7 @@
 #include <future>
 
 #include "common/bridge_messages.hpp"
+#include "common/io_runtime.hpp"
 #include "usbmuxkit/service/usbmux_service.hpp"
 
 int main(int argc, char** argv) {

@@ -2,19 +2,34 @@
 
 #include <cstring>
 #include <optional>
-#include <type_traits>
 #include <utility>
 #include <variant>
 
+#include "common/async_mutex.hpp"
+#include "common/io_runtime.hpp"
+#include "common/serial_queue.hpp"
+
 namespace usbmuxkit {
 
-struct UsbMuxService::State {
-    // Touched only on the service's strand.
+// The bodies run on the service's strand, each in its turn.
+struct UsbMuxService::State : std::enable_shared_from_this<State> {
+    explicit State(Strand s) : strand(std::move(s)) {}
+
+    asio::awaitable<void> start();
+    asio::awaitable<void> shutdown();
+    asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler);
+    asio::awaitable<SpeedTestRound> runSpeedTestRound(std::uint16_t port,
+                                                      std::uint64_t payloadBytes);
+    asio::awaitable<void> deliverDeviceEvent(DeviceEvent event);
+    void registerTrampoline();
+
+    const Strand strand;
+    // Touched only on the strand.
     bool started = false;
     DeviceEventHandler deviceEventHandler;
-    // Each method waits for the one before it to finish, so a round that blocks on the
+    // Each body waits for the one before it to finish, so a round that blocks on the
     // queue still holds the service as a whole, as its callers expect.
-    skiff::runtime::OneShot<void> previousTurn;
+    skiff::runtime::AsyncMutex turns;
     // Every native call that may block runs here, never on the pool's threads.
     skiff::runtime::SerialQueue queue{"Mox.Harbor.usbmux-service"};
 };
@@ -48,18 +63,6 @@ const char* errorName(UsbMuxService::ErrorCode code) {
     }
     return "unknown";
 }
-
-// Ends a method's turn however the method leaves, its destruction included.
-class Turn {
-public:
-    explicit Turn(skiff::runtime::OneShot<void> mine) : mine_(std::move(mine)) {}
-    ~Turn() { mine_.resume(); }
-    Turn(const Turn&) = delete;
-    Turn& operator=(const Turn&) = delete;
-
-private:
-    skiff::runtime::OneShot<void> mine_;
-};
 
 std::string udidText(const char* field, std::size_t size) {
     return std::string(field, strnlen(field, size));
@@ -130,9 +133,7 @@ double UsbMuxService::ThroughputResult::mbitPerSecond() const {
 }
 
 UsbMuxService::UsbMuxService(asio::any_io_executor executor)
-    : Actor(std::move(executor)), state_(std::make_shared<State>()) {
-    state_->previousTurn.resume();
-}
+    : Actor(std::move(executor)), state_(std::make_shared<State>(strand())) {}
 
 UsbMuxService::~UsbMuxService() {
     bool wasTarget = false;
@@ -166,104 +167,90 @@ void UsbMuxService::deviceEventTrampoline(const ::DeviceEvent* event) {
     if (!state || !target.strand) {
         return;
     }
-    skiff::runtime::spawnTask(*target.strand,
-                              deliverDeviceEvent(std::move(state), std::move(copy)));
+    skiff::runtime::spawnTask(*target.strand, std::move(state), &State::deliverDeviceEvent,
+                              std::move(copy));
 }
 
-asio::awaitable<void> UsbMuxService::deliverDeviceEvent(std::shared_ptr<State> state,
-                                                        DeviceEvent event) {
-    skiff::runtime::OneShot<void> mine;
-    skiff::runtime::OneShot<void> before = std::exchange(state->previousTurn, mine);
-    co_await before.wait();
-    Turn turn(std::move(mine));
-    if (state->deviceEventHandler) {
-        state->deviceEventHandler(event);
+asio::awaitable<void> UsbMuxService::State::deliverDeviceEvent(DeviceEvent event) {
+    auto turn = co_await turns.lock();
+    if (deviceEventHandler) {
+        deviceEventHandler(event);
     }
 }
 
-template <class T>
-asio::awaitable<T> UsbMuxService::inTurn(std::shared_ptr<State> state, asio::awaitable<T> body) {
-    skiff::runtime::OneShot<void> mine;
-    skiff::runtime::OneShot<void> before = std::exchange(state->previousTurn, mine);
-    co_await before.wait();
-    Turn turn(std::move(mine));
-    if constexpr (std::is_void_v<T>) {
-        co_await std::move(body);
-    } else {
-        co_return co_await std::move(body);
-    }
-}
-
-void UsbMuxService::registerTrampoline() {
+void UsbMuxService::State::registerTrampoline() {
     {
         auto& target = eventTarget();
         std::lock_guard lock(target.mutex);
-        target.state = state_;
-        target.strand = strand();
+        target.state = weak_from_this();
+        target.strand = strand;
     }
     usbmux_mgr_set_device_event_callback(&deviceEventTrampoline);
 }
 
 asio::awaitable<void> UsbMuxService::start() {
-    return isolated(inTurn(state_, doStart()));
+    return isolated(state_, &State::start);
 }
 
-asio::awaitable<void> UsbMuxService::doStart() {
-    if (state_->started) {
+asio::awaitable<void> UsbMuxService::State::start() {
+    auto turn = co_await turns.lock();
+    if (started) {
         co_return;
     }
     // Registered before the manager starts as well as after: the library announces the
     // devices already present as soon as it subscribes, and a shutdown cleared the
     // manager's callback, so registering only afterwards could miss those announcements.
-    if (state_->deviceEventHandler) {
+    if (deviceEventHandler) {
         registerTrampoline();
     }
-    const bool ok = co_await state_->queue.run([] { return usbmux_mgr_start(); });
+    const bool ok = co_await queue.run([] { return usbmux_mgr_start(); });
     if (!ok) {
         throw Error(ErrorCode::startFailed);
     }
-    state_->started = true;
-    if (state_->deviceEventHandler) {
+    started = true;
+    if (deviceEventHandler) {
         registerTrampoline();
     }
 }
 
 asio::awaitable<void> UsbMuxService::shutdown() {
-    return isolated(inTurn(state_, doShutdown()));
+    return isolated(state_, &State::shutdown);
 }
 
-asio::awaitable<void> UsbMuxService::doShutdown() {
+asio::awaitable<void> UsbMuxService::State::shutdown() {
+    auto turn = co_await turns.lock();
     usbmux_mgr_set_device_event_callback(nullptr);
-    co_await state_->queue.run([] { usbmux_mgr_shutdown(); });
-    state_->started = false;
+    co_await queue.run([] { usbmux_mgr_shutdown(); });
+    started = false;
 }
 
 asio::awaitable<void> UsbMuxService::setDeviceEventHandler(DeviceEventHandler handler) {
-    return isolated(inTurn(state_, doSetDeviceEventHandler(std::move(handler))));
+    return isolated(state_, &State::setDeviceEventHandler, std::move(handler));
 }
 
-asio::awaitable<void> UsbMuxService::doSetDeviceEventHandler(DeviceEventHandler handler) {
-    state_->deviceEventHandler = std::move(handler);
-    if (state_->deviceEventHandler) {
+asio::awaitable<void> UsbMuxService::State::setDeviceEventHandler(DeviceEventHandler handler) {
+    auto turn = co_await turns.lock();
+    deviceEventHandler = std::move(handler);
+    if (deviceEventHandler) {
         registerTrampoline();
     } else {
         usbmux_mgr_set_device_event_callback(nullptr);
     }
-    co_return;
 }
 
 asio::awaitable<UsbMuxService::SpeedTestRound> UsbMuxService::runSpeedTestRound(
     std::uint16_t port, std::uint64_t payloadBytes) {
-    return isolated(inTurn(state_, doRunSpeedTestRound(port, payloadBytes)));
+    return isolated(state_, &State::runSpeedTestRound, port, payloadBytes);
 }
 
-asio::awaitable<UsbMuxService::SpeedTestRound> UsbMuxService::doRunSpeedTestRound(
+asio::awaitable<UsbMuxService::SpeedTestRound> UsbMuxService::State::runSpeedTestRound(
     std::uint16_t port, std::uint64_t payloadBytes) {
-    if (!state_->started) {
+    auto turn = co_await turns.lock();
+    if (!started) {
         throw Error(ErrorCode::notStarted);
     }
-    RoundOutcome outcome = co_await state_->queue.run(
-        [port, payloadBytes] { return measureRound(port, payloadBytes); });
+    RoundOutcome outcome =
+        co_await queue.run([port, payloadBytes] { return measureRound(port, payloadBytes); });
     if (auto* code = std::get_if<ErrorCode>(&outcome)) {
         throw Error(*code);
     }

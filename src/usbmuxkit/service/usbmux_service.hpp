@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "common/runtime.hpp"
+#include "common/actor.hpp"
 #include "usbmuxkit/usbmux_flat.h"
 
 namespace usbmuxkit {
@@ -80,20 +80,9 @@ private:
     static EventTarget& eventTarget();
     // Runs on the native event thread.
     static void deviceEventTrampoline(const ::DeviceEvent* event);
-    static asio::awaitable<void> deliverDeviceEvent(std::shared_ptr<State> state,
-                                                    DeviceEvent event);
-    // Runs body once every method that came before it has finished.
-    template <class T>
-    static asio::awaitable<T> inTurn(std::shared_ptr<State> state, asio::awaitable<T> body);
 
-    void registerTrampoline();
-    asio::awaitable<void> doStart();
-    asio::awaitable<void> doShutdown();
-    asio::awaitable<void> doSetDeviceEventHandler(DeviceEventHandler handler);
-    asio::awaitable<SpeedTestRound> doRunSpeedTestRound(std::uint16_t port,
-                                                        std::uint64_t payloadBytes);
-
-    // Shared with the tasks that deliver device events, which may outlive the service.
+    // The service's state and the bodies of its methods, which hold it while they run;
+    // so do the tasks that deliver device events, which may outlive the service.
     std::shared_ptr<State> state_;
 };
 
