@@ -16,8 +16,8 @@ namespace fs = std::filesystem;
 
 // Lowest first. Programs share the top.
 const std::map<std::string, int> kLayers = {
-    {"common", 0}, {"usbmuxkit", 1}, {"tunnel", 2},  {"relay", 3}, {"transfer", 4},
-    {"mount", 5},  {"service", 6},   {"volume", 7},  {"ctl", 8},   {"sim", 8},
+    {"common", 0}, {"usbmuxkit", 1}, {"tunnel", 2}, {"relay", 3}, {"transfer", 4},
+    {"mount", 5},  {"service", 6},   {"volume", 7}, {"ctl", 8},   {"sim", 8},
 };
 
 std::vector<std::string> upwardIncludes(const fs::path& root) {

@@ -43,8 +43,7 @@ TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
     EXPECT_TRUE(parsed("fault status 0").app.on);
     EXPECT_FALSE(parsed("fault delay 0").app.on);
     EXPECT_EQ(parsed("fault fail-chunk 3").app.chunk, 3u);
-    EXPECT_EQ(parsed("fault drop-at-chunk 18446744073709551615").app.fault,
-              AppFault::dropAtChunk);
+    EXPECT_EQ(parsed("fault drop-at-chunk 18446744073709551615").app.fault, AppFault::dropAtChunk);
     EXPECT_FALSE(parsed("fault drop-at-chunk off").app.on);
 }
 
