@@ -1,5 +1,6 @@
 #include "service/bridge_core.hpp"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/log.hpp"
@@ -164,11 +165,21 @@ void BridgeCore::handleUsbDeviceEvent(std::int32_t eventType, const std::string&
         observer_->deviceChanged(udid, eventType != kDeviceRemoved);
     }
     if (eventType == kDeviceRemoved) {
-        usbMuxConnection_.reset();
+        std::erase(attached_, udid);
+        // The relay's tunnel may have been to that phone; the next relay opens one to a
+        // phone still there.
+        const bool noneLeft = attached_.empty();
+        usbMuxConnection_ = noneLeft ? std::nullopt : std::optional(attached_.front());
         runtime::spawnTask(collaborators_.executor, shared_from_this(),
-                           &BridgeCore::afterDeviceRemoved);
+                           &BridgeCore::afterDeviceRemoved, noneLeft);
+        if (!noneLeft) {
+            return;
+        }
     } else {
-        usbMuxConnection_ = udid;
+        if (std::find(attached_.begin(), attached_.end(), udid) == attached_.end()) {
+            attached_.push_back(udid);
+        }
+        usbMuxConnection_ = attached_.front();
         if (auto connected = collaborators_.probe.usbDidConnect) {
             asio::post(collaborators_.executor, std::move(connected));
         }
@@ -176,11 +187,11 @@ void BridgeCore::handleUsbDeviceEvent(std::int32_t eventType, const std::string&
     broadcastBridgeState(kUsbMux, guard);
 }
 
-asio::awaitable<void> BridgeCore::afterDeviceRemoved() {
+asio::awaitable<void> BridgeCore::afterDeviceRemoved(bool noneLeft) {
     if (auto bridge = collaborators_.relayBridge) {
         co_await bridge->dropBinding();
     }
-    if (collaborators_.probe.usbDidDisconnect) {
+    if (noneLeft && collaborators_.probe.usbDidDisconnect) {
         collaborators_.probe.usbDidDisconnect();
     }
 }

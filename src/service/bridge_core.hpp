@@ -15,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "common/bridge_messages.hpp"
 #include "common/bridge_protocols.hpp"
@@ -84,7 +85,7 @@ private:
     void tellObservers(BridgeNotifyMessage message, const Bytes& param) const;
     void sendToRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const;
     asio::awaitable<void> startUsbMux();
-    asio::awaitable<void> afterDeviceRemoved();
+    asio::awaitable<void> afterDeviceRemoved(bool noneLeft);
 
     BridgeCollaborators collaborators_;
     asio::strand<asio::any_io_executor> mainActor_;
@@ -93,6 +94,8 @@ private:
     std::map<const HarborBridgeHostProtocol*, std::shared_ptr<ClientConnection>> pendingByHost_;
     std::map<std::int64_t, std::shared_ptr<ClientConnection>> byRole_;
     bool usbMuxBootstrapped_ = false;
+    // Phones attached, in the order they came; usbMuxConnection_ names the first.
+    std::vector<std::string> attached_;
     std::optional<std::string> usbMuxConnection_;
     std::shared_ptr<BridgeObserver> observer_;
 };

@@ -4,6 +4,7 @@
 
 #include <vector>
 
+#include "common/run_sync.hpp"
 #include "e2e/service_stack.hpp"
 #include "relay/relay_schema.hpp"
 
@@ -115,6 +116,28 @@ TEST_F(BridgeE2eTest, SpeedTestReportsTheDevice) {
     EXPECT_NE(text.find(" ms\nDownload: "), std::string::npos) << text;
     EXPECT_NE(text.find(" MiB/s ("), std::string::npos) << text;
     EXPECT_NE(text.find("\nUpload: "), std::string::npos) << text;
+}
+
+TEST_F(BridgeE2eTest, WithTwoPhonesEitherCanLeaveAndRelaysGoOn) {
+    const std::string second = "SIM-E2E-0002";
+    stack_.phone().attach(second);
+    auto extension = registerWithPhone(stack_, kFileProvider);
+    const auto relayWorks = [&] {
+        return skiff::testing::eventually([&] {
+            return extension.client->relayToUsbMux(kLookup, lookupBody("Documents/notes.txt"))
+                       .status == 0;
+        });
+    };
+    ASSERT_TRUE(relayWorks());
+    for (const std::string& leaving : {std::string(ServiceStack::kDevice), second}) {
+        const auto mark = extension.recorder->count();
+        stack_.phone().detach(leaving);
+        EXPECT_TRUE(relayWorks()) << leaving << " left";
+        stack_.phone().attach(leaving);
+        EXPECT_FALSE(
+            extension.recorder->waitForState({2, false}, mark, std::chrono::milliseconds(0)))
+            << "the link was reported gone while a phone stayed";
+    }
 }
 
 }  // namespace

@@ -142,6 +142,26 @@ TEST_F(BridgeCoreTest, ClientsHearWhoIsThereAndWhatThePhoneDoes) {
         *app, {kExtensionPresent, kPhoneGone, kPhonePresent, kPhoneGone, kExtensionGone}));
 }
 
+TEST_F(BridgeCoreTest, WithSeveralPhonesTheLinkStaysUntilTheLastLeaves) {
+    auto app = connect();
+    ASSERT_TRUE(registerAs(*app, HarborBridgeClientRole::desktopApp));
+    ASSERT_TRUE(receivedInOrder(*app, {kExtensionGone, kPhoneGone}));
+    for (const char* leavesFirst : {"PHONE-A", "PHONE-B"}) {
+        core->handleUsbDeviceEvent(1, "PHONE-A");
+        core->handleUsbDeviceEvent(1, "PHONE-B");
+        EXPECT_EQ(core->usbMuxConnection(), "PHONE-A");
+        core->handleUsbDeviceEvent(2, leavesFirst);
+        const char* stays = std::string(leavesFirst) == "PHONE-A" ? "PHONE-B" : "PHONE-A";
+        EXPECT_EQ(core->usbMuxConnection(), stays);
+        core->handleUsbDeviceEvent(2, stays);
+        EXPECT_EQ(core->usbMuxConnection(), std::nullopt);
+    }
+    // "Gone" only when the last phone left, each time.
+    EXPECT_TRUE(receivedInOrder(*app, {kExtensionGone, kPhoneGone, kPhonePresent, kPhonePresent,
+                                       kPhoneGone, kPhonePresent, kPhonePresent, kPhoneGone}));
+    EXPECT_TRUE(eventually([&] { return probeDisconnects == 2; }));
+}
+
 TEST_F(BridgeCoreTest, UsbLayerStartsOnceAndAFailedStartIsNotRetried) {
     log::LogCapture logs;
     usbMux->failStart = true;
