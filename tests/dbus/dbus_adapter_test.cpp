@@ -25,6 +25,7 @@
 
 #include "common/io_runtime.hpp"
 #include "common/shared_memory.hpp"
+#include "dbus/support/bus_errors.hpp"
 #include "dbus/support/test_bus.hpp"
 #include "service/dbus/bus_connection.hpp"
 #include "service/dbus/bus_names.hpp"
@@ -60,15 +61,7 @@ private:
     std::map<std::string, int> counts_;
 };
 
-template <class Call>
-std::string busErrorOf(Call&& call) {
-    try {
-        call();
-    } catch (const BusError& e) {
-        return e.name();
-    }
-    return "no error";
-}
+using skiff::testing::busErrorOf;
 
 constexpr std::int64_t kMinI = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t kMaxI = std::numeric_limits<std::int64_t>::max();

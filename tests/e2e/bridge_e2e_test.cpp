@@ -19,10 +19,6 @@ constexpr std::int64_t kFileProvider = 0;
 constexpr std::int64_t kDesktopApp = 1;
 constexpr std::int64_t kLookup = 2;
 
-Bytes lookupBody(const std::string& identifier) {
-    return json::encode(RelayLookupRequest{identifier, RelayLookupSource::fsLookupByName}).value();
-}
-
 class BridgeE2eTest : public ::testing::Test {
 protected:
     ServiceStack stack_{writeNotes};

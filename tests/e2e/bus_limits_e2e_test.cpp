@@ -11,7 +11,9 @@
 #include <iostream>
 #include <string>
 
+#include "common/run_sync.hpp"
 #include "common/shared_memory.hpp"
+#include "dbus/support/bus_errors.hpp"
 #include "e2e/service_stack.hpp"
 #include "relay/relay_schema.hpp"
 #include "service/dbus/bus_names.hpp"
@@ -28,21 +30,7 @@ constexpr std::int64_t kDesktopApp = 1;
 constexpr std::int64_t kLookup = 2;
 constexpr std::uint64_t kBusArrayLimit = 64ull * 1024 * 1024;
 
-Bytes lookupBody(const std::string& identifier) {
-    return json::encode(
-               relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsLookupByName})
-        .value();
-}
-
-template <class Call>
-std::string busErrorOf(Call&& call) {
-    try {
-        call();
-    } catch (const BusError& e) {
-        return e.name();
-    }
-    return "no error";
-}
+using skiff::testing::busErrorOf;
 
 // A file provider that never answers the calls it is made to wait on, and counts the rest.
 class SilentExtension final : public service::HarborBridgeClientProtocol {
@@ -118,11 +106,7 @@ TEST(BusLimitsE2eTest, AMeasurementLoopStopsWhenItsCallerLeaves) {
         ASSERT_TRUE(desktop->registerClient(kDesktopApp));
         auto host = desktop->host([](const BusError&) {});
         host->requestHostToExtThroughput(1024, 9'000'000'000'000'000'000ull, [](double) {});
-        const auto start = std::chrono::steady_clock::now();
-        while (silent->ingested < 10 && std::chrono::steady_clock::now() - start < kE2eWait) {
-            std::this_thread::yield();
-        }
-        ASSERT_GE(silent->ingested, 10u);
+        ASSERT_TRUE(skiff::testing::eventually([&] { return silent->ingested >= 10; }));
     }
     EXPECT_TRUE(stack.service().waitForOutput("stopped: its caller left", kE2eWait));
 }

@@ -7,6 +7,7 @@
 
 #include "common/json.hpp"
 #include "ctl/ctl_client.hpp"
+#include "relay/relay_schema.hpp"
 
 namespace skiff::test {
 
@@ -97,6 +98,12 @@ std::unique_ptr<service::dbus::HarborClient> ServiceStack::connect(
 std::vector<std::string> ServiceStack::environment() const {
     return {"DBUS_SESSION_BUS_ADDRESS=" + busAddress(), phone_->muxEnvironment(),
             "SKIFF_LOG=stderr"};
+}
+
+Bytes lookupBody(const std::string& identifier) {
+    return json::encode(
+               relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsLookupByName})
+        .value();
 }
 
 void writeNotes(const std::string& storage) {

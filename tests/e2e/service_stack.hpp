@@ -88,6 +88,9 @@ private:
     std::vector<std::string> skiffdArgs_;
 };
 
+// The body of a by-name look-up (relay code 2) of `identifier`.
+Bytes lookupBody(const std::string& identifier);
+
 // Storage for the stack: Documents/notes.txt holding "twelve bytes".
 void writeNotes(const std::string& storage);
 

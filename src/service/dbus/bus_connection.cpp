@@ -143,25 +143,11 @@ void BusConnection::arm() {
         lost();
         return;
     }
-    if ((events & POLLIN) && !readWaiting_) {
-        readWaiting_ = true;
-        descriptor_.async_wait(asio::posix::stream_descriptor::wait_read,
-                               [self = shared_from_this()](const asio::error_code& ec) {
-                                   self->readWaiting_ = false;
-                                   if (!ec) {
-                                       self->process();
-                                   }
-                               });
+    if (events & POLLIN) {
+        waitFor(asio::posix::stream_descriptor::wait_read, readWaiting_);
     }
-    if ((events & POLLOUT) && !writeWaiting_) {
-        writeWaiting_ = true;
-        descriptor_.async_wait(asio::posix::stream_descriptor::wait_write,
-                               [self = shared_from_this()](const asio::error_code& ec) {
-                                   self->writeWaiting_ = false;
-                                   if (!ec) {
-                                       self->process();
-                                   }
-                               });
+    if (events & POLLOUT) {
+        waitFor(asio::posix::stream_descriptor::wait_write, writeWaiting_);
     }
     std::uint64_t deadline = UINT64_MAX;
     if (sd_bus_get_timeout(bus_, &deadline) < 0) {
@@ -185,6 +171,19 @@ void BusConnection::arm() {
             self->timerDeadline_ = UINT64_MAX;
         }
         self->process();
+    });
+}
+
+void BusConnection::waitFor(asio::posix::stream_descriptor::wait_type what, bool& waiting) {
+    if (waiting) {
+        return;
+    }
+    waiting = true;
+    descriptor_.async_wait(what, [self = shared_from_this(), &waiting](const asio::error_code& ec) {
+        waiting = false;
+        if (!ec) {
+            self->process();
+        }
     });
 }
 

@@ -73,6 +73,8 @@ private:
 
     void process();
     void arm();
+    // One wait of each kind at a time; `waiting` is its flag.
+    void waitFor(asio::posix::stream_descriptor::wait_type what, bool& waiting);
     void lost();
 
     asio::strand<asio::any_io_executor> strand_;

@@ -107,9 +107,9 @@ TestBus::~TestBus() {
     shutdown();
 }
 
-void TestBus::kill() {
+void TestBus::stopDaemon(int signal) {
     if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
+        ::kill(pid_, signal);
         int status = 0;
         while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
         }
@@ -117,14 +117,12 @@ void TestBus::kill() {
     }
 }
 
+void TestBus::kill() {
+    stopDaemon(SIGKILL);
+}
+
 void TestBus::shutdown() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGTERM);
-        int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
-        pid_ = -1;
-    }
+    stopDaemon(SIGTERM);
     if (!dir_.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(dir_, ignored);

@@ -22,6 +22,7 @@ public:
     void kill();
 
 private:
+    void stopDaemon(int signal);
     void shutdown();
 
     std::string dir_;
