@@ -48,6 +48,18 @@ public:
     std::atomic<std::uint64_t> notifiedBytes{0};
 };
 
+// A SilentExtension registered as the file provider, and its connection.
+struct SilentProvider {
+    explicit SilentProvider(ServiceStack& stack)
+        : silent(std::make_shared<SilentExtension>()), client(stack.connect(silent)) {
+        if (!client->registerClient(kFileProvider)) {
+            throw std::runtime_error("the service refused the file provider");
+        }
+    }
+    std::shared_ptr<SilentExtension> silent;
+    std::unique_ptr<HarborClient> client;
+};
+
 // Sanitizers multiply memory; the bound is the product's only in a plain build.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr std::uint64_t kMemoryBound = 1024ull * 1024 * 1024;
@@ -84,9 +96,7 @@ TEST(BusLimitsE2eTest, CallersMistakesAreRefusedAndTheServiceKeepsRelaying) {
 
 TEST(BusLimitsE2eTest, ACallNobodyAnswersEndsAtTheDeadlineWithTheFailureValue) {
     ServiceStack stack(writeNotes, {"--client-deadline-ms", "300"});
-    auto silent = std::make_shared<SilentExtension>();
-    auto extension = stack.connect(silent);
-    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    SilentProvider extension(stack);
     auto desktop = stack.connect();
     ASSERT_TRUE(desktop->registerClient(kDesktopApp));
 
@@ -98,9 +108,8 @@ TEST(BusLimitsE2eTest, ACallNobodyAnswersEndsAtTheDeadlineWithTheFailureValue) {
 
 TEST(BusLimitsE2eTest, AMeasurementLoopStopsWhenItsCallerLeaves) {
     ServiceStack stack;
-    auto silent = std::make_shared<SilentExtension>();
-    auto extension = stack.connect(silent);
-    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    SilentProvider extension(stack);
+    auto& silent = extension.silent;
     {
         auto desktop = stack.connect();
         ASSERT_TRUE(desktop->registerClient(kDesktopApp));
@@ -113,9 +122,8 @@ TEST(BusLimitsE2eTest, AMeasurementLoopStopsWhenItsCallerLeaves) {
 
 TEST(BusLimitsE2eTest, APushFloodNeitherGrowsTheServiceNorStopsItAnswering) {
     ServiceStack stack;
-    auto silent = std::make_shared<SilentExtension>();
-    auto extension = stack.connect(silent);
-    ASSERT_TRUE(extension->registerClient(kFileProvider));
+    SilentProvider extension(stack);
+    auto& silent = extension.silent;
     auto desktop = registerWithPhone(stack, kDesktopApp);
     // The relay tunnel carries the pushes: open it with one request.
     desktop.client->relayToUsbMux(kLookup, lookupBody(""));
