@@ -66,25 +66,28 @@ struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
     }
 };
 
-// A call into a client on behalf of a waiting host call: the client's answer or, when the
-// call fails (the client let the deadline pass or left, or the bus refused the call), `failed`
-// answers the caller, whichever comes first. A failed call's reply never comes, so waiting on
-// would only leave the caller to its own time-out.
-template <class T>
-struct Forwarded {
-    runtime::OnceReply<T> once;
-    std::function<void(const ClientCallFailure&)> onFailure;
-};
+// A call into a client on behalf of a waiting host call. `use` makes the call with the
+// role's client (a proxy it may keep) and a guard that answers the caller once: with the client's
+// answer or, when there is no such client or the call fails (the client let the deadline pass or
+// left, or the bus refused the call), with `failed`. A failed call's reply never comes, so waiting
+// on would only leave the caller to its own time-out.
+using ClientProxy = std::shared_ptr<HarborBridgeClientProtocol>;
 
-template <class T>
-Forwarded<T> forwardWithDeadline(std::function<void(T)> reply, T failed, const char* what) {
+template <class T, class Use>
+void forwardToClient(BridgeCore& core, std::int64_t role, std::function<void(T)> reply, T failed,
+                     const char* what, Use&& use) {
     runtime::OnceReply<T> once(reply, [reply, failed](std::exception_ptr) { reply(failed); });
-    return {once, [once, failed, what](const ClientCallFailure& failure) {
-                if (failure.deadlinePassed) {
-                    log::xpc().error("%{public}s: the client did not answer in time", what);
-                }
-                once.resume(failed);
-            }};
+    auto client = core.clientProxy(role, [once, failed, what](const ClientCallFailure& failure) {
+        if (failure.deadlinePassed) {
+            log::xpc().error("%{public}s: the client did not answer in time", what);
+        }
+        once.resume(failed);
+    });
+    if (!client) {
+        once.resume(failed);
+        return;
+    }
+    use(std::move(client), once);
 }
 
 void checkChunkSize(std::uint64_t chunkSize) {
@@ -186,13 +189,10 @@ void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
         reply(true);
         return;
     }
-    auto forwarded = forwardWithDeadline<bool>(std::move(reply), false, "ping");
-    auto target = core_.clientProxy(value, forwarded.onFailure);
-    if (!target) {
-        forwarded.once.resume(false);
-        return;
-    }
-    target->echo([once = forwarded.once] { once.resume(true); });
+    forwardToClient<bool>(core_, value, std::move(reply), false, "ping",
+                          [](ClientProxy target, runtime::OnceReply<bool> once) {
+                              target->echo([once] { once.resume(true); });
+                          });
 }
 
 void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) {
@@ -202,47 +202,40 @@ void Harbor_XPC::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> 
 void Harbor_XPC::requestHostToExtThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
     checkChunkSize(chunkSize);
-    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "host-to-extension");
-    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
-    if (!extension) {
-        forwarded.once.resume(-1.0);
-        return;
-    }
-    auto sender = std::make_shared<ChunkSender>();
-    sender->caller = weak_from_this();
-    sender->extension = std::move(extension);
-    sender->chunk.assign(chunkSize, 0);
-    sender->chunkCount = chunkCount;
-    sender->start = std::chrono::steady_clock::now();
-    sender->once = forwarded.once;
-    if (chunkCount == 0) {
-        sender->once.resume(secondsSince(sender->start));
-        return;
-    }
-    sender->sendNext();
+    const auto start = std::chrono::steady_clock::now();
+    forwardToClient<double>(core_, kFileProvider, std::move(reply), -1.0, "host-to-extension",
+                            [&](ClientProxy extension, runtime::OnceReply<double> once) {
+                                if (chunkCount == 0) {
+                                    once.resume(secondsSince(start));
+                                    return;
+                                }
+                                auto sender = std::make_shared<ChunkSender>();
+                                sender->caller = weak_from_this();
+                                sender->extension = std::move(extension);
+                                sender->chunk.assign(chunkSize, 0);
+                                sender->chunkCount = chunkCount;
+                                sender->start = start;
+                                sender->once = once;
+                                sender->sendNext();
+                            });
 }
 
 void Harbor_XPC::requestExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
-    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "extension ping");
-    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
-    if (!extension) {
-        forwarded.once.resume(-1.0);
-        return;
-    }
-    extension->runExtToHostPing(value, [once = forwarded.once](double s) { once.resume(s); });
+    forwardToClient<double>(core_, kFileProvider, std::move(reply), -1.0, "extension ping",
+                            [value](ClientProxy extension, runtime::OnceReply<double> once) {
+                                extension->runExtToHostPing(value,
+                                                            [once](double s) { once.resume(s); });
+                            });
 }
 
 void Harbor_XPC::requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) {
     checkChunkSize(chunkSize);
-    auto forwarded = forwardWithDeadline<double>(std::move(reply), -1.0, "extension-to-host");
-    auto extension = core_.clientProxy(kFileProvider, forwarded.onFailure);
-    if (!extension) {
-        forwarded.once.resume(-1.0);
-        return;
-    }
-    extension->benchmarkSendChunks(chunkSize, chunkCount,
-                                   [once = forwarded.once](double s) { once.resume(s); });
+    forwardToClient<double>(core_, kFileProvider, std::move(reply), -1.0, "extension-to-host",
+                            [=](ClientProxy extension, runtime::OnceReply<double> once) {
+                                extension->benchmarkSendChunks(
+                                    chunkSize, chunkCount, [once](double s) { once.resume(s); });
+                            });
 }
 
 void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) {
