@@ -127,7 +127,7 @@ TEST_F(FramedApp, FloodPushesUntilItsTimeIsUpWhileRequestsAreStillAnswered) {
     }
 }
 
-TEST_F(FramedApp, FaultSwitchesShapeTheAnswers) {
+TEST_F(FramedApp, FaultSwitchesShapeTheAnswersOrHangUp) {
     control("fault status 9");
     EXPECT_EQ(request(0).code, 9);
     control("fault status off");
@@ -141,6 +141,10 @@ TEST_F(FramedApp, FaultSwitchesShapeTheAnswers) {
     control("fault clear");
     ASSERT_TRUE(skiff::testing::readyInTime(pending));
     EXPECT_EQ(pending.get().code, 0);
+
+    // An app that hangs up on a request fails it.
+    control("fault close on");
+    EXPECT_EQ(requestFailure(0), TunnelEngineError::Case::disconnected);
 }
 
 TEST_F(FramedApp, StrayFramesEndTheTunnel) {
@@ -165,11 +169,6 @@ TEST_F(FramedApp, StrayFramesEndTheTunnel) {
         control("fault clear");
         rebind();
     }
-}
-
-TEST_F(FramedApp, ClosingOnARequestFailsIt) {
-    control("fault close on");
-    EXPECT_EQ(requestFailure(0), TunnelEngineError::Case::disconnected);
 }
 
 TEST_F(FramedApp, PeerCloseFailsAPendingReceive) {

@@ -26,7 +26,6 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
 
-    pid_t pid() const { return pid_; }
     // The most memory it has held resident so far (VmHWM), in bytes; 0 once it is gone.
     std::uint64_t peakResidentBytes() const;
 

@@ -88,17 +88,6 @@ uint32_t SimulatedPhone::replug(const std::string& udid) {
     return firstNumber(mustSucceed(command(line), line));
 }
 
-std::vector<SimulatedDevice> SimulatedPhone::list() {
-    auto reply = mustSucceed(command("list"), "list");
-    std::vector<SimulatedDevice> out;
-    for (const auto& line : reply.lines) {
-        auto space = line.find(' ');
-        out.push_back({uint32_t(std::stoul(line.substr(0, space))),
-                       space == std::string::npos ? "" : line.substr(space + 1)});
-    }
-    return out;
-}
-
 std::vector<SimulatedConnection> SimulatedPhone::connections() {
     auto reply = mustSucceed(command("connections"), "connections");
     std::vector<SimulatedConnection> out;

@@ -11,11 +11,6 @@
 
 namespace skiff::test {
 
-struct SimulatedDevice {
-    uint32_t handle = 0;
-    std::string udid;
-};
-
 struct SimulatedConnection {
     uint32_t handle = 0;
     uint16_t port = 0;
@@ -33,7 +28,6 @@ public:
     SimulatedPhone(const SimulatedPhone&) = delete;
     SimulatedPhone& operator=(const SimulatedPhone&) = delete;
 
-    const std::string& dir() const { return dir_.path(); }
     std::string muxSocketPath() const;
     std::string controlSocketPath() const;
     // "USBMUXD_SOCKET_ADDRESS=UNIX:..." for child processes that should see this phone.
@@ -43,7 +37,6 @@ public:
     uint32_t attach(const std::string& udid);
     void detach(const std::string& udid);
     uint32_t replug(const std::string& udid);
-    std::vector<SimulatedDevice> list();
     // The device-side streams currently open.
     std::vector<SimulatedConnection> connections();
     // Closes the device-side streams (of one device, or all); returns how many.
