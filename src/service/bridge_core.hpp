@@ -22,6 +22,7 @@
 #include "common/bytes.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/usbmux_link.hpp"
+#include "transfer/transfer_coordinator.hpp"
 
 namespace skiff::service {
 
@@ -36,10 +37,14 @@ struct BridgeCollaborators {
     std::shared_ptr<UsbMuxLink> usbMux;                     // may be null: no USB layer
     std::shared_ptr<relay::TunnelRelayBridge> relayBridge;  // may be null in tests
     RelayProbeHooks probe;
+    std::shared_ptr<transfer::TransferCoordinator> transfers;  // may be null in tests
 };
 
-// The relay bridge hands the app's pushes here (it holds the core weakly).
-class BridgeCore : public relay::PushSink, public std::enable_shared_from_this<BridgeCore> {
+// The relay bridge hands the app's pushes here, and the transfer coordinator its progress
+// (both hold the core weakly).
+class BridgeCore : public relay::PushSink,
+                   public transfer::ProgressSink,
+                   public std::enable_shared_from_this<BridgeCore> {
 public:
     explicit BridgeCore(BridgeCollaborators collaborators);
 
@@ -69,12 +74,17 @@ public:
 
     // A push of the app for the file-system extension.
     void forwardToExtension(std::int64_t message, Bytes body) override;
+    // A transfer's progress, for the file-system extension and the observers.
+    void fileIOProgress(const transfer::TransferProgress& progress) override;
 
     const asio::any_io_executor& executor() const { return collaborators_.executor; }
     const std::shared_ptr<relay::TunnelRelayBridge>& relayBridge() const {
         return collaborators_.relayBridge;
     }
     const std::shared_ptr<UsbMuxLink>& usbMux() const { return collaborators_.usbMux; }
+    const std::shared_ptr<transfer::TransferCoordinator>& transfers() const {
+        return collaborators_.transfers;
+    }
 
 private:
     using Lock = std::lock_guard<std::mutex>;

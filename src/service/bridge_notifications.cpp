@@ -12,6 +12,16 @@ void BridgeCore::notifyRole(std::int64_t role, BridgeNotifyMessage message, Byte
     sendToRole(role, message, std::move(param));
 }
 
+void BridgeCore::fileIOProgress(const transfer::TransferProgress& progress) {
+    const FileIOProgressPayload payload{progress.sessionID, progress.completedBytes,
+                                        progress.totalBytes, progress.percent};
+    // A progress step that cannot be encoded is dropped; the transfer goes on.
+    if (auto body = json::encode(payload)) {
+        notifyRole(static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider),
+                   BridgeNotifyMessage::fileIOProgress, std::move(*body));
+    }
+}
+
 void BridgeCore::forwardToExtension(std::int64_t message, Bytes body) {
     if (auto known = notifyMessageFromRaw(message)) {
         notifyRole(static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider), *known,

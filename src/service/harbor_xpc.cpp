@@ -10,6 +10,8 @@
 #include "common/task.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
+#include "transfer/file_io_records.hpp"
+#include "transfer/transfer_coordinator.hpp"
 #include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::service {
@@ -154,6 +156,78 @@ asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t 
     reply(std::move(result.data), result.status, result.detail);
 }
 
+using FileIOReplyFn = std::function<void(Bytes, std::int64_t)>;
+using transfer::FileIOBridgeError;
+
+void replyFileIOError(const FileIOReplyFn& reply, FileIOBridgeError error) {
+    reply({}, static_cast<std::int64_t>(error));
+}
+
+// The status for whatever a transfer threw; anything but a TransferError is a failure of
+// the service's own side, reported as the container's.
+FileIOBridgeError fileIOStatusOf(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const transfer::TransferError& e) {
+        return transfer::bridgeErrorFor(e);
+    } catch (...) {
+        return FileIOBridgeError::storageFailed;
+    }
+}
+
+template <class Record>
+void replyFileIORecord(const FileIOReplyFn& reply, const Record& record) {
+    if (auto body = json::encode(record)) {
+        reply(std::move(*body), static_cast<std::int64_t>(FileIOBridgeError::ok));
+    } else {
+        replyFileIOError(reply, FileIOBridgeError::encodeFailed);
+    }
+}
+
+asio::awaitable<void> beginReadTask(std::shared_ptr<transfer::TransferCoordinator> transfers,
+                                    transfer::FileIOBeginReadRequest request, FileIOReplyFn reply) {
+    std::exception_ptr error;
+    try {
+        const auto descriptor =
+            co_await transfers->fetchRemoteFile(request.identifier, request.sessionID);
+        replyFileIORecord(reply, descriptor);
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (error) {
+        replyFileIOError(reply, fileIOStatusOf(error));
+    }
+}
+
+// A successful push answers with the item's summary after the commit, so the extension
+// learns the new content version without another look-up.
+asio::awaitable<void> beginWriteTask(std::shared_ptr<transfer::TransferCoordinator> transfers,
+                                     transfer::FileIOBeginWriteRequest request,
+                                     FileIOReplyFn reply) {
+    std::exception_ptr error;
+    try {
+        const auto summary = co_await transfers->pushSharedFile(std::move(request));
+        replyFileIORecord(reply, summary);
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (error) {
+        replyFileIOError(reply, fileIOStatusOf(error));
+    }
+}
+
+asio::awaitable<void> endReadTask(std::shared_ptr<transfer::TransferCoordinator> transfers,
+                                  std::string token, FileIOReplyFn reply) {
+    co_await transfers->releaseRead(std::move(token));
+    reply({}, static_cast<std::int64_t>(FileIOBridgeError::ok));
+}
+
+asio::awaitable<void> endWriteTask(std::shared_ptr<transfer::TransferCoordinator> transfers,
+                                   std::string token, FileIOReplyFn reply) {
+    co_await transfers->releaseWrite(std::move(token));
+    reply({}, static_cast<std::int64_t>(FileIOBridgeError::ok));
+}
+
 }  // namespace
 
 std::string speedTestReport(const SpeedTestMeasurement& round) {
@@ -267,12 +341,67 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn 
                        static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
 }
 
-void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes,
-                               std::function<void(Bytes, std::int64_t)>) {
-    if (operation < 0 || operation > 3) {
+void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes param,
+                               std::function<void(Bytes, std::int64_t)> reply) {
+    const auto op = transfer::fileIOOperationFromRaw(operation);
+    if (!op) {
         throw InvalidArgs("file-IO operation " + std::to_string(operation) + " is none of 0-3");
     }
-    throw NotSupported("file transfers are not available in this build");
+    const auto role = core_.roleOfHost(this);
+    if (role != kFileProvider && role != kDesktopApp) {
+        replyFileIOError(reply, FileIOBridgeError::notRegistered);
+        return;
+    }
+    auto transfers = core_.transfers();
+    if (!transfers) {
+        throw NotSupported("file transfers are not available in this build");
+    }
+    const auto& executor = core_.executor();
+    using transfer::FileIOOperation;
+    switch (*op) {
+        case FileIOOperation::beginRead:
+        case FileIOOperation::beginWrite: {
+            const bool read = *op == FileIOOperation::beginRead;
+            auto readRequest = json::decode<transfer::FileIOBeginReadRequest>(param);
+            auto writeRequest = json::decode<transfer::FileIOBeginWriteRequest>(param);
+            if (read ? !readRequest : !writeRequest) {
+                replyFileIOError(reply, FileIOBridgeError::decodeFailed);
+                return;
+            }
+            if (!core_.usbMuxConnection()) {
+                replyFileIOError(reply, FileIOBridgeError::noDevice);
+                return;
+            }
+            if (read) {
+                runtime::spawnTask(executor, std::move(transfers), &beginReadTask,
+                                   std::move(*readRequest), std::move(reply));
+            } else {
+                runtime::spawnTask(executor, std::move(transfers), &beginWriteTask,
+                                   std::move(*writeRequest), std::move(reply));
+            }
+            return;
+        }
+        case FileIOOperation::endRead: {
+            auto request = json::decode<transfer::FileIOEndReadRequest>(param);
+            if (!request) {
+                replyFileIOError(reply, FileIOBridgeError::decodeFailed);
+                return;
+            }
+            runtime::spawnTask(executor, std::move(transfers), &endReadTask,
+                               std::move(request->token), std::move(reply));
+            return;
+        }
+        case FileIOOperation::endWrite: {
+            auto request = json::decode<transfer::FileIOEndWriteRequest>(param);
+            if (!request) {
+                replyFileIOError(reply, FileIOBridgeError::decodeFailed);
+                return;
+            }
+            runtime::spawnTask(executor, std::move(transfers), &endWriteTask,
+                               std::move(request->token), std::move(reply));
+            return;
+        }
+    }
 }
 
 void Harbor_XPC::filesystemDidUnmount() {

@@ -20,6 +20,7 @@
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"
+#include "service/relay_transfer_sender.hpp"
 #include "service/service_delegate.hpp"
 #include "service/usbmux_service_link.hpp"
 #include "tunnel/tunnel_engine.hpp"
@@ -58,8 +59,14 @@ int main(int argc, char** argv) {
     collaborators.executor = runtime.executor();
     collaborators.usbMux = std::make_shared<service::UsbMuxServiceLink>(usbMux);
     collaborators.relayBridge = relayBridge;
+    auto transfers = std::make_shared<transfer::TransferCoordinator>(
+        runtime.executor(), std::make_shared<service::RelayTransferSender>(relayBridge),
+        std::make_shared<transfer::SharedFileStorage>());
+    collaborators.transfers = transfers;
     auto core = std::make_shared<service::BridgeCore>(std::move(collaborators));
     relayBridge->setPushSink(core);
+    transfers->setProgressSink(core);
+    transfers->startCleanup();
     core->bootstrapUsbMuxIfNeeded();
 
     // The first of a stop signal (0) and a lost bus (1) decides the exit status.
@@ -99,6 +106,8 @@ int main(int argc, char** argv) {
     signals.cancel();
     core->setObserver(nullptr);
     adapter->close();
+    // The clean-up loop holds the coordinator; ending it lets the graph go.
+    transfers->stopCleanup();
     // The USB layer stops while the runtime still runs its last tasks, so no device event
     // is delivered into a torn-down graph.
     asio::co_spawn(runtime.executor(), usbMux.shutdown(), asio::use_future).get();

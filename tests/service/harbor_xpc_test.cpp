@@ -12,6 +12,7 @@
 #include "common/run_sync.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
+#include "service/relay_transfer_sender.hpp"
 #include "service/service_fakes.hpp"
 
 namespace skiff::service {
@@ -29,6 +30,26 @@ protected:
         opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
         collaborators.relayBridge = std::make_shared<relay::TunnelRelayBridge>(
             runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener);
+        // No test here gets as far as a container file, so the container is never made.
+        collaborators.transfers = std::make_shared<transfer::TransferCoordinator>(
+            runtime.executor(), std::make_shared<RelayTransferSender>(collaborators.relayBridge),
+            std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"));
+    }
+
+    std::future<std::pair<Bytes, std::int64_t>> fileIO(FakeConnection& from, std::int64_t op,
+                                                       std::string_view json) {
+        auto promise = std::make_shared<std::promise<std::pair<Bytes, std::int64_t>>>();
+        from.host().requestFileIO(op, Bytes(json.begin(), json.end()),
+                                  [promise](Bytes data, std::int64_t status) {
+                                      promise->set_value({std::move(data), status});
+                                  });
+        return promise->get_future();
+    }
+    static std::int64_t fileIOStatusOf(std::future<std::pair<Bytes, std::int64_t>> reply) {
+        EXPECT_TRUE(skiff::testing::readyInTime(reply));
+        auto [data, status] = reply.get();
+        EXPECT_TRUE(data.empty());
+        return status;
     }
 
     std::shared_ptr<FakeConnection> client(std::optional<HarborBridgeClientRole> role) {
@@ -143,9 +164,25 @@ TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
     EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
 }
 
-TEST_F(HarborXpcTest, FileOperationsAndShutdownAreNotOffered) {
+TEST_F(HarborXpcTest, FileIOAnswersItsGuardsBeforeAnyTransfer) {
+    const std::string beginRead =
+        R"({"identifier":"x","sessionID":"00000000-0000-0000-0000-000000000001"})";
+    auto stranger = client(std::nullopt);
+    EXPECT_EQ(fileIOStatusOf(fileIO(*stranger, 0, beginRead)), 1);
+    auto usbMuxClient = client(HarborBridgeClientRole::usbMux);
+    EXPECT_EQ(fileIOStatusOf(fileIO(*usbMuxClient, 1, R"({"token":"t"})")), 1);
+
     auto app = client(HarborBridgeClientRole::desktopApp);
-    EXPECT_THROW(app->host().requestFileIO(0, {}, [](Bytes, std::int64_t) {}), NotSupported);
+    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 0, R"({"identifier":"x"})")), 3);
+    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 3, "not json")), 3);
+    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 0, beginRead)), 4);  // no phone attached
+    // A release needs no phone, and an unknown token is fine.
+    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 1, R"({"token":"never"})")), 0);
+    EXPECT_THROW(app->host().requestFileIO(4, {}, [](Bytes, std::int64_t) {}), InvalidArgs);
+}
+
+TEST_F(HarborXpcTest, UnmountAndShutdownAreNotOffered) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
     EXPECT_THROW(app->host().filesystemDidUnmount(), NotSupported);
     EXPECT_THROW(app->host().shutdown([](bool) {}), NotSupported);
 }

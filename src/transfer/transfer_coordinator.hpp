@@ -1,0 +1,173 @@
+#pragma once
+// TransferCoordinator: moves whole files between the phone and the shared container for
+// the file-system extension. A begin-read fetches an item into "transfer_<UUID>.bin" and
+// hands its name back; a begin-write pushes a container file to the phone; the end
+// requests release what the begins left; a periodic round removes entries older than two
+// minutes with their files.
+//
+// Threads: an Actor. Every table change happens on its strand; relay waits suspend, file
+// reads and writes are plain blocking calls on the strand. Chunks of one transfer are
+// strictly sequential; different transfers interleave at their co_awaits.
+// Ownership: made with std::make_shared (the bodies hold it while they run). It holds the
+// relay sender and the storage, the progress sink weakly; the clean-up loop holds the
+// coordinator until stopCleanup() or the executor's end.
+
+#include <asio.hpp>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/actor.hpp"
+#include "common/uuid.hpp"
+#include "relay/relay_schema.hpp"
+#include "transfer/file_io_records.hpp"
+#include "transfer/shared_file_storage.hpp"
+
+namespace skiff::transfer {
+
+// The app's answer to one request, as the relay reports it: status is a UsbMuxRelayError
+// raw value; for deviceStatus, detail is the RelayDeviceStatus and data the app's body.
+struct RelayAnswer {
+    std::int64_t status = 0;
+    std::int64_t detail = 0;
+    Bytes data;
+};
+
+// The coordinator's way to the companion app. send() addresses the app's port and marks
+// the last contact with the phone whenever a reply arrives; reestablish() drops the tunnel
+// so that the next send connects anew. Both are awaited from the coordinator's strand.
+class RelaySender {
+public:
+    virtual ~RelaySender() = default;
+    virtual asio::awaitable<RelayAnswer> send(std::uint16_t code, Bytes body) = 0;
+    virtual asio::awaitable<void> reestablish() = 0;
+};
+
+struct TransferProgress {
+    Uuid sessionID;
+    std::uint64_t completedBytes = 0;
+    std::uint64_t totalBytes = 0;
+    std::uint8_t percent = 0;
+};
+
+// Where progress goes (the extension, through the bridge core). Called on the
+// coordinator's strand; must not block, and its failures are its own.
+class ProgressSink {
+public:
+    virtual ~ProgressSink() = default;
+    virtual void fileIOProgress(const TransferProgress& progress) = 0;
+};
+
+class TransferError : public std::exception {
+public:
+    enum class Case { deviceRejected, transport, noDevice, encodeFailed, decodeFailed, ioFailed };
+
+    explicit TransferError(Case c) : case_(c) {}
+    static TransferError rejected(relay::RelayDeviceStatus status) {
+        TransferError e(Case::deviceRejected);
+        e.deviceStatus_ = status;
+        return e;
+    }
+    static TransferError transport(relay::UsbMuxRelayError error) {
+        TransferError e(Case::transport);
+        e.transportError_ = error;
+        return e;
+    }
+
+    Case errorCase() const { return case_; }
+    relay::RelayDeviceStatus deviceStatus() const { return deviceStatus_; }
+    relay::UsbMuxRelayError transportError() const { return transportError_; }
+    const char* what() const noexcept override;
+
+private:
+    Case case_;
+    relay::RelayDeviceStatus deviceStatus_ = relay::RelayDeviceStatus::ok;
+    relay::UsbMuxRelayError transportError_ = relay::UsbMuxRelayError::ok;
+};
+
+// The status the extension is answered with for a failed transfer. A reply that does not
+// decode is the phone's fault (invalidDeviceReply), not the extension's request
+// (decodeFailed); a file that cannot be made, read or written is storageFailed.
+FileIOBridgeError bridgeErrorFor(const TransferError& error);
+
+// Companion app port and the largest body one relay request may carry.
+inline constexpr std::uint16_t kCompanionAppPort = 33325;
+inline constexpr std::size_t kMaxRelayBody = 5'242'880;
+
+class TransferCoordinator : public runtime::Actor,
+                            public std::enable_shared_from_this<TransferCoordinator> {
+public:
+    using Clock = std::chrono::system_clock;
+    using Now = std::function<Clock::time_point()>;
+
+    static constexpr std::chrono::seconds kCleanupPeriod{30};
+    static constexpr std::chrono::seconds kStaleAge{120};
+
+    // now defaults to the system clock; tests pass their own to age entries.
+    TransferCoordinator(asio::any_io_executor executor, std::shared_ptr<RelaySender> relay,
+                        std::shared_ptr<const SharedFileStorage> storage, Now now = {});
+
+    // Progress goes to sink from the next transfer on. Held weakly: the sink (the bridge
+    // core) usually owns the coordinator. May be called from any thread.
+    void setProgressSink(std::weak_ptr<ProgressSink> sink);
+
+    // Throw TransferError.
+    asio::awaitable<SharedFileDescriptor> fetchRemoteFile(std::string identifier, Uuid sessionID);
+    asio::awaitable<relay::RelayItemSummary> pushSharedFile(FileIOBeginWriteRequest request);
+    // An unknown token is not an error.
+    asio::awaitable<void> releaseRead(std::string token);
+    asio::awaitable<void> releaseWrite(std::string token);
+
+    // Starts the periodic clean-up unless it runs already; stopCleanup ends it.
+    void startCleanup();
+    void stopCleanup();
+    // One clean-up round.
+    asio::awaitable<void> cleanUp();
+
+    // For tests: how many entries each table holds.
+    asio::awaitable<std::size_t> activeReadCount();
+    asio::awaitable<std::size_t> activeWriteCount();
+
+private:
+    struct ActiveTransfer {
+        std::string fileName;
+        Clock::time_point createdAt;
+    };
+    struct Progress;
+
+    asio::awaitable<SharedFileDescriptor> doFetch(std::string identifier, Uuid sessionID);
+    asio::awaitable<relay::RelayItemSummary> doPush(FileIOBeginWriteRequest request);
+    asio::awaitable<void> doReleaseRead(std::string token);
+    asio::awaitable<void> doReleaseWrite(std::string token);
+    asio::awaitable<void> doCleanUp();
+    asio::awaitable<void> cleanupLoop();
+    asio::awaitable<std::size_t> doActiveReadCount();
+    asio::awaitable<std::size_t> doActiveWriteCount();
+
+    std::shared_ptr<ProgressSink> lockedSink() const;
+
+    // The one send step: size check, one retry after re-establishing a lost tunnel.
+    // Returns the app's body for an ok answer; throws TransferError otherwise, with
+    // deviceRejected for an answer that carries a device status.
+    asio::awaitable<Bytes> send(std::uint16_t code, Bytes body);
+
+    std::shared_ptr<RelaySender> relay_;
+    mutable std::mutex sinkLock_;
+    std::weak_ptr<ProgressSink> sink_;
+    std::shared_ptr<const SharedFileStorage> storage_;
+    Now now_;
+
+    // Strand state.
+    std::map<std::string, ActiveTransfer> activeReads_;
+    std::map<std::string, ActiveTransfer> activeWrites_;
+    std::shared_ptr<asio::steady_timer> cleanupTimer_;
+    bool cleanupStarted_ = false;
+    bool cleanupStopped_ = false;
+};
+
+}  // namespace skiff::transfer
