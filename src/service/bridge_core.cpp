@@ -26,7 +26,8 @@ void BridgeCore::bootstrapUsbMuxIfNeeded() {
         if (usbMuxBootstrapped_) {
             return;
         }
-        // Never cleared, so a failed start is not retried in the life of the process.
+        // Never cleared, so a failed start is not retried in the life of the process. A
+        // start without usbmuxd succeeds: the USB layer subscribes once the daemon appears.
         usbMuxBootstrapped_ = true;
     }
     log::xpc().info("bootstrapping UsbMuxService");

@@ -2,11 +2,15 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <utility>
 
+#include "common/log.hpp"
 #include "usbmuxkit/usbmux_backend.hpp"
 
 namespace usbmuxkit {
@@ -47,6 +51,9 @@ std::vector<DeviceEntry> fetchDevices() {
     return devices;
 }
 
+// Well inside the 2 s in which a late or restarted daemon must be followed.
+constexpr auto kWatchPeriod = std::chrono::milliseconds(250);
+
 }  // namespace
 
 struct UsbTunnelManager::Impl {
@@ -65,6 +72,15 @@ struct UsbTunnelManager::Impl {
     // Serialises start and shutdown. The event thread never takes it, so shutdown
     // may hold it while the library waits for that thread.
     std::mutex lifecycleMutex;
+
+    // The subscription and the daemon it was made with belong to whoever holds
+    // lifecycleMutex while the watcher is not running, and to the watcher while it runs.
+    uint64_t subscribedDaemon = 0;
+    bool waitingLogged = false;
+    std::thread watcher;
+    std::mutex watchMutex;
+    std::condition_variable watchWake;
+    bool watchStop = false;  // under watchMutex
 
     Impl() { tunnels.max_load_factor(1.0f); }
 
@@ -179,6 +195,97 @@ struct UsbTunnelManager::Impl {
         std::memcpy(record.udid, udid, length);
         callback(record);
     }
+
+    // ---- following the daemon (lifecycle owner or watcher thread; no lock held) ----
+
+    bool subscribe(UsbTunnelManager* owner, uint64_t daemon, bool first) {
+        usbmuxd_subscription_context_t context = nullptr;
+        // Active before subscribing: the library's event thread may announce the devices
+        // already present before the subscribe call returns, and those must not be lost.
+        eventsActive.store(true);
+        if (usbmuxBackend().eventsSubscribe(&context, &UsbTunnelManager::onUsbmuxEvent, owner) !=
+            0) {
+            eventsActive.store(false);
+            if (!first && !waitingLogged) {
+                skiff::log::usbMuxNative().info("usbmuxd does not answer yet; waiting for it");
+                waitingLogged = true;
+            }
+            return false;
+        }
+        subscription = context;
+        subscribedDaemon = daemon;
+        waitingLogged = false;
+        if (!first) {
+            // Devices listed before the daemon answered are stale.
+            refreshDevices();
+        }
+        skiff::log::usbMuxNative().info(first ? "usbmuxd is running; listening for devices"
+                                              : "usbmuxd appeared; listening for devices");
+        return true;
+    }
+
+    // Ends the subscription to a daemon that went away and reports its devices removed.
+    void loseDaemon() {
+        skiff::log::usbMuxNative().info("usbmuxd went away; its devices are gone");
+        eventsActive.store(false);
+        // Waits for the library's event thread, so no event of the old daemon follows.
+        usbmuxBackend().eventsUnsubscribe(subscription);
+        subscription = nullptr;
+        subscribedDaemon = 0;
+        std::vector<DeviceEntry> gone;
+        Dropped dropped;
+        DeviceEventCallback callback;
+        {
+            std::lock_guard refresh(refreshMutex);
+            std::lock_guard lock(mutex);
+            // Empty already when the library reported the loss itself.
+            gone = std::exchange(devices, {});
+            for (auto& [key, session] : tunnels) {
+                dropped.push_back(std::move(session));
+            }
+            tunnels.clear();
+            callback = deviceEventCallback;
+        }
+        devicesDirty.store(true);
+        release(dropped);
+        if (!callback) {
+            return;
+        }
+        for (const auto& entry : gone) {
+            if (entry.udid.empty()) {
+                continue;
+            }
+            DeviceEvent record{};
+            record.eventType = UE_DEVICE_REMOVE;
+            std::memcpy(record.udid, entry.udid.data(),
+                        std::min(entry.udid.size(), sizeof record.udid - 1));
+            callback(record);
+        }
+    }
+
+    void followDaemon(UsbTunnelManager* owner) {
+        const uint64_t daemon = usbmuxBackend().daemonIdentity();
+        if (subscription != nullptr && daemon != subscribedDaemon) {
+            loseDaemon();
+        }
+        if (subscription == nullptr) {
+            if (daemon != 0) {
+                subscribe(owner, daemon, false);
+            } else if (!waitingLogged) {
+                skiff::log::usbMuxNative().info("usbmuxd is not running; waiting for it");
+                waitingLogged = true;
+            }
+        }
+    }
+
+    void watch(UsbTunnelManager* owner) {
+        std::unique_lock lock(watchMutex);
+        while (!watchWake.wait_for(lock, kWatchPeriod, [this] { return watchStop; })) {
+            lock.unlock();
+            followDaemon(owner);
+            lock.lock();
+        }
+    }
 };
 
 UsbTunnelManager& UsbTunnelManager::shared() {
@@ -208,23 +315,45 @@ bool UsbTunnelManager::start() {
     }
     d.refreshDevices();
     d.devicesDirty.store(false);
-    usbmuxd_subscription_context_t context = nullptr;
-    // Active before subscribing: the library's event thread may announce the devices
-    // already present before the subscribe call returns, and those must not be lost.
-    d.eventsActive.store(true);
-    if (usbmuxBackend().eventsSubscribe(&context, &UsbTunnelManager::onUsbmuxEvent, this) != 0) {
-        d.eventsActive.store(false);
-        return false;
+    d.waitingLogged = false;
+    // Without a daemon the library would wait for it at its default path only, so the
+    // subscription is left to the watcher until the socket is there.
+    const uint64_t daemon = usbmuxBackend().daemonIdentity();
+    if (daemon != 0) {
+        // A daemon that is there but cannot be subscribed to is an error, not a wait.
+        if (!d.subscribe(this, daemon, true)) {
+            return false;
+        }
+    } else {
+        skiff::log::usbMuxNative().info("usbmuxd is not running; waiting for it");
+        d.waitingLogged = true;
     }
-    d.subscription = context;
-    std::lock_guard lock(d.mutex);
-    d.started = true;
+    {
+        std::lock_guard lock(d.mutex);
+        d.started = true;
+    }
+    {
+        std::lock_guard lock(d.watchMutex);
+        d.watchStop = false;
+    }
+    d.watcher = std::thread([this] { impl_->watch(this); });
     return true;
 }
 
 void UsbTunnelManager::shutdown() {
     Impl& d = *impl_;
     std::lock_guard lifecycle(d.lifecycleMutex);
+    if (!d.isStarted()) {
+        return;
+    }
+    // First, so that it cannot subscribe again behind us. It may be subscribing or
+    // reporting removals; both end without our locks, and it never takes lifecycleMutex.
+    {
+        std::lock_guard lock(d.watchMutex);
+        d.watchStop = true;
+    }
+    d.watchWake.notify_all();
+    d.watcher.join();
     Dropped dropped;
     {
         std::lock_guard lock(d.mutex);
@@ -242,8 +371,11 @@ void UsbTunnelManager::shutdown() {
     }
     release(dropped);
     // Without our locks: the library may wait here for its event thread.
-    usbmuxBackend().eventsUnsubscribe(d.subscription);
+    if (d.subscription != nullptr) {
+        usbmuxBackend().eventsUnsubscribe(d.subscription);
+    }
     d.subscription = nullptr;
+    d.subscribedDaemon = 0;
     std::lock_guard refresh(d.refreshMutex);
     {
         std::lock_guard lock(d.mutex);

@@ -2,12 +2,13 @@
 // Process-wide owner of what is known about attached iPhones at the usbmuxd level:
 // the device list, the attach/detach subscription and one tunnel per (UDID, port).
 //
-// Threads: callers and the library's event thread (list refresh, pruning, callback)
-// share the device list and the tunnel table under one mutex, never held while the
-// device-event callback runs nor during a transfer. The table holds sessions by
-// shared_ptr; sessionFor hands out a share, so a transfer keeps its session alive.
-// Dropping a session from the table (invalidate, prune, stale replace, shutdown)
-// interrupts its socket to wake a blocked transfer; the last owner disconnects it.
+// Threads: callers, the library's event thread (list refresh, pruning, callback) and
+// the watcher thread that follows the daemon (subscribing, reporting removals) share the device
+// list and the tunnel table under one mutex, never held while the device-event callback runs nor
+// during a transfer. The table holds sessions by shared_ptr; sessionFor hands out a share, so a
+// transfer keeps its session alive. Dropping a session from the table (invalidate, prune, stale
+// replace, shutdown) interrupts its socket to wake a blocked transfer; the last owner disconnects
+// it.
 
 #include <usbmuxd.h>
 
@@ -48,7 +49,14 @@ public:
     UsbTunnelManager(const UsbTunnelManager&) = delete;
     UsbTunnelManager& operator=(const UsbTunnelManager&) = delete;
 
+    // Lists the devices and subscribes to device events. With no daemon listening it
+    // still succeeds: a watcher thread (running until shutdown) checks the daemon's
+    // socket every 250 ms, subscribes when it appears, and when it goes away or is
+    // replaced, reports its devices removed and subscribes again to the new one.
+    // False only when a daemon is there but the subscription cannot be made.
+    // Callbacks may then run on the watcher thread as well as the library's.
     bool start();
+    // Stops the watcher and the subscription; no callback runs after it returns.
     void shutdown();
 
     void setDeviceEventCallback(DeviceEventCallback callback);

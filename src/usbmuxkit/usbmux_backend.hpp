@@ -22,6 +22,13 @@ public:
     virtual int disconnect(int fd) = 0;
     virtual int send(int fd, const char* data, uint32_t length, uint32_t* sent) = 0;
     virtual int recv(int fd, char* data, uint32_t length, uint32_t* received) = 0;
+
+    // Which daemon is listening now: 0 when none, otherwise a number that changes
+    // when the daemon's socket is replaced. libusbmuxd follows a late or
+    // restarted daemon only at its default path, so the manager watches this itself.
+    // Called from the manager's watcher thread. The default suits scripted backends:
+    // a daemon that is always there and never restarts.
+    virtual uint64_t daemonIdentity() { return 1; }
 };
 
 // The backend in use: libusbmuxd itself unless another one was installed.

@@ -32,13 +32,25 @@ SimulatedPhone::SimulatedPhone(std::vector<std::string> devices, std::vector<std
         argv.push_back(std::move(udid));
     }
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
-    process_ = std::make_unique<ChildProcess>(std::move(argv));
+    argv_ = std::move(argv);
+    start();
+    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + muxSocketPath()).c_str(), 1);
+}
+
+void SimulatedPhone::stop() {
+    process_.reset();
+}
+
+void SimulatedPhone::start() {
+    if (process_) {
+        return;
+    }
+    process_ = std::make_unique<ChildProcess>(argv_);
     if (!process_->waitForOutput("ready:", kStartTimeout)) {
         std::string output = process_->output();
         process_.reset();
         throw std::runtime_error("skiff-phone-sim did not become ready:\n" + output);
     }
-    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + muxSocketPath()).c_str(), 1);
 }
 
 SimulatedPhone::~SimulatedPhone() {

@@ -42,10 +42,19 @@ public:
     // Closes the device-side streams (of one device, or all); returns how many.
     size_t drop(const std::string& udid = {});
 
+    // Stops the simulator (it removes its sockets) and starts it again in the same
+    // directory with the same devices, as a restarted daemon would be; returns once
+    // it is ready. stop() is harmless when stopped.
+    void stop();
+    void start();
+    bool running() const { return process_ != nullptr; }
+
+    // Precondition: running().
     ChildProcess& process() { return *process_; }
 
 private:
     TempDir dir_;
+    std::vector<std::string> argv_;
     std::unique_ptr<ChildProcess> process_;
 };
 

@@ -44,9 +44,11 @@ public:
         std::lock_guard lock(mutex_);
         devices_ = std::move(devices);
     }
-    int listResult = 0;  // a negative value makes the listing fail
-    int subscribeResult = 0;
+    int listResult = 0;                   // a negative value makes the listing fail
+    std::atomic<int> subscribeResult{0};  // the watcher thread reads it too
     bool announceOnSubscribe = false;
+    // The daemon listening now: 0 for none; another value stands for a restarted one.
+    std::atomic<uint64_t> daemon{1};
     SendHook onSend;
     RecvHook onRecv;
 
@@ -108,8 +110,8 @@ public:
     int eventsSubscribe(usbmuxd_subscription_context_t* context, usbmuxd_event_cb_t callback,
                         void* userData) override {
         ++subscribeCalls;
-        if (subscribeResult != 0) {
-            return subscribeResult;
+        if (const int result = subscribeResult.load(); result != 0) {
+            return result;
         }
         {
             std::lock_guard lock(eventMutex_);
@@ -137,6 +139,7 @@ public:
         callback_ = nullptr;
         return 0;
     }
+    uint64_t daemonIdentity() override { return daemon.load(); }
     int connect(uint32_t handle, uint16_t port) override {
         int pair[2];
         if (::socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) {
