@@ -1,5 +1,6 @@
 #include "sim/sim_phone.hpp"
 
+#include "sim/app_items.hpp"
 #include "sim/app_lookup.hpp"
 #include "sim/app_transfer.hpp"
 
@@ -19,6 +20,7 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     if (!options.storage.empty()) {
         installLookupHandler(app_.handlers(), options.storage);
         installTransferHandlers(app_.handlers(), options.storage);
+        installItemHandlers(app_.handlers(), options.storage);
     }
     if (options.echoPort) {
         listeners_.listen(*options.echoPort, makeEchoListener());
