@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <system_error>
 
 #include "common/task.hpp"
@@ -68,15 +69,22 @@ asio::awaitable<void> StorageWatcher::readEvents() {
         if (error) {
             co_return;  // closed by stop()
         }
-        for (std::size_t at = 0; at + sizeof(inotify_event) <= n;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
-            if ((event->mask & IN_Q_OVERFLOW) != 0) {
-                report_("storage watch: events were lost");
-            } else {
-                handle(event->wd, event->mask, event->len > 0 ? std::string(event->name) : "");
-            }
-            at += sizeof(inotify_event) + event->len;
+        handleBatch(std::string_view(buffer.data(), n));
+    }
+}
+
+void StorageWatcher::handleBatch(std::string_view events) {
+    for (std::size_t at = 0; at + sizeof(inotify_event) <= events.size();) {
+        // Copied out: the buffer is not aligned for the struct.
+        inotify_event event{};
+        std::memcpy(&event, events.data() + at, sizeof event);
+        const auto name = events.substr(at + sizeof event, event.len);
+        if ((event.mask & IN_Q_OVERFLOW) != 0) {
+            report_("storage watch: events were lost");
+        } else {
+            handle(event.wd, event.mask, std::string(name.substr(0, name.find('\0'))));
         }
+        at += sizeof event + event.len;
     }
 }
 

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "common/unique_fd.hpp"
 #include "service/notification_payloads.hpp"
@@ -42,6 +43,7 @@ public:
 
 private:
     asio::awaitable<void> readEvents();
+    void handleBatch(std::string_view events);
     void handle(int wd, std::uint32_t mask, const std::string& name);
     // Watches the folder at path (relative) and those under it; when reportContent, each
     // item found is reported created, for what was made before the watch was in place.
