@@ -178,6 +178,16 @@ asio::awaitable<bool> exitsWithin(asio::posix::stream_descriptor& exited,
     co_return first.index() == 0;
 }
 
+// A reactor watch on a duplicate of fd; the tool keeps the original.
+asio::posix::stream_descriptor watch(const asio::any_io_executor& executor, int fd,
+                                     const std::string& executable) {
+    const int duplicate = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0) {
+        throwSystemError(errno, "could not watch " + executable);
+    }
+    return asio::posix::stream_descriptor(executor, duplicate);
+}
+
 }  // namespace
 
 void runCommand(const std::string& executable, const Arguments& arguments) {
@@ -206,14 +216,33 @@ void runCommand(const std::string& executable, const Arguments& arguments) {
 
 asio::awaitable<void> runCommandTimed(std::string executable, Arguments arguments,
                                       std::chrono::steady_clock::duration timeout) {
+    using namespace asio::experimental::awaitable_operators;
+    constexpr auto kReady = asio::posix::descriptor_base::wait_read;
     ToolProcess tool(executable, arguments);
-    // The descriptor owns a duplicate; the tool keeps its own for signals.
-    const int watched = ::fcntl(tool.pidfd(), F_DUPFD_CLOEXEC, 0);
-    if (watched < 0) {
-        throwSystemError(errno, "could not watch " + executable);
+    const auto executor = co_await asio::this_coro::executor;
+    auto exited = watch(executor, tool.pidfd(), executable);
+    auto errors = watch(executor, tool.errorOutputFd(), executable);
+    asio::steady_timer deadline(executor, timeout);
+    // Drains standard error while waiting, as the synchronous run does.
+    bool draining = true;
+    std::optional<bool> exitedInTime;
+    while (!exitedInTime) {
+        if (draining) {
+            const auto first = co_await (exited.async_wait(kReady, asio::use_awaitable) ||
+                                         errors.async_wait(kReady, asio::use_awaitable) ||
+                                         deadline.async_wait(asio::use_awaitable));
+            if (first.index() == 1) {
+                draining = tool.collectErrorOutput();
+            } else {
+                exitedInTime = first.index() == 0;
+            }
+        } else {
+            const auto first = co_await (exited.async_wait(kReady, asio::use_awaitable) ||
+                                         deadline.async_wait(asio::use_awaitable));
+            exitedInTime = first.index() == 0;
+        }
     }
-    asio::posix::stream_descriptor exited(co_await asio::this_coro::executor, watched);
-    if (!co_await exitsWithin(exited, timeout)) {
+    if (!*exitedInTime) {
         tool.signal(SIGTERM);
         if (!co_await exitsWithin(exited, kTerminationGrace)) {
             tool.signal(SIGKILL);
