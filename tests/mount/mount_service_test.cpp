@@ -97,26 +97,15 @@ TEST_F(MountServiceTest, AnotherFileSystemAtTheMountPointIsNotTheVolume) {
     EXPECT_EQ(outcomeOf(service_.unmount(true)), "Skiff is not mounted.");
     EXPECT_EQ(outcomeOf(service_.unmountGracefully(3s)), "Skiff is not mounted.");
     EXPECT_TRUE(volume_.calls().empty());
+    volume_.failWith("mount.skiff", "fuse: device not found\n");
+    EXPECT_EQ(outcomeOf(service_.mount()), "fuse: device not found");
+    std::filesystem::remove(volume_.dir() / "fail-mount.skiff");
     EXPECT_EQ(outcomeOf(service_.mount()), "ok");
     EXPECT_TRUE(service_.isMounted());
 
     // A table that cannot be read counts as nothing mounted.
     std::filesystem::remove(volume_.table());
     EXPECT_FALSE(service_.isMounted());
-}
-
-TEST_F(MountServiceTest, ToolFailuresComeBackInTheToolsWords) {
-    volume_.failWith("mount.skiff", "fuse: device not found\n");
-    EXPECT_EQ(outcomeOf(service_.mount()), "fuse: device not found");
-    EXPECT_FALSE(service_.isMounted());
-    EXPECT_EQ(volume_.calls(), (Calls{"mount.skiff " + anchor() + " " + mp()}));
-
-    std::filesystem::remove(volume_.dir() / "fail-mount.skiff");
-    ASSERT_EQ(outcomeOf(service_.mount()), "ok");
-    volume_.failWith("fusermount3", "");
-    EXPECT_EQ(outcomeOf(service_.unmount(true)),
-              volume_.tool("fusermount3") + " exited with status 1");
-    EXPECT_EQ(volume_.calls().back(), "fusermount3 -u -z " + mp());
 }
 
 TEST_F(MountServiceTest, AGracefulUnmountFallsBackToForceOnlyWhileStillMounted) {

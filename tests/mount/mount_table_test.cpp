@@ -42,13 +42,5 @@ TEST(MountTable, TheLastMountAtExactlyThePathDecides) {
     EXPECT_EQ(mountedTypeAt("1 1 0:1 / /a\\134b\\011c rw - ext4 x rw", "/a\\b\tc"), "ext4");
 }
 
-TEST(MountTable, OnlySkiffTypesAreTheVolume) {
-    EXPECT_TRUE(isSkiffType("skiff"));
-    EXPECT_TRUE(isSkiffType("fuse.skiff"));
-    for (const char* other : {"fuse", "fuse.sshfs", "fuse.skiff2", "fuseblk", "Skiff", ""}) {
-        EXPECT_FALSE(isSkiffType(other)) << other;
-    }
-}
-
 }  // namespace
 }  // namespace skiff::mount

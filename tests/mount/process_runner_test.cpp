@@ -88,13 +88,6 @@ TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatus) {
     }
 }
 
-TEST_F(ProcessRunnerTest, ArgumentsArriveAsGivenOneEach) {
-    const auto path = tool("args",
-                           "[ $# -eq 3 ] && [ \"$1\" = 'a b' ] && [ \"$2\" = '' ] && "
-                           "[ \"$3\" = '$HOME' ] || { echo \"got $#: $*\" >&2; exit 1; }");
-    EXPECT_EQ(outcomeOf([&] { runCommand(path, {"a b", "", "$HOME"}); }), "ok");
-}
-
 TEST_F(ProcessRunnerTest, AMissingToolIsALaunchFailureNamingItsPath) {
     const auto missing = (volume_.dir() / "no-such-tool").string();
     for (const bool timed : {false, true}) {
