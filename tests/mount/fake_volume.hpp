@@ -4,12 +4,15 @@
 // What a tool does beyond that is chosen per test through files in the directory
 // (fail-<tool>, hang-<tool>), so one set of scripts serves every case.
 
+#include <asio.hpp>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "mount/mount_error.hpp"
 #include "mount/mount_service.hpp"
 #include "support/child_process.hpp"
 
@@ -25,6 +28,36 @@ inline std::string readText(const fs::path& path) {
 
 inline void writeText(const fs::path& path, const std::string& text) {
     std::ofstream(path, std::ios::trunc) << text;
+}
+
+// "ok", or what a call failed with, a time-out marked as such.
+inline std::string describe(const std::exception& error) {
+    const auto* mountError = dynamic_cast<const MountServiceError*>(&error);
+    const bool timedOut =
+        mountError != nullptr && mountError->errorCase() == MountServiceError::Case::timedOut;
+    return (timedOut ? "timedOut: " : "") + std::string(error.what());
+}
+
+template <class Run>
+std::string outcomeOf(Run run) {
+    try {
+        run();
+        return "ok";
+    } catch (const std::exception& error) {
+        return describe(error);
+    }
+}
+
+// The same, worked out on the thread the call ran on: an exception handed to the test's
+// thread would be freed by whichever side lets go last, through a reference count that
+// ThreadSanitizer cannot see.
+inline asio::awaitable<std::string> outcomeOf(asio::awaitable<void> call) {
+    try {
+        co_await std::move(call);
+        co_return "ok";
+    } catch (const std::exception& error) {
+        co_return describe(error);
+    }
 }
 
 class FakeVolume {

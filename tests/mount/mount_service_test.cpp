@@ -26,14 +26,8 @@ class MountServiceTest : public ::testing::Test {
 protected:
     void SetUp() override { runtime_.start(); }
 
-    // "ok", or the message the call failed with.
     std::string outcomeOf(asio::awaitable<void> call) {
-        try {
-            runSync(runtime_.executor(), std::move(call));
-            return "ok";
-        } catch (const std::exception& error) {
-            return error.what();
-        }
+        return runSync(runtime_.executor(), testing::outcomeOf(std::move(call)));
     }
     std::string mp() const { return volume_.mountPoint().string(); }
     std::string anchor() const { return (volume_.container() / "source-anchor").string(); }
@@ -161,10 +155,11 @@ TEST_F(MountServiceTest, TheCallersLoopKeepsTurningWhileTheHelperRuns) {
                              answer.string() + "' ] || { echo no answer >&2; exit 1; }\n";
     testing::writeText(
         helper, body.substr(0, body.find('\n') + 1) + wait + body.substr(body.find('\n') + 1));
-    auto mounted = asio::co_spawn(runtime_.executor(), service_.mount(), asio::use_future);
+    auto mounted =
+        asio::co_spawn(runtime_.executor(), testing::outcomeOf(service_.mount()), asio::use_future);
     asio::post(runtime_.executor(), [answer] { testing::writeText(answer, "yes"); });
     ASSERT_TRUE(::skiff::testing::readyInTime(mounted));
-    mounted.get();
+    EXPECT_EQ(mounted.get(), "ok");
     EXPECT_TRUE(service_.isMounted());
 }
 
