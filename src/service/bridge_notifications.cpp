@@ -2,8 +2,8 @@
 #include <utility>
 
 #include "common/json.hpp"
+#include "common/notification_payloads.hpp"
 #include "service/bridge_core.hpp"
-#include "service/notification_payloads.hpp"
 
 namespace skiff::service {
 

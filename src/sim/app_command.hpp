@@ -33,7 +33,7 @@
 #include <string_view>
 #include <variant>
 
-#include "service/notification_payloads.hpp"
+#include "common/notification_payloads.hpp"
 
 namespace skiff::sim {
 

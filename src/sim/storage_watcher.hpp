@@ -17,8 +17,8 @@
 #include <string>
 #include <string_view>
 
+#include "common/notification_payloads.hpp"
 #include "common/unique_fd.hpp"
-#include "service/notification_payloads.hpp"
 #include "sim/reporter.hpp"
 
 namespace skiff::sim {
