@@ -93,6 +93,41 @@ void copyContents(int from, int to, std::uint64_t byteCount, const std::string& 
     }
 }
 
+// The fetched file under the destination's name without a copy, when both lie on one file
+// system: a second name, put in place in one step with the mode a new file would get. The
+// service removes only its own name at the release. False when that cannot be done.
+bool linkOut(const std::filesystem::path& fetched, const std::filesystem::path& destination,
+             const std::string& token) {
+    const auto folder =
+        destination.has_parent_path() ? destination.parent_path() : std::filesystem::path(".");
+    const auto temp = folder / ("." + destination.filename().string() + ".skiff-" + token);
+    if (::link(fetched.c_str(), temp.c_str()) != 0) {
+        return false;
+    }
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    if (::chmod(temp.c_str(), 0666 & ~mask) != 0 ||
+        ::rename(temp.c_str(), destination.c_str()) != 0) {
+        ::unlink(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Copies the fetched file to the destination in place; removes what it wrote on failure.
+void copyOut(int from, const std::filesystem::path& destination, std::uint64_t byteCount) {
+    UniqueFd to(::open(destination.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (to.get() < 0) {
+        throw LocalFailure{"cannot write " + destination.string() + ": " + systemError(errno)};
+    }
+    try {
+        copyContents(from, to.get(), byteCount, destination.string());
+    } catch (const LocalFailure&) {
+        ::unlink(destination.c_str());
+        throw;
+    }
+}
+
 // Makes one RequestFileIO call on another thread and shows this session's progress, as the
 // service reports it to observers, until the answer arrives. Throws BusError.
 HarborClient::FileIOReply requestWithProgress(CtlSession& session, TransferReport& report,
@@ -240,15 +275,8 @@ int runPull(CtlSession& session, const Output& out, const std::string& identifie
             throw LocalFailure{"cannot open the fetched file in the shared transfer folder: " +
                                e.cause().message()};
         }
-        UniqueFd to(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-        if (to.get() < 0) {
-            throw LocalFailure{"cannot write " + path.string() + ": " + systemError(errno)};
-        }
-        try {
-            copyContents(from.get(), to.get(), descriptor->byteCount, path.string());
-        } catch (const LocalFailure&) {
-            ::unlink(path.c_str());
-            throw;
+        if (!linkOut(storage.containerPath() / descriptor->fileName, path, descriptor->token)) {
+            copyOut(from.get(), path, descriptor->byteCount);
         }
     } catch (const LocalFailure& failure) {
         return localFailure(report, failure.message);
@@ -276,8 +304,13 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
     const transfer::SharedFileStorage storage;
     try {
         try {
-            UniqueFd to = storage.create(staged, byteCount);
-            copyContents(from.get(), to.get(), byteCount, file);
+            // A second name for the file costs nothing when it is on the folder's file
+            // system (the service reads it and removes only that name); a copy otherwise.
+            const auto linked = storage.containerPath() / staged;
+            if (::linkat(AT_FDCWD, file.c_str(), AT_FDCWD, linked.c_str(), 0) != 0) {
+                UniqueFd to = storage.create(staged, byteCount);
+                copyContents(from.get(), to.get(), byteCount, file);
+            }
         } catch (const transfer::SharedFileStorageError& e) {
             throw LocalFailure{"cannot place the file in the shared transfer folder: " +
                                e.cause().message()};

@@ -2,6 +2,7 @@
 // shared transfer folder to the simulated phone, the bytes compared at both ends.
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -65,6 +66,18 @@ protected:
     }
 
     TempDir local_{"skiff-transfer-local"};
+    // Memory-backed, so never the transfer folder's file system.
+    struct ShmDir {
+        std::string dir = [] {
+            std::string path = "/dev/shm/skiff-transfer-XXXXXX";
+            return ::mkdtemp(path.data()) != nullptr ? path : std::string("/nonexistent");
+        }();
+        ~ShmDir() {
+            std::error_code ignored;
+            fs::remove_all(dir, ignored);
+        }
+        const std::string& path() const { return dir; }
+    } otherFileSystem_;
 };
 
 TEST_F(TransferE2eTest, PulledAndPushedBytesMatchAtChunkBoundaries) {
@@ -74,7 +87,12 @@ TEST_F(TransferE2eTest, PulledAndPushedBytesMatchAtChunkBoundaries) {
         const auto onPhone = pattern(size, 1);
         writeFile(fs::path(stack_.storage()) / "Documents" / name, onPhone);
 
+        // Into the transfer folder's file system (a second name) and into another (a copy).
         const auto pulledTo = fs::path(local_.path()) / name;
+        const auto copiedTo = fs::path(otherFileSystem_.path()) / name;
+        const auto copied = run({"pull", "Documents/" + name, copiedTo.string()});
+        ASSERT_EQ(copied.exitStatus, 0) << copied.output;
+        EXPECT_EQ(readFile(copiedTo), onPhone);
         const auto pulled = run({"--json", "pull", "Documents/" + name, pulledTo.string()});
         ASSERT_EQ(pulled.exitStatus, 0) << pulled.output;
         EXPECT_EQ(readFile(pulledTo), onPhone);
