@@ -128,11 +128,13 @@ void copyOut(int from, const std::filesystem::path& destination, std::uint64_t b
     }
 }
 
-// Makes one RequestFileIO call on another thread and shows this session's progress, as the
-// service reports it to observers, until the answer arrives. Throws BusError.
+// Subscribes to the service's signals, makes one RequestFileIO call on another thread and
+// shows this session's progress, as the service reports it to observers, until the answer
+// arrives. Throws BusError.
 HarborClient::FileIOReply requestWithProgress(CtlSession& session, TransferReport& report,
                                               const Uuid& sessionID, FileIOOperation operation,
                                               Bytes body) {
+    session.observe();
     auto answer = std::async(std::launch::async, [&session, operation, body = std::move(body)] {
         return session.client().requestFileIO(static_cast<std::int64_t>(operation), body);
     });
@@ -180,6 +182,13 @@ int serviceFailure(TransferReport& report, std::int64_t status, const std::strin
     report.failed(status, message);
     std::cerr << "skiffctl: " << message << std::endl;
     return kExitFailed;
+}
+
+// A begin request the service answered with a failure; `refusal` words the phone's refusal.
+int beginFailed(TransferReport& report, std::int64_t status,
+                const std::function<std::string()>& refusal) {
+    const bool refused = status == static_cast<std::int64_t>(FileIOBridgeError::deviceRejected);
+    return serviceFailure(report, status, refused ? refusal() : fileIOStatusText(status));
 }
 
 int localFailure(TransferReport& report, const std::string& message) {
@@ -243,7 +252,6 @@ int runPull(CtlSession& session, const Output& out, const std::string& identifie
                             "cannot write in " + folder.string() + ": " + systemError(errno));
     }
     const auto start = Clock::now();
-    session.observe();
     const Uuid sessionID = Uuid::random();
     auto body = json::encode(transfer::FileIOBeginReadRequest{identifier, sessionID});
     if (!body) {
@@ -252,11 +260,7 @@ int runPull(CtlSession& session, const Output& out, const std::string& identifie
     const auto reply =
         requestWithProgress(session, report, sessionID, FileIOOperation::beginRead, *body);
     if (reply.status != 0) {
-        const bool refused =
-            reply.status == static_cast<std::int64_t>(FileIOBridgeError::deviceRejected);
-        return serviceFailure(
-            report, reply.status,
-            refused ? whyRefused(session, identifier) : fileIOStatusText(reply.status));
+        return beginFailed(report, reply.status, [&] { return whyRefused(session, identifier); });
     }
     const auto descriptor = json::decode<transfer::SharedFileDescriptor>(reply.response);
     if (!descriptor) {
@@ -326,7 +330,6 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
         endTransfer<transfer::FileIOEndWriteRequest>(session, FileIOOperation::endWrite,
                                                      transferID.text());
     });
-    session.observe();
     const Uuid sessionID = Uuid::random();
     // No expected content version: the push replaces whatever the phone holds.
     auto body = json::encode(transfer::FileIOBeginWriteRequest{
@@ -337,12 +340,9 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
     const auto reply =
         requestWithProgress(session, report, sessionID, FileIOOperation::beginWrite, *body);
     if (reply.status != 0) {
-        const bool refused =
-            reply.status == static_cast<std::int64_t>(FileIOBridgeError::deviceRejected);
-        return serviceFailure(
-            report, reply.status,
-            refused ? "the phone refused to store \"" + identifier + "\" (does its folder exist?)"
-                    : fileIOStatusText(reply.status));
+        return beginFailed(report, reply.status, [&] {
+            return "the phone refused to store \"" + identifier + "\" (does its folder exist?)";
+        });
     }
     report.finished(byteCount, std::chrono::duration<double>(Clock::now() - start).count());
     return kExitOk;
