@@ -205,11 +205,11 @@ int runLookup(CtlSession& session, const Output& out, const std::string& identif
     if (const auto parsed = json::enumFromText<relay::RelayLookupSource>(source)) {
         request.source = *parsed;
     } else {
-        return fail("unknown look-up source \"" + source + "\"");
+        return fail("unknown look-up source \"" + source + "\"", kExitUsage);
     }
     auto body = json::encode(request);
     if (!body) {
-        return fail("the identifier is not valid UTF-8");
+        return fail("the identifier is not valid UTF-8", kExitUsage);
     }
     const auto reply = session.client().relayToUsbMux(
         static_cast<std::int64_t>(relay::UsbMuxRelaySelector::lookupItem), std::move(*body));
@@ -239,7 +239,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
     if (bodyPath) {
         auto read = readBody(*bodyPath);
         if (!read) {
-            return fail("cannot read " + *bodyPath);
+            return fail("cannot read " + *bodyPath, kExitBadInput);
         }
         body = std::move(*read);
     }
@@ -249,7 +249,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
         file.write(reinterpret_cast<const char*>(reply.response.data()),
                    static_cast<std::streamsize>(reply.response.size()));
         if (!file) {
-            return fail("cannot write " + *outputPath);
+            return fail("cannot write " + *outputPath, kExitBadInput);
         }
     }
     if (out.json) {

@@ -204,6 +204,7 @@ TEST_F(TransferE2eTest, EveryFailureKindHasItsExitStatus) {
         {{"ingest", "65M"}, 4, "one bus message carries no more"},
         {{"--bogus", "version"}, 4, ""},
         {{"push", missing, "Documents/x"}, 3, "cannot read"},
+        {{"relay", "2", "--body", missing}, 3, "cannot read"},
         {{"pull", "Documents/notes.txt", missing + "/in/no/folder"}, 3, "cannot write"},
         {{"pull", "Documents/absent.txt", local_.path()}, 1, "not found on the phone"},
     };
