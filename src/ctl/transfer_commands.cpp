@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <iostream>
 #include <system_error>
 #include <variant>
+#include <vector>
 
 #include "common/bridge_messages.hpp"
 #include "common/json.hpp"
