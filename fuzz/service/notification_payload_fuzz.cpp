@@ -1,11 +1,13 @@
-// Notification bodies arrive from the phone as push payloads: every decoder must reject
-// bad input quietly, and whatever decodes must encode back to an equal record.
+// Notification bodies arrive from the phone as push payloads, and clients decode the
+// service's status body: every decoder must reject bad input quietly, and whatever decodes
+// must encode back to an equal record.
 
 #include <cstddef>
 #include <cstdint>
 
 #include "common/notification_payloads.hpp"
 #include "fuzz/support/json_round_trip.hpp"
+#include "service/service_status.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace skiff::service;
@@ -14,5 +16,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     skiff::fuzz::checkRoundTrip<FileIOProgressPayload>(body);
     skiff::fuzz::checkRoundTrip<MountControlNotifyPayload>(body);
     skiff::fuzz::checkRoundTrip<ItemMutationNotifyPayload>(body);
+    skiff::fuzz::checkRoundTrip<ServiceStatus>(body);
     return 0;
 }

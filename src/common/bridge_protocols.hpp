@@ -58,6 +58,12 @@ public:
                                std::function<void(Bytes, std::int64_t)> reply) = 0;
     virtual void filesystemDidUnmount() = 0;
     virtual void shutdown(std::function<void(bool)> reply) = 0;
+    // The service's state for people and scripts (a ServiceStatus JSON body). Not every
+    // host offers it.
+    virtual void getStatus(std::function<void(Bytes)> reply) {
+        (void)reply;
+        throw NotSupported("status is not available from this host");
+    }
 };
 
 // What every client implements; the service calls it through a remote proxy.

@@ -40,6 +40,8 @@ int priorityOf(Level level) {
             return LOG_DEBUG;
         case Level::info:
             return LOG_INFO;
+        case Level::warning:
+            return LOG_WARNING;
         case Level::error:
             return LOG_ERR;
         case Level::fault:
@@ -54,6 +56,8 @@ const char* nameOf(Level level) {
             return "debug";
         case Level::info:
             return "info";
+        case Level::warning:
+            return "warning";
         case Level::error:
             return "error";
         case Level::fault:
@@ -135,6 +139,7 @@ void Logger::write(Level level, const char* format, va_list args) const {
     }
 SKIFF_LOG_LEVEL(debug)
 SKIFF_LOG_LEVEL(info)
+SKIFF_LOG_LEVEL(warning)
 SKIFF_LOG_LEVEL(error)
 SKIFF_LOG_LEVEL(fault)
 #undef SKIFF_LOG_LEVEL

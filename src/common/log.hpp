@@ -11,7 +11,7 @@
 
 namespace skiff::log {
 
-enum class Level { debug, info, error, fault };
+enum class Level { debug, info, warning, error, fault };
 
 struct Record {
     std::string subsystem;
@@ -28,6 +28,8 @@ public:
 
     void debug(const char* format, ...) const;
     void info(const char* format, ...) const;
+    // Something is off but the service carries on (a setting that points nowhere).
+    void warning(const char* format, ...) const;
     void error(const char* format, ...) const;
     void fault(const char* format, ...) const;
     void write(Level level, const char* format, va_list args) const;

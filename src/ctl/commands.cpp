@@ -9,6 +9,7 @@
 #include <iostream>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <system_error>
 #include <variant>
 #include <vector>
@@ -75,6 +76,37 @@ std::optional<Bytes> readBody(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(file), {});
 }
 
+// The service's speed-test report ("UDID: ...", "RTT: 1.23 ms", "Download: 9.87 MiB/s (...)",
+// "Upload: ...") as named numbers; a line that does not parse is left out.
+Json speedTestFields(const std::string& report) {
+    Json fields{{"ok", true}};
+    std::istringstream lines(report);
+    for (std::string line; std::getline(lines, line);) {
+        const auto colon = line.find(": ");
+        if (colon == std::string::npos) {
+            continue;
+        }
+        const auto key = line.substr(0, colon);
+        const auto value = line.substr(colon + 2);
+        if (key == "UDID") {
+            fields["udid"] = value;
+            continue;
+        }
+        double number = 0;
+        if (std::sscanf(value.c_str(), "%lf", &number) != 1) {
+            continue;
+        }
+        if (key == "RTT") {
+            fields["rttSeconds"] = number / 1000;
+        } else if (key == "Download") {
+            fields["downloadMiBPerSecond"] = number;
+        } else if (key == "Upload") {
+            fields["uploadMiBPerSecond"] = number;
+        }
+    }
+    return fields;
+}
+
 bool stopRequested() {
     sigset_t pending;
     sigemptyset(&pending);
@@ -117,7 +149,7 @@ int runPing(CtlSession& session, const Output& out, std::int64_t role) {
     const bool ok = session.client().ping(role);
     const double ms = millisecondsSince(start);
     if (out.json) {
-        printJson({{"role", role}, {"ok", ok}, {"milliseconds", ms}});
+        printJson({{"role", role}, {"ok", ok}, {"seconds", ms / 1000}});
     } else {
         std::cout << "ping role " << role << ": " << (ok ? "yes" : "no") << " ("
                   << format("%.3f", ms) << " ms)" << std::endl;
@@ -127,7 +159,7 @@ int runPing(CtlSession& session, const Output& out, std::int64_t role) {
 
 int runEcho(CtlSession& session, const Output& out, std::uint64_t count) {
     std::vector<double> times;
-    for (std::uint64_t i = 0; i < std::max<std::uint64_t>(count, 1); ++i) {
+    for (std::uint64_t i = 0; i < count; ++i) {
         const auto start = Clock::now();
         session.client().echo();
         times.push_back(millisecondsSince(start));
@@ -136,9 +168,9 @@ int runEcho(CtlSession& session, const Output& out, std::uint64_t count) {
     const double median = times[times.size() / 2];
     if (out.json) {
         printJson({{"count", times.size()},
-                   {"minMilliseconds", times.front()},
-                   {"medianMilliseconds", median},
-                   {"maxMilliseconds", times.back()}});
+                   {"minSeconds", times.front() / 1000},
+                   {"medianSeconds", median / 1000},
+                   {"maxSeconds", times.back() / 1000}});
     } else if (times.size() == 1) {
         std::cout << "echo: " << format("%.3f", median) << " ms" << std::endl;
     } else {
@@ -152,7 +184,7 @@ int runEcho(CtlSession& session, const Output& out, std::uint64_t count) {
 int runSpeedTest(CtlSession& session, const Output& out) {
     const auto [ok, text] = session.client().runUsbMuxSpeedTest();
     if (out.json) {
-        printJson({{"ok", ok}, {"text", text}});
+        printJson(ok ? speedTestFields(text) : Json{{"ok", false}, {"message", text}});
     } else {
         (ok ? std::cout : std::cerr) << text << std::endl;
     }
@@ -165,11 +197,11 @@ int runLookup(CtlSession& session, const Output& out, const std::string& identif
     if (const auto parsed = json::enumFromText<relay::RelayLookupSource>(source)) {
         request.source = *parsed;
     } else {
-        return fail("unknown look-up source \"" + source + "\"");
+        return fail("unknown look-up source \"" + source + "\"", kExitUsage);
     }
     auto body = json::encode(request);
     if (!body) {
-        return fail("the identifier is not valid UTF-8");
+        return fail("the identifier is not valid UTF-8", kExitUsage);
     }
     const auto reply = session.client().relayToUsbMux(
         static_cast<std::int64_t>(relay::UsbMuxRelaySelector::lookupItem), std::move(*body));
@@ -199,7 +231,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
     if (bodyPath) {
         auto read = readBody(*bodyPath);
         if (!read) {
-            return fail("cannot read " + *bodyPath);
+            return fail("cannot read " + *bodyPath, kExitBadInput);
         }
         body = std::move(*read);
     }
@@ -209,7 +241,7 @@ int runRelay(CtlSession& session, const Output& out, std::int64_t selector,
         file.write(reinterpret_cast<const char*>(reply.response.data()),
                    static_cast<std::streamsize>(reply.response.size()));
         if (!file) {
-            return fail("cannot write " + *outputPath);
+            return fail("cannot write " + *outputPath, kExitBadInput);
         }
     }
     if (out.json) {

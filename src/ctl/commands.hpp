@@ -11,12 +11,23 @@
 
 namespace skiff::ctl {
 
+// Every command ends with one of these (README and --help list them too).
 enum ExitStatus : int {
     kExitOk = 0,
-    kExitFailed = 1,       // the service answered, with a failure
+    kExitFailed = 1,       // the service or the phone answered, with a failure
     kExitUnreachable = 2,  // no answer: the bus, the service or the registration failed
-    kExitBadInput = 3      // an input named on the command line could not be read or parsed
+    kExitBadInput = 3,     // a local file could not be read, parsed or written
+    kExitUsage = 4         // the command line is wrong (unknown command, bad or missing value)
 };
+
+// What --help says about the statuses above.
+inline constexpr const char* kExitStatusHelp =
+    "Exit status: 0 success, 1 the service or the phone answered with a failure, 2 the bus or "
+    "the service could not be reached (or refused the registration), 3 a local file could not "
+    "be read, parsed or written, 4 the command line is wrong.";
+
+// The largest byte count one bus message can carry, so the largest a measurement may ask for.
+inline constexpr std::uint64_t kMaxBusBytes = 64ull * 1024 * 1024;
 
 // Up to this size a relay body rides in the bus message; setting up a shared buffer costs
 // more than copying it.

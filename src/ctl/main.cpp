@@ -10,9 +10,12 @@
 #include <optional>
 #include <string>
 
+#include "common/version.hpp"
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
 #include "ctl/item_commands.hpp"
+#include "ctl/status_commands.hpp"
+#include "ctl/transfer_commands.hpp"
 #include "ctl/update_check.hpp"
 
 namespace {
@@ -33,11 +36,29 @@ void holdStopSignals() {
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+// Sizes travel in one bus message, which holds no more than 64 MiB.
+const CLI::Validator kBusSized(
+    [](const std::string& value) -> std::string {
+        try {
+            if (std::stoull(value) <= skiff::ctl::kMaxBusBytes) {
+                return {};
+            }
+        } catch (const std::exception&) {
+        }
+        return "at most 64M (" + std::to_string(skiff::ctl::kMaxBusBytes) +
+               " bytes): one bus message carries no more";
+    },
+    "SIZE<=64M");
+
 }  // namespace
 
 int main(int argc, char** argv) {
     CLI::App app{"skiffctl: use skiffd, the Skiff service, from the command line"};
     app.require_subcommand(1);
+    // The common options may follow the command too (`skiffctl status --json`).
+    app.fallthrough();
+    app.set_version_flag("--version", std::string("skiffctl ") + skiff::kVersionText);
+    app.footer(skiff::ctl::kExitStatusHelp);
 
     std::optional<std::string> role;
     double timeoutSeconds = 120;
@@ -45,8 +66,8 @@ int main(int argc, char** argv) {
     skiff::ctl::Output out;
     app.add_option("--role", role,
                    "Register as the desktop app or the file provider before the command, or not "
-                   "at all (default: desktop for ping, lookup, relay and the measurements "
-                   "between the service and the file provider; none for the others)")
+                   "at all (default: desktop for ping, lookup, relay, pull, push and the "
+                   "measurements between the service and the file provider; none for the others)")
         ->check(CLI::IsMember({"desktop", "fileprovider", "none"}));
     app.add_option("--timeout", timeoutSeconds, "Seconds to wait for each call to the service")
         ->check(CLI::PositiveNumber)
@@ -64,7 +85,9 @@ int main(int argc, char** argv) {
 
     std::uint64_t echoCount = 1;
     auto* echo = app.add_subcommand("echo", "Time empty round trips to the service");
-    echo->add_option("--count", echoCount, "How many round trips")->capture_default_str();
+    echo->add_option("--count", echoCount, "How many round trips")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000}))
+        ->capture_default_str();
 
     auto* speedtest =
         app.add_subcommand("speedtest", "Measure latency and bandwidth to the phone's app");
@@ -104,14 +127,16 @@ int main(int argc, char** argv) {
     auto* ingest = app.add_subcommand("ingest", "Send bytes to the service and time it");
     ingest->add_option("bytes", ingestBytes, "How many bytes (suffixes K, M, G allowed)")
         ->required()
-        ->transform(CLI::AsSizeValue(false));
+        ->transform(CLI::AsSizeValue(false))
+        ->check(kBusSized);
 
     std::uint64_t chunkSize = 0;
     std::uint64_t chunkCount = 0;
     auto addChunks = [&](CLI::App* command) {
         command->add_option("chunk", chunkSize, "Bytes per chunk (suffixes K, M, G allowed)")
             ->required()
-            ->transform(CLI::AsSizeValue(false));
+            ->transform(CLI::AsSizeValue(false))
+            ->check(kBusSized);
         command->add_option("count", chunkCount, "How many chunks")->required();
     };
     auto* hostToExt =
@@ -136,7 +161,31 @@ int main(int argc, char** argv) {
 
     const skiff::ctl::ItemCommands itemCommands(app);
 
-    CLI11_PARSE(app, argc, argv);
+    std::string pullIdentifier;
+    std::optional<std::string> pullDestination;
+    auto* pull = app.add_subcommand("pull", "Copy an item from the phone to a local file");
+    pull->add_option("identifier", pullIdentifier, "Path of the item in the app's storage")
+        ->required();
+    pull->add_option("destination", pullDestination,
+                     "Local file or folder (default: the item's name in the current folder)");
+    std::string pushFile;
+    std::string pushIdentifier;
+    auto* push = app.add_subcommand("push", "Copy a local file to an item on the phone");
+    push->add_option("file", pushFile, "The local file")->required();
+    push->add_option("identifier", pushIdentifier, "Path of the item in the app's storage")
+        ->required();
+    auto* devices = app.add_subcommand("devices", "List the UDIDs of the attached phones");
+    auto* status =
+        app.add_subcommand("status",
+                           "Show whether skiffd runs, which phones are attached and whether a file "
+                           "provider is registered");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        // --help and --version end here too, with status 0.
+        return app.exit(e) == 0 ? skiff::ctl::kExitOk : skiff::ctl::kExitUsage;
+    }
 
     std::int64_t pingTarget = 0;
     if (ping->parsed()) {
@@ -147,7 +196,7 @@ int main(int argc, char** argv) {
                 pingTarget = std::stoll(pingRole);
             } catch (const std::exception&) {
                 std::cerr << "skiffctl: unknown role \"" << pingRole << "\"" << std::endl;
-                return skiff::ctl::kExitFailed;
+                return skiff::ctl::kExitUsage;
             }
         }
     }
@@ -159,7 +208,7 @@ int main(int argc, char** argv) {
     // out a desktop app or file provider that is running.
     const bool needsRole = ping->parsed() || lookup->parsed() || relay->parsed() ||
                            hostToExt->parsed() || extToHost->parsed() || extToHostPing->parsed() ||
-                           itemCommands.parsed();
+                           pull->parsed() || push->parsed() || itemCommands.parsed();
     const std::string registerAs = role.value_or(needsRole ? "desktop" : "none");
 
     try {
@@ -208,6 +257,18 @@ int main(int argc, char** argv) {
         }
         if (itemCommands.parsed()) {
             return itemCommands.run(session, out);
+        }
+        if (pull->parsed()) {
+            return runPull(session, out, pullIdentifier, pullDestination);
+        }
+        if (push->parsed()) {
+            return runPush(session, out, pushFile, pushIdentifier);
+        }
+        if (devices->parsed()) {
+            return runDevices(session, out);
+        }
+        if (status->parsed()) {
+            return runStatus(session, out);
         }
     } catch (const skiff::service::dbus::BusError& e) {
         std::cerr << "skiffctl: " << e.name() << ": " << e.message() << std::endl;

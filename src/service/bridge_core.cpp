@@ -127,6 +127,16 @@ std::optional<std::int64_t> BridgeCore::roleOfHost(const HarborBridgeHostProtoco
     return std::nullopt;
 }
 
+std::vector<std::string> BridgeCore::attachedDevices() const {
+    Lock guard(lock_);
+    return attached_;
+}
+
+bool BridgeCore::hasClient(std::int64_t role) const {
+    Lock guard(lock_);
+    return byRole_.contains(role);
+}
+
 std::shared_ptr<HarborBridgeClientProtocol> BridgeCore::clientProxy(
     std::int64_t role, std::function<void(const ClientCallFailure&)> onFailure) const {
     std::shared_ptr<ClientConnection> connection;

@@ -66,6 +66,9 @@ public:
     // Observers hear of every notification and device event from now on.
     void setObserver(std::shared_ptr<BridgeObserver> observer);
     std::optional<std::string> usbMuxConnection() const;
+    // Every phone attached, in the order they came.
+    std::vector<std::string> attachedDevices() const;
+    bool hasClient(std::int64_t role) const;
 
     void handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid);
 

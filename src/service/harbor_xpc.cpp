@@ -10,6 +10,7 @@
 #include "common/task.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/service_status.hpp"
 #include "transfer/file_io_records.hpp"
 #include "transfer/transfer_coordinator.hpp"
 #include "tunnel/tunnel_frame.hpp"
@@ -410,6 +411,15 @@ void Harbor_XPC::filesystemDidUnmount() {
 
 void Harbor_XPC::shutdown(std::function<void(bool)>) {
     throw NotSupported("shutdown is not available in this build");
+}
+
+void Harbor_XPC::getStatus(std::function<void(Bytes)> reply) {
+    ServiceStatus status;
+    status.version = kBuildNumber;
+    status.attachedDevices = core_.attachedDevices();
+    status.fileProviderRegistered = core_.hasClient(kFileProvider);
+    // Device names come from usbmuxd; one that is not UTF-8 cannot be encoded.
+    reply(json::encode(status).value_or(Bytes{}));
 }
 
 }  // namespace skiff::service

@@ -44,6 +44,7 @@ public:
                        std::function<void(Bytes, std::int64_t)> reply) override;
     void filesystemDidUnmount() override;
     void shutdown(std::function<void(bool)> reply) override;
+    void getStatus(std::function<void(Bytes)> reply) override;
 
 private:
     BridgeCore& core_;

@@ -2,16 +2,19 @@
 // or SIGINT (exit 0) or until its bus connection is lost (exit 1, so that the unit's
 // restart-on-failure brings it back; a service holding no bus must not linger).
 #include <malloc.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <iostream>
 #include <memory>
+#include <string_view>
 
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
@@ -26,10 +29,32 @@
 #include "tunnel/tunnel_engine.hpp"
 #include "usbmuxkit/service/usbmux_service.hpp"
 
+namespace {
+
+// A socket address that names no socket is usually a typo or a daemon not started yet;
+// skiffd waits for it either way, but says so, since nothing else would.
+void warnIfUsbmuxdMissing() {
+    const char* address = std::getenv("USBMUXD_SOCKET_ADDRESS");
+    if (address == nullptr || std::string_view(address).substr(0, 5) != "UNIX:") {
+        return;
+    }
+    const char* path = address + 5;
+    struct stat info {};
+    if (::stat(path, &info) != 0 || !S_ISSOCK(info.st_mode)) {
+        skiff::log::xpc().warning(
+            "USBMUXD_SOCKET_ADDRESS names %{public}s, where no usbmuxd socket is; waiting for "
+            "one to appear",
+            path);
+    }
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     using namespace skiff;
     CLI::App app{"skiffd: the Skiff service on the session bus"};
-    app.set_version_flag("--version", std::to_string(kBuildNumber));
+    app.set_version_flag("--version", std::string("skiffd ") + kVersionText + " (build " +
+                                          std::to_string(kBuildNumber) + ")");
     service::dbus::ServiceAdapter::Options options;
     std::int64_t deadlineMs = options.clientDeadline.count();
     app.add_option("--client-deadline-ms", deadlineMs,
@@ -37,7 +62,17 @@ int main(int argc, char** argv) {
                    "gives up (tests shorten it)")
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
         ->capture_default_str();
-    CLI11_PARSE(app, argc, argv);
+    app.footer(
+        "Environment: DBUS_SESSION_BUS_ADDRESS (the session bus), USBMUXD_SOCKET_ADDRESS "
+        "(UNIX:/path or HOST:PORT of usbmuxd; unset: /var/run/usbmuxd), SKIFF_LOG=stderr (log to "
+        "standard error instead of the journal).\nExit status: 0 stopped by SIGTERM or SIGINT, 1 "
+        "the bus could not be served or was lost, 2 the command line is wrong.");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        return app.exit(e) == 0 ? 0 : 2;
+    }
+    warnIfUsbmuxdMissing();
     options.clientDeadline = std::chrono::milliseconds(deadlineMs);
     std::signal(SIGPIPE, SIG_IGN);
     // Bodies of megabytes come and go all the time (relays, pushes). Kept in the heap and

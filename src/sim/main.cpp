@@ -46,6 +46,9 @@ int serve(skiff::sim::SimPhoneOptions options) {
             }
         }
     } removeStorage{ownStorage};
+    // A session by hand names a fresh folder more often than not.
+    std::error_code madeDir;
+    std::filesystem::create_directories(dir, madeDir);
     skiff::sim::SimPhone phone(io, std::move(options), say);
     try {
         phone.start();

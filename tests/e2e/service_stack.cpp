@@ -46,7 +46,7 @@ bool NotificationRecorder::waitForState(BridgeState state, std::size_t from,
 
 ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorage,
                            std::vector<std::string> skiffdArgs)
-    : storage_("skiff-e2e-storage") {
+    : storage_("skiff-e2e-storage"), data_("skiff-e2e-data") {
     if (prepareStorage) {
         prepareStorage(storage_.path());
     }
@@ -97,7 +97,11 @@ std::unique_ptr<service::dbus::HarborClient> ServiceStack::connect(
 
 std::vector<std::string> ServiceStack::environment() const {
     return {"DBUS_SESSION_BUS_ADDRESS=" + busAddress(), phone_->muxEnvironment(),
-            "SKIFF_LOG=stderr"};
+            "SKIFF_LOG=stderr", "XDG_DATA_HOME=" + data_.path()};
+}
+
+std::string ServiceStack::container() const {
+    return data_.path() + "/Harbor/group.Mox.Harbor";
 }
 
 Bytes lookupBody(const std::string& identifier) {

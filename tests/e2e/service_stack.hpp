@@ -66,6 +66,8 @@ public:
     const std::string& busAddress() const { return bus_.address(); }
     testing::TestBus& bus() { return bus_; }
     const std::string& storage() const { return storage_.path(); }
+    // The shared transfer folder of skiffd and the clients started with environment().
+    std::string container() const;
     SimulatedPhone& phone() { return *phone_; }
     ChildProcess& service() { return *skiffd_; }
     // Stops skiffd, if it still runs, and starts a new one; returns once it answers.
@@ -83,6 +85,7 @@ private:
 
     testing::TestBus bus_;
     TempDir storage_;
+    TempDir data_;  // XDG_DATA_HOME, so that transfers stay out of the user's own folder
     std::unique_ptr<SimulatedPhone> phone_;
     std::unique_ptr<ChildProcess> skiffd_;
     std::vector<std::string> skiffdArgs_;

@@ -10,58 +10,13 @@
 
 #include "common/bridge_protocols.hpp"
 #include "common/json.hpp"
-#include "e2e/service_stack.hpp"
+#include "e2e/skiffctl_fixture.hpp"
 #include "relay/relay_schema.hpp"
 
 namespace skiff::test {
 namespace {
 
-struct CtlRun {
-    int exitStatus = -1;
-    std::string output;  // standard output and standard error together
-};
-
-class SkiffctlE2eTest : public ::testing::Test {
-protected:
-    std::unique_ptr<ChildProcess> start(std::vector<std::string> args,
-                                        std::vector<std::string> extraEnv = {}) {
-        args.insert(args.begin(), buildPath("src/ctl/skiffctl"));
-        auto env = stack_.environment();
-        env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-        return std::make_unique<ChildProcess>(std::move(args), std::move(env));
-    }
-
-    CtlRun run(std::vector<std::string> args, std::vector<std::string> extraEnv = {}) {
-        return finish(*start(std::move(args), std::move(extraEnv)));
-    }
-
-    static CtlRun finish(ChildProcess& process) {
-        const auto status = process.waitForExit(kE2eWait);
-        // The exit can be seen before the last output is read; waitForOutput returns once
-        // the output has ended when the text never comes.
-        process.waitForOutput(std::string_view("\0", 1), kE2eWait);
-        CtlRun result;
-        result.output = process.output();
-        if (status && WIFEXITED(*status)) {
-            result.exitStatus = WEXITSTATUS(*status);
-        }
-        return result;
-    }
-
-    ServiceStack stack_{writeNotes};
-};
-
-std::vector<json::Json> jsonLines(const std::string& output) {
-    std::vector<json::Json> lines;
-    std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        auto parsed = json::parse(Bytes(line.begin(), line.end()));
-        if (parsed) {
-            lines.push_back(std::move(*parsed));
-        }
-    }
-    return lines;
-}
+using SkiffctlE2eTest = SkiffctlFixture;
 
 // How many lines of the output are this JSON document.
 std::size_t linesEqualTo(const std::string& output, std::string_view document) {

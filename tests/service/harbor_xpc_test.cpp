@@ -10,10 +10,12 @@
 
 #include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
+#include "common/version.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
 #include "service/relay_transfer_sender.hpp"
 #include "service/service_fakes.hpp"
+#include "service/service_status.hpp"
 
 namespace skiff::service {
 namespace {
@@ -103,6 +105,26 @@ TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
     EXPECT_EQ(opener->answer(0, 0, {1, 2, 3}).size(), kLimit);
     ASSERT_TRUE(skiff::testing::readyInTime(reply));
     EXPECT_EQ(std::get<0>(reply.get()), (Bytes{1, 2, 3}));
+}
+
+TEST_F(HarborXpcTest, StatusFollowsPhonesInArrivalOrderAndTheFileProvider) {
+    auto stranger = client(std::nullopt);
+    auto statusNow = [&] {
+        std::promise<Bytes> answer;
+        stranger->host().getStatus([&](Bytes body) { answer.set_value(std::move(body)); });
+        auto future = answer.get_future();
+        EXPECT_TRUE(skiff::testing::readyInTime(future));
+        return json::decode<ServiceStatus>(future.get()).value_or(ServiceStatus{-1, {}, false});
+    };
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {}, false}));
+
+    auto extension = client(HarborBridgeClientRole::fileProvider);
+    for (const auto* udid : {"B", "A", "B"}) {  // a repeated arrival keeps its place
+        core->handleUsbDeviceEvent(1, udid);
+    }
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {"B", "A"}, true}));
+    core->handleUsbDeviceEvent(2, "B");  // removed
+    EXPECT_EQ(statusNow().attachedDevices, std::vector<std::string>{"A"});
 }
 
 TEST_F(HarborXpcTest, PingReachesOtherRolesThroughTheirEcho) {

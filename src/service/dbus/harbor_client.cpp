@@ -211,6 +211,9 @@ public:
         });
     }
     void shutdown(std::function<void(bool)> reply) override { call("Shutdown", std::move(reply)); }
+    void getStatus(std::function<void(Bytes)> reply) override {
+        call("GetStatus", std::move(reply));
+    }
 
     template <typename... R, typename... A>
     void call(const char* method, std::function<void(R...)> reply, A... args) {
@@ -498,6 +501,11 @@ void HarborClient::filesystemDidUnmount() {
 bool HarborClient::shutdown() {
     return std::get<0>(
         impl_->await<bool>([](HarborBridgeHostProtocol& h, auto reply) { h.shutdown(reply); }));
+}
+
+Bytes HarborClient::getStatus() {
+    return std::get<0>(
+        impl_->await<Bytes>([](HarborBridgeHostProtocol& h, auto reply) { h.getStatus(reply); }));
 }
 
 std::uint32_t HarborClient::registerSharedBuffer(int fd) {

@@ -86,6 +86,8 @@ public:
     FileIOReply requestFileIO(std::int64_t operation, Bytes param);
     void filesystemDidUnmount();
     bool shutdown();
+    // The ServiceStatus JSON body.
+    Bytes getStatus();
 
     // The shared-memory path. The descriptor is only lent: the service maps its own copy.
     std::uint32_t registerSharedBuffer(int fd);

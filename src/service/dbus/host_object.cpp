@@ -168,6 +168,10 @@ int shutdown(sd_bus_message* m, void* u, sd_bus_error* e) {
     return serve<std::tuple<bool>>(m, u, e, [](Host& h, auto reply) { h.shutdown(reply); });
 }
 
+int getStatus(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<Bytes>>(m, u, e, [](Host& h, auto reply) { h.getStatus(reply); });
+}
+
 int registerSharedBuffer(sd_bus_message* m, void* u, sd_bus_error* e) {
     UnixFd fd;
     if (wire::readAll(m, fd) < 0) {
@@ -289,6 +293,8 @@ const sd_bus_vtable kHostVtable[] = {
     SD_BUS_METHOD_WITH_NAMES("FilesystemDidUnmount", "", "", "", "", filesystemDidUnmount,
                              SD_BUS_VTABLE_UNPRIVILEGED | SD_BUS_VTABLE_METHOD_NO_REPLY),
     SD_BUS_METHOD_WITH_NAMES("Shutdown", "", "", "b", SD_BUS_PARAM(ok), shutdown,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("GetStatus", "", "", "ay", SD_BUS_PARAM(status), getStatus,
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("RegisterSharedBuffer", "h", SD_BUS_PARAM(buffer), "u",
                              SD_BUS_PARAM(bufferId), registerSharedBuffer,
