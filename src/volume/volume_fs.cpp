@@ -480,13 +480,11 @@ int VolumeFs::touch(const std::string& id, const char* path) {
     forget(id);
     const auto answer = item(id, RelayLookupSource::fsSetAttributesRefresh, true);
     // Whatever the phone says now, the kernel's view of the item and of its directory is
-    // stale. The kernel is told from another thread: it may wait for this very operation.
+    // stale. Dropping an inode's attributes takes no lock this operation holds, so it is
+    // done before answering: the next stat sees the phone's state.
     auto* fuse = fuse_get_context()->fuse;
-    std::string parentPath = "/" + parentOf(id);
-    asio::post(background_, [fuse, itemPath = std::string(path), parentPath] {
-        fuse_invalidate_path(fuse, itemPath.c_str());
-        fuse_invalidate_path(fuse, parentPath.c_str());
-    });
+    fuse_invalidate_path(fuse, path);
+    fuse_invalidate_path(fuse, ("/" + parentOf(id)).c_str());
     return -answer.error;
 }
 

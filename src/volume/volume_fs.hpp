@@ -15,8 +15,8 @@
 //
 // Threads: libfuse's worker threads call every operation at once; shared state is behind
 // the caches' locks and the open-file table's lock, and a handle's own lock serialises
-// the calls on one handle. Background work (read-ahead, kernel invalidations) runs on a
-// thread of its own so that no operation waits for it.
+// the calls on one handle. The read-ahead runs on a thread of its own so that no
+// operation waits for it.
 
 #define FUSE_USE_VERSION 31
 #include <fuse.h>
@@ -43,8 +43,8 @@ public:
     VolumeFs(const VolumeFs&) = delete;
     VolumeFs& operator=(const VolumeFs&) = delete;
 
-    // Waits for the background work; call it once libfuse's loop has ended and before the
-    // fuse object goes, as invalidations name it.
+    // Waits for the read-ahead in flight; call it once libfuse's loop has ended, while the
+    // service can still answer.
     void finish();
 
     // The operation table; each operation finds this object as the context's private data.

@@ -188,6 +188,11 @@ TEST_F(MountedVolume, APokeMakesAFileMadeOnThePhoneVisibleAtOnce) {
         listed = listed || entry.path().filename() == "fresh.txt";
     }
     EXPECT_TRUE(listed);
+    // A poke for an item deleted on the phone fails and the item is gone at once.
+    ASSERT_TRUE(fs::exists(docs / "fresh.txt"));
+    fs::remove(storage() / "Documents/fresh.txt");
+    EXPECT_EQ(::utimensat(AT_FDCWD, (docs / "fresh.txt").c_str(), nullptr, 0), -1);
+    EXPECT_FALSE(fs::exists(docs / "fresh.txt"));
     // A poke sets no time on the phone.
     const auto before = fs::last_write_time(storage() / "Documents/notes.txt");
     ASSERT_EQ(::utimensat(AT_FDCWD, (docs / "notes.txt").c_str(), nullptr, 0), 0) << errno;
