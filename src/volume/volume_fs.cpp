@@ -40,6 +40,9 @@ namespace {
 constexpr auto kCacheLifetime = std::chrono::seconds(1);
 constexpr double kKernelCacheSeconds = 1.0;
 constexpr std::size_t kCachedChunks = 8;
+// Chunks fetched ahead of a sequential reader, each by a thread of its own: the tunnel
+// carries several requests at once, and one in flight leaves it idle between replies.
+constexpr std::uint64_t kReadAheadChunks = 2;
 
 VolumeFs& self() {
     return *static_cast<VolumeFs*>(fuse_get_context()->private_data);
@@ -338,7 +341,9 @@ int VolumeFs::read(OpenFile& file, char* buffer, std::size_t size, off_t offset)
     }
     file.nextSequential = start + copied;
     if (sequential && copied > 0) {
-        readAhead(file, index + 1);
+        for (std::uint64_t ahead = 1; ahead <= kReadAheadChunks; ++ahead) {
+            readAhead(file, index + ahead);
+        }
     }
     return static_cast<int>(copied);
 }

@@ -83,7 +83,7 @@ private:
     // Handles open for writing, by item: their staged content is what the item is until
     // they are flushed (a new file exists only here until then).
     std::multimap<std::string, OpenFile*> writers_;
-    asio::thread_pool background_{1};
+    asio::thread_pool background_{2};  // one thread per chunk read ahead
 };
 
 }  // namespace skiff::volume
