@@ -392,20 +392,23 @@ int VolumeFs::truncate(const std::string& id, off_t size, fuse_file_info* fi) {
     if (size < 0) {
         return -EINVAL;
     }
-    OpenFile* writer = fi && handle(fi).writable ? &handle(fi) : nullptr;
-    if (!writer) {
-        std::lock_guard guard(openMutex_);
-        if (const auto it = writers_.find(id); it != writers_.end()) {
-            writer = it->second;
-        }
-    }
-    if (writer) {
-        std::lock_guard guard(writer->mutex);
-        if (::ftruncate(writer->staged.get(), size) != 0) {
+    const auto cut = [size](OpenFile& writer) {
+        std::lock_guard guard(writer.mutex);
+        if (::ftruncate(writer.staged.get(), size) != 0) {
             return -errno;
         }
-        writer->dirty = true;
+        writer.dirty = true;
         return 0;
+    };
+    if (fi && handle(fi).writable) {
+        return cut(handle(fi));
+    }
+    {
+        // Held while the writer is cut, so that its release cannot free it meanwhile.
+        std::lock_guard guard(openMutex_);
+        if (const auto it = writers_.find(id); it != writers_.end()) {
+            return cut(*it->second);
+        }
     }
     // No handle: stage the content, cut it and push it at once.
     const auto answer = item(id, RelayLookupSource::fsGetAttributes, true);
