@@ -1,5 +1,7 @@
 #include "sim/app_handlers.hpp"
 
+#include "relay/relay_schema.hpp"
+
 namespace skiff::sim {
 namespace {
 
@@ -10,7 +12,10 @@ asio::awaitable<tunnel::TunnelMessage> answerEmpty(Bytes) {
 }  // namespace
 
 void installBasicHandlers(AppHandlerTable& table) {
-    table[0] = answerEmpty;
+    table[static_cast<std::uint16_t>(relay::UsbMuxRelaySelector::ping)] = answerEmpty;
+    // The unmount notice asks nothing of the app.
+    table[static_cast<std::uint16_t>(relay::UsbMuxRelaySelector::filesystemUnmounted)] =
+        answerEmpty;
 }
 
 }  // namespace skiff::sim

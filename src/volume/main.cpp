@@ -1,0 +1,233 @@
+// skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-f] [-d]; also installed as mount.skiff.
+//
+// Serves the phone's storage at MOUNTPOINT as the service's file provider. It returns once
+// the volume is mounted and the service accepted it, and goes on serving in the
+// background; -f keeps it in the foreground (tests), -d adds libfuse's request trace.
+// Exit status: 0 served and unmounted, 1 the mount failed, 2 the service could not be
+// reached or refused the file provider, 64 a wrong command line.
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/bridge_messages.hpp"
+#include "common/log.hpp"
+#include "service/dbus/harbor_client.hpp"
+#include "transfer/shared_file_storage.hpp"
+#include "volume/phone_relay.hpp"
+#include "volume/provider_client.hpp"
+#include "volume/volume_fs.hpp"
+
+namespace {
+
+using namespace skiff;
+
+constexpr int kUsage = 64;
+constexpr auto kCallTimeout = std::chrono::seconds(30);
+
+struct CommandLine {
+    std::string source;
+    std::string mountPoint;
+    std::vector<std::string> options;
+    bool foreground = false;
+    bool debug = false;
+};
+
+// Options only mount(8) and fstab give meaning to; libfuse would refuse them.
+bool mountTableOnly(const std::string& option) {
+    for (const char* known :
+         {"defaults", "auto", "noauto", "user", "nouser", "users", "_netdev", "nofail"}) {
+        if (option == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void addOptions(const std::string& list, std::vector<std::string>& options) {
+    std::size_t start = 0;
+    while (start <= list.size()) {
+        const auto comma = list.find(',', start);
+        auto option =
+            list.substr(start, comma == std::string::npos ? std::string::npos : comma - start);
+        if (!option.empty() && !mountTableOnly(option)) {
+            options.push_back(std::move(option));
+        }
+        if (comma == std::string::npos) {
+            break;
+        }
+        start = comma + 1;
+    }
+}
+
+std::optional<CommandLine> parse(int argc, char** argv) {
+    CommandLine line;
+    // As a mount helper, mount(8) may add -n, -s, -v (and -f, a fake mount); none changes
+    // how the volume is served.
+    const bool helper = std::strstr(argv[0], "mount.skiff") != nullptr;
+    std::vector<std::string> positional;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "-o" && i + 1 < argc) {
+            addOptions(argv[++i], line.options);
+        } else if (arg.rfind("-o", 0) == 0 && arg.size() > 2) {
+            addOptions(arg.substr(2), line.options);
+        } else if (arg == "-f" && !helper) {
+            line.foreground = true;
+        } else if (arg == "-d" && !helper) {
+            line.debug = true;
+        } else if (helper && (arg == "-n" || arg == "-s" || arg == "-v" || arg == "-f")) {
+            continue;
+        } else if (!arg.empty() && arg[0] == '-') {
+            return std::nullopt;
+        } else {
+            positional.push_back(arg);
+        }
+    }
+    if (positional.size() != 2) {
+        return std::nullopt;
+    }
+    line.source = positional[0];
+    line.mountPoint = positional[1];
+    return line;
+}
+
+// Forks; the parent waits until the child reports that the volume is mounted (or why not)
+// and exits with that status. Returns the descriptor the child reports on.
+int detachUntilMounted() {
+    int ready[2];
+    if (::pipe2(ready, O_CLOEXEC) != 0) {
+        std::perror("skiff-fs: pipe");
+        std::exit(1);
+    }
+    const pid_t child = ::fork();
+    if (child < 0) {
+        std::perror("skiff-fs: fork");
+        std::exit(1);
+    }
+    if (child > 0) {
+        ::close(ready[1]);
+        unsigned char status = 1;
+        if (::read(ready[0], &status, 1) != 1) {
+            int wstatus = 0;
+            ::waitpid(child, &wstatus, 0);
+            std::exit(WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : 1);
+        }
+        std::exit(status);
+    }
+    ::close(ready[0]);
+    ::setsid();
+    return ready[1];
+}
+
+// Tells the waiting parent once; later calls do nothing.
+void report(int& readyFd, unsigned char status) {
+    if (readyFd >= 0) {
+        [[maybe_unused]] const auto written = ::write(readyFd, &status, 1);
+        ::close(readyFd);
+        readyFd = -1;
+    }
+}
+
+void detachOutput() {
+    const int null = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (null >= 0) {
+        ::dup2(null, STDIN_FILENO);
+        ::dup2(null, STDOUT_FILENO);
+        ::dup2(null, STDERR_FILENO);
+        ::close(null);
+    }
+    [[maybe_unused]] const int ignored = ::chdir("/");
+}
+
+int serve(const CommandLine& line, int& readyFd) {
+    auto provider = std::make_shared<volume::ProviderClient>();
+    std::unique_ptr<service::dbus::HarborClient> client;
+    std::unique_ptr<volume::PhoneRelay> phone;
+    try {
+        client = std::make_unique<service::dbus::HarborClient>(provider);
+        client->setCallTimeout(kCallTimeout);
+        provider->setHostFactory([bus = client.get()](std::function<void()> onFailure) {
+            return bus->host([onFailure = std::move(onFailure)](const service::dbus::BusError&) {
+                onFailure();
+            });
+        });
+        client->setLostHandler([] { log::xpc().error("skiff-fs lost its bus connection"); });
+        if (!client->registerClient(
+                static_cast<std::int64_t>(service::HarborBridgeClientRole::fileProvider))) {
+            std::fprintf(stderr, "skiff-fs: the service refused the file provider\n");
+            return 2;
+        }
+        phone = std::make_unique<volume::PhoneRelay>(*client);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "skiff-fs: cannot reach the service: %s\n", e.what());
+        return 2;
+    }
+
+    volume::VolumeFs volumeFs(*phone, transfer::SharedFileStorage());
+    std::vector<std::string> args = {"skiff-fs", "-o", "fsname=" + line.source + ",subtype=skiff"};
+    for (const auto& option : line.options) {
+        args.insert(args.end(), {"-o", option});
+    }
+    if (line.debug) {
+        args.push_back("-d");
+    }
+    std::vector<char*> argv;
+    for (auto& arg : args) {
+        argv.push_back(arg.data());
+    }
+    fuse_args fuseArgs = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
+    const auto ops = volume::VolumeFs::operations();
+    fuse* fs = fuse_new(&fuseArgs, &ops, sizeof ops, &volumeFs);
+    fuse_opt_free_args(&fuseArgs);
+    if (!fs) {
+        return 1;
+    }
+    if (fuse_mount(fs, line.mountPoint.c_str()) != 0) {
+        fuse_destroy(fs);
+        return 1;
+    }
+    fuse_set_signal_handlers(fuse_get_session(fs));
+    log::xpc().info("skiff-fs mounted %{public}s at %{public}s", line.source.c_str(),
+                    line.mountPoint.c_str());
+    if (readyFd >= 0) {
+        report(readyFd, 0);
+        detachOutput();
+    } else {
+        std::printf("skiff-fs: mounted\n");
+        std::fflush(stdout);
+    }
+    const int looped = fuse_loop_mt(fs, 0);
+    volumeFs.finish();
+    fuse_remove_signal_handlers(fuse_get_session(fs));
+    fuse_unmount(fs);
+    fuse_destroy(fs);
+    try {
+        client->filesystemDidUnmount();
+    } catch (const std::exception&) {
+        // The service is gone; there is nobody to tell.
+    }
+    return looped == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto line = parse(argc, argv);
+    if (!line) {
+        std::fprintf(stderr, "usage: skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-f] [-d]\n");
+        return kUsage;
+    }
+    int readyFd = line->foreground ? -1 : detachUntilMounted();
+    const int status = serve(*line, readyFd);
+    report(readyFd, static_cast<unsigned char>(status));
+    return status;
+}
