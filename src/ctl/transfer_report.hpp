@@ -12,7 +12,7 @@
 #include <string>
 #include <string_view>
 
-#include "service/notification_payloads.hpp"
+#include "common/notification_payloads.hpp"
 
 namespace skiff::ctl {
 
