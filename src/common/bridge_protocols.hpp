@@ -58,6 +58,9 @@ public:
                                std::function<void(Bytes, std::int64_t)> reply) = 0;
     virtual void filesystemDidUnmount() = 0;
     virtual void shutdown(std::function<void(bool)> reply) = 0;
+    // The desktop's own mount and unmount: whether it worked, and why not.
+    virtual void mountVolume(std::function<void(bool, std::string)> reply) = 0;
+    virtual void unmountVolume(bool force, std::function<void(bool, std::string)> reply) = 0;
 };
 
 // What every client implements; the service calls it through a remote proxy.

@@ -21,6 +21,10 @@
 
 namespace skiff::ctl {
 
+void printJson(const json::Json& document) {
+    std::cout << document.dump(-1, ' ', false, json::Json::error_handler_t::replace) << std::endl;
+}
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -28,10 +32,6 @@ using json::Json;
 
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-void printJson(const Json& document) {
-    std::cout << document.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
 }
 
 int fail(const std::string& message, int status = kExitFailed) {

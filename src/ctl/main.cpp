@@ -13,6 +13,7 @@
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
 #include "ctl/update_check.hpp"
+#include "ctl/volume_commands.hpp"
 
 namespace {
 
@@ -70,6 +71,11 @@ int main(int argc, char** argv) {
 
     std::string identifier;
     std::string source = "fsGetAttributes";
+    auto* mount = app.add_subcommand("mount", "Mount the volume");
+    bool forceUnmount = false;
+    auto* unmount = app.add_subcommand("unmount", "Unmount the volume");
+    unmount->add_flag("--force", forceUnmount, "Unmount at once, even while it is in use");
+
     auto* lookup = app.add_subcommand("lookup", "Look up an item on the phone");
     lookup->add_option("identifier", identifier, "Path of the item in the app's storage")
         ->required();
@@ -177,6 +183,12 @@ int main(int argc, char** argv) {
         }
         if (speedtest->parsed()) {
             return runSpeedTest(session, out);
+        }
+        if (mount->parsed()) {
+            return runMount(session, out);
+        }
+        if (unmount->parsed()) {
+            return runUnmount(session, out, forceUnmount);
         }
         if (lookup->parsed()) {
             return runLookup(session, out, identifier, source);

@@ -20,6 +20,8 @@
 #include "common/bridge_messages.hpp"
 #include "common/bridge_protocols.hpp"
 #include "common/bytes.hpp"
+#include "mount/volume.hpp"
+#include "mount/volume_control.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/usbmux_link.hpp"
 #include "transfer/transfer_coordinator.hpp"
@@ -38,6 +40,9 @@ struct BridgeCollaborators {
     std::shared_ptr<relay::TunnelRelayBridge> relayBridge;  // may be null in tests
     RelayProbeHooks probe;
     std::shared_ptr<transfer::TransferCoordinator> transfers;  // may be null in tests
+    std::shared_ptr<mount::Volume> volume;                     // may be null: none to unmount
+    std::shared_ptr<mount::VolumeListener> volumeListener;     // the relay probe; may be null
+    std::shared_ptr<mount::VolumeControl> volumeControl;       // may be null: no mounting
 };
 
 // The relay bridge hands the app's pushes here, and the transfer coordinator its progress
@@ -84,6 +89,13 @@ public:
     const std::shared_ptr<UsbMuxLink>& usbMux() const { return collaborators_.usbMux; }
     const std::shared_ptr<transfer::TransferCoordinator>& transfers() const {
         return collaborators_.transfers;
+    }
+    const std::shared_ptr<mount::Volume>& volume() const { return collaborators_.volume; }
+    const std::shared_ptr<mount::VolumeListener>& volumeListener() const {
+        return collaborators_.volumeListener;
+    }
+    const std::shared_ptr<mount::VolumeControl>& volumeControl() const {
+        return collaborators_.volumeControl;
     }
 
 private:

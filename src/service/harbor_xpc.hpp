@@ -44,6 +44,8 @@ public:
                        std::function<void(Bytes, std::int64_t)> reply) override;
     void filesystemDidUnmount() override;
     void shutdown(std::function<void(bool)> reply) override;
+    void mountVolume(std::function<void(bool, std::string)> reply) override;
+    void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override;
 
 private:
     BridgeCore& core_;

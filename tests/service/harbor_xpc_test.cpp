@@ -2,14 +2,19 @@
 // clients, the speed-test report and its hold on the relay's tunnel.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <vector>
 
+#include "common/log.hpp"
 #include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
+#include "mount/fake_volume.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
 #include "service/relay_transfer_sender.hpp"
@@ -34,6 +39,9 @@ protected:
         collaborators.transfers = std::make_shared<transfer::TransferCoordinator>(
             runtime.executor(), std::make_shared<RelayTransferSender>(collaborators.relayBridge),
             std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"));
+        collaborators.volume = volume;
+        collaborators.volumeListener = listener;
+        collaborators.volumeControl = control;
     }
 
     std::future<std::pair<Bytes, std::int64_t>> fileIO(FakeConnection& from, std::int64_t op,
@@ -86,6 +94,30 @@ protected:
     }
 
     std::shared_ptr<relay::testing::FakeOpener> opener;
+    std::shared_ptr<mount::testing::FakeVolume> volume =
+        std::make_shared<mount::testing::FakeVolume>();
+    struct CountingListener final : mount::VolumeListener {
+        void volumeDidMount() override { ++mounts; }
+        void volumeDidUnmount() override { ++unmounts; }
+        std::atomic<int> mounts{0}, unmounts{0};
+    };
+    std::shared_ptr<CountingListener> listener = std::make_shared<CountingListener>();
+    // Mounts by the fake volume's flag, refusing as the real one does.
+    struct FakeControl final : mount::VolumeControl {
+        explicit FakeControl(std::shared_ptr<mount::testing::FakeVolume> volume)
+            : volume(std::move(volume)) {}
+        asio::awaitable<void> mountVolume() override {
+            if (volume->mounted.exchange(true)) {
+                throw mount::MountServiceError::alreadyMounted();
+            }
+            co_return;
+        }
+        asio::awaitable<void> unmountVolume(bool force) override {
+            co_await volume->unmount(force);
+        }
+        std::shared_ptr<mount::testing::FakeVolume> volume;
+    };
+    std::shared_ptr<FakeControl> control = std::make_shared<FakeControl>(volume);
 };
 
 TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
@@ -181,10 +213,91 @@ TEST_F(HarborXpcTest, FileIOAnswersItsGuardsBeforeAnyTransfer) {
     EXPECT_THROW(app->host().requestFileIO(4, {}, [](Bytes, std::int64_t) {}), InvalidArgs);
 }
 
-TEST_F(HarborXpcTest, UnmountAndShutdownAreNotOffered) {
+TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {
+    struct Case {
+        bool phone;
+        bool mounted;
+        std::optional<mount::MountServiceError> unmountFailure;
+        bool reply;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {false, false, std::nullopt, true, "shutdown — already unmounted"},
+        {true, false, std::nullopt, true, "shutdown — already unmounted"},
+        {true, true, std::nullopt, true, "shutdown — force unmount ok"},
+        {true, true, mount::MountServiceError::commandFailed("device is busy"), false,
+         "shutdown — unmount failed: device is busy"},
+    };
     auto app = client(HarborBridgeClientRole::desktopApp);
-    EXPECT_THROW(app->host().filesystemDidUnmount(), NotSupported);
-    EXPECT_THROW(app->host().shutdown([](bool) {}), NotSupported);
+    int notices = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line + (c.phone ? " with a phone" : " without a phone"));
+        log::LogCapture capture;
+        if (c.phone) {
+            core->handleUsbDeviceEvent(1, "PHONE-1");
+        }
+        volume->mounted = c.mounted;
+        if (c.unmountFailure) {
+            volume->failWith(*c.unmountFailure);
+        }
+        const int unmountsBefore = listener->unmounts;
+        auto promise = std::make_shared<std::promise<bool>>();
+        app->host().shutdown([promise](bool ok) { promise->set_value(ok); });
+        auto replied = promise->get_future();
+        if (c.phone) {
+            auto& app = opener->peer(0);
+            auto notice = app.readFrame();
+            EXPECT_EQ(notice.header.code, 20);
+            EXPECT_TRUE(notice.payload.empty());
+            app.writeFrame(tunnel::FrameKind::response, 0, notice.header.flow);
+            ++notices;
+        }
+        ASSERT_TRUE(skiff::testing::readyInTime(replied));
+        EXPECT_EQ(replied.get(), c.reply);
+        EXPECT_TRUE(capture.contains(c.line));
+        EXPECT_EQ(capture.contains("filesystemUnmounted — iOS notified"), c.phone);
+        EXPECT_EQ(listener->unmounts, unmountsBefore + 1);
+        if (c.mounted) {
+            EXPECT_EQ(volume->unmounts().back(), true);
+        }
+    }
+    EXPECT_EQ(opener->events().size(), 1u) << "one tunnel carried every notice";
+}
+
+TEST_F(HarborXpcTest, UnmountNoticeReachesTheAppAndResumesTheProbe) {
+    auto fileProvider = client(HarborBridgeClientRole::fileProvider);
+    core->handleUsbDeviceEvent(1, "PHONE-1");
+    log::LogCapture capture;
+    fileProvider->host().filesystemDidUnmount();
+    // The app is gone before it answers: the notice is only logged as failed.
+    auto notice = opener->peer(0).readFrame();
+    EXPECT_EQ(notice.header.code, 20);
+    opener->peer(0).closeNow();
+    ASSERT_TRUE(eventually([&] { return listener->unmounts == 1; }));
+    EXPECT_TRUE(capture.contains("filesystemUnmounted — iOS notify skipped/failed"));
+}
+
+TEST_F(HarborXpcTest, DesktopMountAndUnmountReplyWithTheVolumesOwnWords) {
+    using Reply = std::pair<bool, std::string>;
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    auto call = [&](std::function<void(std::function<void(bool, std::string)>)> start) {
+        auto promise = std::make_shared<std::promise<Reply>>();
+        start([promise](bool ok, std::string message) {
+            promise->set_value({ok, std::move(message)});
+        });
+        auto reply = promise->get_future();
+        EXPECT_TRUE(skiff::testing::readyInTime(reply));
+        return reply.get();
+    };
+    auto mount = [&] { return call([&](auto reply) { app->host().mountVolume(reply); }); };
+    auto unmount = [&](bool force) {
+        return call([&](auto reply) { app->host().unmountVolume(force, reply); });
+    };
+    EXPECT_EQ(mount(), Reply(true, ""));
+    EXPECT_EQ(mount(), Reply(false, "Skiff is already mounted."));
+    EXPECT_EQ(unmount(false), Reply(true, ""));
+    EXPECT_EQ(unmount(true), Reply(false, "Skiff is not mounted."));
+    EXPECT_EQ(volume->unmounts(), (std::vector<bool>{false, true}));
 }
 
 TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {

@@ -86,6 +86,9 @@ public:
     FileIOReply requestFileIO(std::int64_t operation, Bytes param);
     void filesystemDidUnmount();
     bool shutdown();
+    // Whether the volume was mounted (unmounted), and the reason when not.
+    std::pair<bool, std::string> mountVolume();
+    std::pair<bool, std::string> unmountVolume(bool force);
 
     // The shared-memory path. The descriptor is only lent: the service maps its own copy.
     std::uint32_t registerSharedBuffer(int fd);
