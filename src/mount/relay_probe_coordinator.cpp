@@ -129,11 +129,7 @@ asio::awaitable<void> RelayProbeCoordinator::probeLoop(std::uint64_t generation)
             log::xpc().info("[relay-probe] volume mounted mid-loop — stop probe");
             co_return;
         }
-        // A phone found gone just before sending counts as a failed round.
-        bool reachable = false;
-        if (collaborators_.usbConnected()) {
-            reachable = co_await check();
-        }
+        const bool reachable = co_await check();
         if (!isCurrent(generation)) {
             co_return;
         }
@@ -160,10 +156,7 @@ asio::awaitable<void> RelayProbeCoordinator::keepaliveLoop(std::uint64_t generat
                 continue;
             }
         }
-        bool answered = false;
-        if (collaborators_.usbConnected()) {
-            answered = co_await check();
-        }
+        const bool answered = co_await check();
         if (!isCurrent(generation)) {
             co_return;
         }
@@ -202,6 +195,10 @@ asio::awaitable<void> RelayProbeCoordinator::forceUnmountAfterLostRelay() {
 }
 
 asio::awaitable<bool> RelayProbeCoordinator::check() {
+    // A phone found gone just before sending makes a failed round.
+    if (!collaborators_.usbConnected()) {
+        co_return false;
+    }
     auto outcome = co_await attempt();
     if (outcome == Attempt::retryable) {
         // A tunnel that broke or was never bound may be a stale native tunnel (the app

@@ -71,7 +71,8 @@ private:
     asio::awaitable<void> forceUnmountAfterLostRelay();
 
     // One round: a request, and a second one after dropping the tunnel when the first
-    // failed in a way a fresh connection may cure. True when the app answered.
+    // failed in a way a fresh connection may cure. True when the app answered; false at
+    // once without a phone.
     asio::awaitable<bool> check();
     // One request raced against the deadline.
     asio::awaitable<Attempt> attempt();
