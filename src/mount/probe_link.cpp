@@ -6,9 +6,8 @@
 
 namespace skiff::mount {
 
-BridgeProbeLink::BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge,
-                                 std::shared_ptr<relay::TunnelOpener> tunnels)
-    : bridge_(std::move(bridge)), tunnels_(std::move(tunnels)) {}
+BridgeProbeLink::BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge)
+    : bridge_(std::move(bridge)) {}
 
 asio::awaitable<std::int64_t> BridgeProbeLink::sendProbe() {
     const auto reply = co_await bridge_->relayForClient(0, {});
@@ -20,10 +19,7 @@ std::optional<ProbeLink::TimePoint> BridgeProbeLink::lastContact() const {
 }
 
 asio::awaitable<void> BridgeProbeLink::invalidate() {
-    // Failing the engine's waiters first answers every relay stuck on the silent app; the
-    // native tunnel goes next, so that the next relay really connects again.
-    co_await bridge_->dropBinding();
-    co_await tunnels_->invalidate(service::kCompanionAppPort);
+    co_await bridge_->invalidateTunnel(service::kCompanionAppPort);
 }
 
 ProbeClock::TimePoint SteadyProbeClock::now() const {

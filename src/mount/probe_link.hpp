@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 
-#include "relay/tunnel_opener.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 
 namespace skiff::mount {
@@ -31,11 +30,10 @@ public:
     virtual asio::awaitable<void> invalidate() = 0;
 };
 
-// Over the process's relay bridge, and the opener that owns the native tunnel.
+// Over the process's relay bridge.
 class BridgeProbeLink : public ProbeLink {
 public:
-    BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge,
-                    std::shared_ptr<relay::TunnelOpener> tunnels);
+    explicit BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge);
 
     asio::awaitable<std::int64_t> sendProbe() override;
     std::optional<TimePoint> lastContact() const override;
@@ -43,7 +41,6 @@ public:
 
 private:
     std::shared_ptr<relay::TunnelRelayBridge> bridge_;
-    std::shared_ptr<relay::TunnelOpener> tunnels_;
 };
 
 // Time as the probe sees it. now() is on the relay bridge's contact clock, so the two can

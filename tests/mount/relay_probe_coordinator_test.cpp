@@ -256,7 +256,7 @@ TEST_F(RelayProbeTest, SilentAppFailsTheWaitingRelaysAndRelaysWorkOnceItAnswers)
     auto engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
     auto opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
     auto bridge = std::make_shared<relay::TunnelRelayBridge>(runtime.executor(), engine, opener);
-    makeProbe(std::make_shared<BridgeProbeLink>(bridge, opener));
+    makeProbe(std::make_shared<BridgeProbeLink>(bridge));
     auto clientRelay = [&] {
         return asio::co_spawn(runtime.executor(), bridge->relayForClient(2, {'x'}),
                               asio::use_future);
