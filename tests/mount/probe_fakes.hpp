@@ -80,6 +80,21 @@ public:
         });
     }
 
+    // Fires every timer left, so that the coroutines waiting on them (which hold the probe,
+    // which holds this clock) resume or, once the runtime has stopped, are destroyed with it.
+    void release() {
+        std::vector<Timer> all;
+        {
+            std::lock_guard guard(mutex_);
+            all.swap(sleepers_);
+            std::move(deadlines_.begin(), deadlines_.end(), std::back_inserter(all));
+            deadlines_.clear();
+        }
+        for (auto& timer : all) {
+            timer.fire();
+        }
+    }
+
     std::size_t sleeping() const {
         std::lock_guard guard(mutex_);
         return sleepers_.size();
@@ -135,16 +150,24 @@ public:
     }
 
     asio::awaitable<void> invalidate() override {
-        std::vector<runtime::OnceReply<std::int64_t>> waiting;
         {
             std::lock_guard guard(mutex_);
             ++invalidations_;
+        }
+        release();
+        co_return;
+    }
+
+    // Fails every request still waiting for an answer.
+    void release() {
+        std::vector<runtime::OnceReply<std::int64_t>> waiting;
+        {
+            std::lock_guard guard(mutex_);
             waiting.swap(silent_);
         }
         for (auto& answer : waiting) {
             answer.resume(kTransportFailed);
         }
-        co_return;
     }
 
     void script(std::deque<std::int64_t> statuses, std::int64_t fallback) {

@@ -44,6 +44,9 @@ protected:
             probe->stop();
         }
         runtime.stop();
+        // What still waits holds the probe; let it go with the runtime.
+        clock->release();
+        link->release();
     }
 
     void makeProbe(std::shared_ptr<ProbeLink> withLink) {
@@ -123,9 +126,7 @@ TEST_F(RelayProbeTest, KeepaliveCountsConsecutiveMissesAndForcesTheVolumeOffAfte
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         capture.clear();
-        clock = std::make_shared<ManualClock>();
         volume = std::make_shared<FakeVolume>();
-        link = std::make_shared<ScriptedLink>();
         link->script(c.script, c.fallback);
         if (c.unmountRefused) {
             volume->failWith(MountServiceError::commandFailed("device is busy"));
@@ -161,29 +162,23 @@ TEST_F(RelayProbeTest, ProbeLogsOnlyChangesAndRetriesOnceOnAFreshTunnel) {
     EXPECT_EQ(link->invalidations(), 3);
 }
 
-TEST_F(RelayProbeTest, UsbConnectStartsTheLoopThatSuitsTheVolume) {
-    for (const bool mounted : {true, false}) {
-        SCOPED_TRACE(mounted ? "mounted" : "not mounted");
-        capture.clear();
-        clock = std::make_shared<ManualClock>();
-        volume->mounted = mounted;
-        link->script({}, kFailed);
-        makeProbe();
-        // The probe logs only a change, so it starts from a good round.
-        link->script({kOk}, kFailed);
-        probe->usbDidConnect();
+class UsbConnectTest : public RelayProbeTest, public ::testing::WithParamInterface<bool> {};
 
-        const std::string expected = mounted ? kMiss1 : kUnreachable;
-        const std::string other = mounted ? kUnreachable : kMiss1;
-        ASSERT_TRUE(driveUntilLogged(expected));
-        EXPECT_FALSE(logged(other));
-        if (mounted) {
-            EXPECT_TRUE(logged(
-                "[relay-probe] USB connected while volume mounted — start mounted keepalive"));
-        }
-        probe->stop();
-    }
+TEST_P(UsbConnectTest, StartsTheLoopThatSuitsTheVolume) {
+    const bool mounted = GetParam();
+    volume->mounted = mounted;
+    // The probe logs only a change, so it starts from a good round.
+    link->script({kOk}, kFailed);
+    makeProbe();
+    probe->usbDidConnect();
+
+    ASSERT_TRUE(driveUntilLogged(mounted ? kMiss1 : kUnreachable));
+    EXPECT_FALSE(logged(mounted ? kUnreachable : kMiss1));
+    EXPECT_EQ(logged("[relay-probe] USB connected while volume mounted — start mounted keepalive"),
+              mounted);
 }
+
+INSTANTIATE_TEST_SUITE_P(MountedOrNot, UsbConnectTest, ::testing::Bool());
 
 TEST_F(RelayProbeTest, RecentAppTrafficStandsInForTheKeepalive) {
     link->script({}, kOk);
@@ -216,7 +211,6 @@ TEST_F(RelayProbeTest, UsbDisconnectEndsTheLoopAndForcesAMountedVolumeOff) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         capture.clear();
-        clock = std::make_shared<ManualClock>();
         volume = std::make_shared<FakeVolume>();
         volume->mounted = c.mounted;
         usb = true;
