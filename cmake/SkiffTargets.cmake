@@ -59,7 +59,8 @@ endfunction()
 # cases are registered with CTest. Label "concurrent" puts it in the ThreadSanitizer run.
 function(skiff_test name)
     cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
-    add_executable(${name} ${ARG_SOURCES})
+    # Every test binary carries the ThreadSanitizer suppressions of what libstdc++ hides.
+    add_executable(${name} ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/tests/common/tsan_suppressions.cpp)
     target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
     target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gmock GTest::gtest_main)
     skiff_warnings(${name})

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "common/notification_payloads.hpp"
 #include "fuzz/support/json_round_trip.hpp"
-#include "service/notification_payloads.hpp"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace skiff::service;

@@ -15,15 +15,12 @@
 
 #include "common/json.hpp"
 #include "ctl/notification_line.hpp"
+#include "ctl/output.hpp"
 #include "ctl/relay_text.hpp"
 #include "relay/relay_schema.hpp"
 #include "service/dbus/shared_relay.hpp"
 
 namespace skiff::ctl {
-
-void printJson(const json::Json& document) {
-    std::cout << document.dump(-1, ' ', false, json::Json::error_handler_t::replace) << std::endl;
-}
 
 namespace {
 
@@ -32,11 +29,6 @@ using json::Json;
 
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-int fail(const std::string& message, int status = kExitFailed) {
-    std::cerr << "skiffctl: " << message << std::endl;
-    return status;
 }
 
 std::string format(const char* pattern, double value) {

@@ -7,7 +7,6 @@
 #include <optional>
 #include <string>
 
-#include "common/json.hpp"
 #include "ctl/ctl_session.hpp"
 
 namespace skiff::ctl {
@@ -26,9 +25,6 @@ inline constexpr std::size_t kSharedRelayBytes = 64 * 1024;
 struct Output {
     bool json = false;
 };
-
-// One JSON document on one line of standard output.
-void printJson(const json::Json& document);
 
 int runVersion(CtlSession& session, const Output& out);
 int runPing(CtlSession& session, const Output& out, std::int64_t role);

@@ -12,6 +12,7 @@
 
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
+#include "ctl/item_commands.hpp"
 #include "ctl/update_check.hpp"
 #include "ctl/volume_commands.hpp"
 
@@ -139,6 +140,8 @@ int main(int argc, char** argv) {
         "Show the release an update feed announces first and whether it is newer than the service");
     updateCheck->add_option("feed", feedPath, "The feed file, - for standard input")->required();
 
+    const skiff::ctl::ItemCommands itemCommands(app);
+
     CLI11_PARSE(app, argc, argv);
 
     std::int64_t pingTarget = 0;
@@ -161,7 +164,8 @@ int main(int argc, char** argv) {
     // one at the other end; the rest register only when asked to, so that they never push
     // out a desktop app or file provider that is running.
     const bool needsRole = ping->parsed() || lookup->parsed() || relay->parsed() ||
-                           hostToExt->parsed() || extToHost->parsed() || extToHostPing->parsed();
+                           hostToExt->parsed() || extToHost->parsed() || extToHostPing->parsed() ||
+                           itemCommands.parsed();
     const std::string registerAs = role.value_or(needsRole ? "desktop" : "none");
 
     try {
@@ -213,6 +217,9 @@ int main(int argc, char** argv) {
         }
         if (updateCheck->parsed()) {
             return runUpdateCheck(session, out, feedPath);
+        }
+        if (itemCommands.parsed()) {
+            return itemCommands.run(session, out);
         }
     } catch (const skiff::service::dbus::BusError& e) {
         std::cerr << "skiffctl: " << e.name() << ": " << e.message() << std::endl;

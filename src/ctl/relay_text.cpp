@@ -28,18 +28,6 @@ std::string_view nameAt(const std::array<std::string_view, N>& names, std::int64
     return names[static_cast<std::size_t>(raw)];
 }
 
-std::string formatTime(const relay::RelayTimespec& time) {
-    const std::time_t seconds = static_cast<std::time_t>(time.tvSec);
-    std::tm parts{};
-    char date[64] = "?";
-    if (gmtime_r(&seconds, &parts) != nullptr) {
-        std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &parts);
-    }
-    char text[96];
-    std::snprintf(text, sizeof text, "%s.%09d UTC", date, static_cast<int>(time.tvNsec));
-    return text;
-}
-
 std::string versionText(const std::optional<Bytes>& version) {
     return version ? base64::encode(*version) : std::string("(none)");
 }
@@ -74,6 +62,18 @@ std::string describeRelayOutcome(std::int64_t status, std::int64_t detail) {
     } else if (detail != 0) {
         text += ", detail " + std::to_string(detail);
     }
+    return text;
+}
+
+std::string formatTime(const relay::RelayTimespec& time) {
+    const std::time_t seconds = static_cast<std::time_t>(time.tvSec);
+    std::tm parts{};
+    char date[64] = "?";
+    if (gmtime_r(&seconds, &parts) != nullptr) {
+        std::strftime(date, sizeof date, "%Y-%m-%d %H:%M:%S", &parts);
+    }
+    char text[96];
+    std::snprintf(text, sizeof text, "%s.%09d UTC", date, static_cast<int>(time.tvNsec));
     return text;
 }
 

@@ -16,6 +16,9 @@ std::string_view deviceStatusName(std::int64_t code);
 // "status 9 (deviceStatus), detail 1 (notFound)"; the detail is named only for status 9.
 std::string describeRelayOutcome(std::int64_t status, std::int64_t detail);
 
+// "2024-05-01 12:00:03.000000001 UTC"
+std::string formatTime(const relay::RelayTimespec& time);
+
 // Several "key: value" lines, the times as UTC dates with nanoseconds.
 std::string describeSummary(const relay::RelayItemSummary& summary);
 

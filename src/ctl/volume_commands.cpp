@@ -1,5 +1,7 @@
 #include "ctl/volume_commands.hpp"
 
+#include "ctl/output.hpp"
+
 #include <iostream>
 #include <string>
 #include <utility>

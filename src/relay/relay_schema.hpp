@@ -134,16 +134,17 @@ constexpr std::size_t caseCount(RelayDeviceStatus) {
 }
 
 // The client's selector, sent as the frame code of the tunnel request. Codes
-// the service itself never sends keep placeholder names.
+// nobody sends keep placeholder names. The item requests of codes 3, 4, 5 and 7 are
+// in relay/item_requests.hpp.
 enum class UsbMuxRelaySelector : std::int64_t {
     ping = 0,
     reserved1 = 1,
     lookupItem = 2,
-    reserved3 = 3,
-    reserved4 = 4,
-    reserved5 = 5,
+    listDirectory = 3,
+    removeItem = 4,
+    makeDirectory = 5,
     commitWrite = 6,
-    reserved7 = 7,
+    renameItem = 7,
     reserved8 = 8,
     readChunk = 9,
     reserved10 = 10,

@@ -10,6 +10,8 @@
 #include <new>
 #include <type_traits>
 
+#include "common/text.hpp"
+
 namespace skiff::service {
 
 namespace {
@@ -22,13 +24,7 @@ std::string_view localName(std::string_view name, std::string_view qualifiedName
 }
 
 std::string trimmed(std::string_view text) {
-    constexpr std::string_view kSpace = " \t\n\r\v\f";
-    const auto first = text.find_first_not_of(kSpace);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    const auto last = text.find_last_not_of(kSpace);
-    return std::string(text.substr(first, last - first + 1));
+    return std::string(trimmedWhitespace(text));
 }
 
 bool isItemFact(std::string_view local) {

@@ -133,8 +133,8 @@ std::variant<AppCommand, std::string> parseFlood(std::string_view rest) {
 }  // namespace
 
 bool isAppVerb(std::string_view word) {
-    return word == "push" || word == "flood" || word == "fault" || word == "inject" ||
-           word == "received";
+    return word == "push" || word == "poke" || word == "flood" || word == "fault" ||
+           word == "inject" || word == "received";
 }
 
 std::variant<AppCommand, std::string> parseAppCommand(std::string_view line) {
@@ -149,6 +149,17 @@ std::variant<AppCommand, std::string> parseAppCommand(std::string_view line) {
         }
         command.code = *code;
         command.text = restText(rest);
+        return command;
+    }
+    if (verb == "poke") {
+        command.verb = AppVerb::poke;
+        const auto kind =
+            json::enumFromText<service::ItemMutationNotifyPayload::Kind>(nextWord(rest));
+        command.text = restText(rest);
+        if (!kind || command.text.empty()) {
+            return std::string("poke takes created or deleted and a relay id");
+        }
+        command.pokeKind = *kind;
         return command;
     }
     if (verb == "flood") {

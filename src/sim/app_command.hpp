@@ -2,6 +2,9 @@
 
 // Control commands of the companion app, parsed from a whole control line:
 //   push CODE [BODY]        a push frame to every framed connection; data line: how many
+//   poke created|deleted RELAYID
+//                           an itemMutation push (code 4) naming the item, to every framed
+//                           connection; data line: how many
 //   flood CODE BYTES SECONDS
 //                           push frames with BYTES filler bytes each (up to a frame's
 //                           largest payload) to every framed connection, back to back
@@ -22,7 +25,7 @@
 //                           framed connection; data line: how many
 //   inject bad-header       16 bytes that are no frame header, likewise
 //   received                what the measurement connections received, one line each
-// BODY and TEXT are the rest of the line; "" stands for the empty text.
+// BODY, TEXT and RELAYID are the rest of the line; "" stands for the empty text.
 
 #include <cstdint>
 #include <optional>
@@ -30,18 +33,21 @@
 #include <string_view>
 #include <variant>
 
+#include "common/notification_payloads.hpp"
+
 namespace skiff::sim {
 
 inline constexpr std::uint32_t kFloodMaxSeconds = 600;
 
-enum class AppVerb { push, flood, fault, inject, received };
+enum class AppVerb { push, poke, flood, fault, inject, received };
 enum class AppFault { silent, close, status, delay, pong, ack, failChunk, dropAtChunk, clear };
 enum class AppInjection { unknownFlow, badHeader };
 
 struct AppCommand {
     AppVerb verb = AppVerb::received;
     std::uint16_t code = 0;  // push, flood: the push code; fault status: the answer code
-    std::string text;        // push: the body; fault pong/ack: the line
+    std::string text;        // push: the body; poke: the relay id; fault pong/ack: the line
+    service::ItemMutationNotifyPayload::Kind pokeKind{};
     AppFault fault = AppFault::clear;
     bool on = false;            // the fault is switched on (pong/ack: text replaces the default)
     std::uint32_t delayMs = 0;  // fault delay

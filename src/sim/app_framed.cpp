@@ -72,9 +72,13 @@ ChunkFault takeChunkFault(AppFaults& faults, std::uint16_t code) {
     return faults.failAtChunk == faults.chunkRequests ? ChunkFault::fail : ChunkFault::none;
 }
 
-asio::awaitable<tunnel::TunnelMessage> answer(std::shared_ptr<CompanionApp::State> state,
+asio::awaitable<tunnel::TunnelMessage> answer(std::weak_ptr<CompanionApp::State> weakState,
                                               std::weak_ptr<FramedConnection> weak,
                                               std::uint16_t code, Bytes payload) {
+    auto state = weakState.lock();
+    if (!state) {
+        co_return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ioError), {}};
+    }
     const ChunkFault chunkFault = takeChunkFault(state->faults, code);
     if (state->faults.closeOnRequest || chunkFault == ChunkFault::drop) {
         if (auto connection = weak.lock()) {
@@ -131,8 +135,11 @@ asio::awaitable<void> serveFrames(std::shared_ptr<CompanionApp::State> state,
     binding.transport = std::make_shared<AppTransport>(connection, std::move(head));
     binding.role = tunnel::TunnelEndpointRole::server;
     binding.tunnelKey = "app";
-    binding.requestHandler = [state, weak](std::uint16_t code, Bytes payload) {
-        return answer(state, weak, code, std::move(payload));
+    // The engine holds the handler and the state holds the engine: the handler's hold on
+    // the state is weak, or an app with a connection still bound would never be freed.
+    std::weak_ptr<CompanionApp::State> weakState = state;
+    binding.requestHandler = [weakState, weak](std::uint16_t code, Bytes payload) {
+        return answer(weakState, weak, code, std::move(payload));
     };
     co_await connection->engine->bind(std::move(binding));
 }

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <optional>
 #include <vector>
@@ -76,12 +77,45 @@ std::variant<StorageItem, relay::RelayDeviceStatus> locateItem(
     return StorageItem{std::move(dir), std::move(name), std::move(path)};
 }
 
+relay::RelayDeviceStatus statusOfError(int error) {
+    using relay::RelayDeviceStatus;
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+            return RelayDeviceStatus::notFound;
+        case EACCES:
+        case EPERM:
+        case EROFS:
+            return RelayDeviceStatus::permissionDenied;
+        case EEXIST:
+        case ENOTEMPTY:
+            return RelayDeviceStatus::alreadyExists;
+        case EISDIR:
+            return RelayDeviceStatus::isDirectory;
+        case ELOOP:
+        case EFBIG:
+        case EINVAL:
+        case ENAMETOOLONG:
+            return RelayDeviceStatus::invalidArgument;
+        case ENOSPC:
+        case EDQUOT:
+            return RelayDeviceStatus::noSpace;
+        default:
+            return RelayDeviceStatus::ioError;
+    }
+}
+
+namespace {
+constexpr unsigned kStatMask = STATX_BASIC_STATS | STATX_BTIME;
+}  // namespace
+
 bool statItem(const StorageItem& item, struct statx& st) {
-    const unsigned mask = STATX_BASIC_STATS | STATX_BTIME;
-    const int rc = item.name.empty() ? ::statx(item.folder.get(), "", AT_EMPTY_PATH, mask, &st)
-                                     : ::statx(item.folder.get(), item.name.c_str(),
-                                               AT_SYMLINK_NOFOLLOW, mask, &st);
-    return rc == 0;
+    return item.name.empty() ? ::statx(item.folder.get(), "", AT_EMPTY_PATH, kStatMask, &st) == 0
+                             : statEntry(item.folder.get(), item.name, st);
+}
+
+bool statEntry(int folder, const std::string& name, struct statx& st) {
+    return ::statx(folder, name.c_str(), AT_SYMLINK_NOFOLLOW, kStatMask, &st) == 0;
 }
 
 Bytes contentVersionOf(const struct statx& st) {

@@ -31,6 +31,13 @@ std::variant<StorageItem, relay::RelayDeviceStatus> locateItem(
 
 // The item's own status (a link's, not its target's); false when it does not exist.
 bool statItem(const StorageItem& item, struct statx& st);
+// The same for the entry name of the directory open at folder.
+bool statEntry(int folder, const std::string& name, struct statx& st);
+
+// The status that answers a failed system call on the storage. A missing folder on the
+// way (ENOTDIR) is notFound, as for locateItem; a link where the app will not follow one
+// (ELOOP) is invalidArgument.
+relay::RelayDeviceStatus statusOfError(int error);
 
 // Changes whenever the content does: it covers the size, the modification time and the
 // inode, so a file replaced by another differs even when both were written in the same

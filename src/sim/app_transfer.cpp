@@ -45,28 +45,6 @@ tunnel::TunnelMessage answerWith(const Record& record) {
     return {codeOf(RelayDeviceStatus::ok), std::move(*body)};
 }
 
-RelayDeviceStatus statusOfError(int error) {
-    switch (error) {
-        case ENOENT:
-        case ENOTDIR:
-            return RelayDeviceStatus::notFound;
-        case EACCES:
-        case EPERM:
-        case EROFS:
-            return RelayDeviceStatus::permissionDenied;
-        case EISDIR:
-            return RelayDeviceStatus::isDirectory;
-        case ELOOP:  // a link: the app neither reads nor writes through one
-        case EFBIG:
-            return RelayDeviceStatus::invalidArgument;
-        case ENOSPC:
-        case EDQUOT:
-            return RelayDeviceStatus::noSpace;
-        default:
-            return RelayDeviceStatus::ioError;
-    }
-}
-
 // The status for an item that must be a regular file, when it is not one.
 std::optional<RelayDeviceStatus> notAFile(mode_t mode) {
     if (S_ISDIR(mode)) {
@@ -189,8 +167,7 @@ tunnel::TunnelMessage AppTransfer::stageWrite(const Bytes& body) {
         return rejection(statusOfError(errno));
     }
     // A second stage of the same item starts the write over.
-    std::string path = item.path;
-    staged_.insert_or_assign(std::move(path), StagedWrite{std::move(item), std::move(file)});
+    staged_.insert_or_assign(item.path, StagedWrite{current, std::move(file)});
     return {codeOf(RelayDeviceStatus::ok), {}};
 }
 
@@ -227,19 +204,24 @@ tunnel::TunnelMessage AppTransfer::commitWrite(const Bytes& body) {
     if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
         return rejection(*status);
     }
-    auto node = staged_.extract(std::get<StorageItem>(located).path);
+    const auto& item = std::get<StorageItem>(located);
+    auto node = staged_.extract(item.path);
     if (node.empty()) {
         return rejection(RelayDeviceStatus::invalidArgument);
     }
     const StagedWrite& staged = node.mapped();
-    if (const int error = linkOver(staged.file.get(), staged.item.folder.get(), staged.item.name)) {
+    struct statx st {};
+    const Bytes current = statItem(item, st) ? contentVersionOf(st) : Bytes{};
+    if (current != staged.version) {
+        return rejection(RelayDeviceStatus::versionConflict);
+    }
+    if (const int error = linkOver(staged.file.get(), item.folder.get(), item.name)) {
         return rejection(statusOfError(error));
     }
-    struct statx st {};
-    if (!statItem(staged.item, st)) {
+    if (!statItem(item, st)) {
         return rejection(RelayDeviceStatus::ioError);
     }
-    return answerWith(summaryOf(st, request->identifier, staged.item.name));
+    return answerWith(summaryOf(st, request->identifier, item.name));
 }
 
 namespace {

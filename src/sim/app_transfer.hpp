@@ -16,7 +16,9 @@
 // Refusals answer a RelayDeviceStatus code: reads with an empty body, the write steps
 // with a FileIODeviceRejection of the same status. A staged write lasts until its commit
 // or the next stage of the same item; a write chunk or commit without one is
-// invalidArgument.
+// invalidArgument. The commit is refused with versionConflict when the item changed since
+// its stage (written by hand, renamed, removed, replaced by a rename), so that a write
+// never lands on content its writer did not see.
 //
 // The staged copy is an unnamed file in the item's folder: nobody sees it before the
 // commit, it is on the same file system for the atomic rename, and an app that stops
@@ -57,7 +59,7 @@ public:
 
 private:
     struct StagedWrite {
-        StorageItem item;  // where the commit puts it
+        Bytes version;  // the item's content version at the stage; empty when it had none
         UniqueFd file;
     };
 

@@ -148,6 +148,14 @@ ControlReply toEveryFramedConnection(CompanionApp::State& state, StartSend start
     return reply;
 }
 
+ControlReply pushToEveryFramedConnection(CompanionApp::State& state, std::uint16_t code,
+                                         const Bytes& body) {
+    return toEveryFramedConnection(state, [&](FramedConnection& connection) {
+        runtime::spawnTask(state.executor, connection.engine, &tunnel::TunnelEngine::enqueuePush,
+                           code, body);
+    });
+}
+
 asio::awaitable<void> sendRaw(std::shared_ptr<tunnel::SocketTunnelTransport> transport,
                               Bytes bytes) {
     try {
@@ -218,19 +226,27 @@ PortListener CompanionApp::listener() {
     };
 }
 
+asio::any_io_executor CompanionApp::executor() const {
+    return state_->executor;
+}
+
 AppHandlerTable& CompanionApp::handlers() {
     return state_->handlers;
 }
 
+ControlReply CompanionApp::pushItemMutation(const service::ItemMutationNotifyPayload& payload) {
+    return pushToEveryFramedConnection(
+        *state_, static_cast<std::uint16_t>(service::BridgeNotifyMessage::itemMutation),
+        json::encode(payload).value_or(Bytes{}));
+}
+
 ControlReply CompanionApp::execute(const AppCommand& command) {
     switch (command.verb) {
-        case AppVerb::push: {
-            Bytes body(command.text.begin(), command.text.end());
-            return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {
-                runtime::spawnTask(state_->executor, connection.engine,
-                                   &tunnel::TunnelEngine::enqueuePush, command.code, body);
-            });
-        }
+        case AppVerb::push:
+            return pushToEveryFramedConnection(*state_, command.code,
+                                               Bytes(command.text.begin(), command.text.end()));
+        case AppVerb::poke:
+            return pushItemMutation({command.pokeKind, command.text});
         case AppVerb::flood: {
             auto body = std::make_shared<const Bytes>(command.floodBytes, std::uint8_t{'x'});
             auto until =

@@ -30,8 +30,11 @@ public:
     CompanionApp& operator=(const CompanionApp&) = delete;
 
     PortListener listener();
+    asio::any_io_executor executor() const;
     AppHandlerTable& handlers();
     ControlReply execute(const AppCommand& command);
+    // Tells every framed connection that an item changed; the data line says how many.
+    ControlReply pushItemMutation(const service::ItemMutationNotifyPayload& payload);
 
     struct State;
 

@@ -1,6 +1,6 @@
 // skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
 //   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
-//                         [--app-port PORT | --no-app] [--storage DIR]
+//                         [--app-port PORT | --no-app] [--storage DIR] [--watch-storage]
 //   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
 //                                 connections | drop [UDID] | push CODE [BODY] |
 //                                 flood CODE BYTES SECONDS | fault ... | inject ... |
@@ -50,7 +50,7 @@ int serve(skiff::sim::SimPhoneOptions options) {
     try {
         phone.start();
     } catch (const std::system_error& e) {
-        std::cerr << "skiff-phone-sim: cannot listen in " << dir << ": " << e.what() << "\n";
+        std::cerr << "skiff-phone-sim: cannot start in " << dir << ": " << e.what() << "\n";
         return 1;
     }
     asio::signal_set signals(io, SIGINT, SIGTERM);
@@ -106,6 +106,8 @@ int main(int argc, char** argv) {
         ->add_option("--storage", options.storage,
                      "Folder that stands for the phone's storage (default: a new empty one)")
         ->check(CLI::ExistingDirectory);
+    serveCommand->add_flag("--watch-storage", options.watchStorage,
+                           "Push an itemMutation for each item created or deleted in the storage");
 
     std::string ctlDir;
     std::vector<std::string> words;

@@ -1,5 +1,6 @@
 #include "sim/sim_phone.hpp"
 
+#include "sim/app_items.hpp"
 #include "sim/app_lookup.hpp"
 #include "sim/app_transfer.hpp"
 
@@ -19,15 +20,33 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     if (!options.storage.empty()) {
         installLookupHandler(app_.handlers(), options.storage);
         installTransferHandlers(app_.handlers(), options.storage);
+        installItemHandlers(app_.handlers(), options.storage);
+        if (options.watchStorage) {
+            watchedStorage_ = options.storage;
+        }
     }
     if (options.echoPort) {
         listeners_.listen(*options.echoPort, makeEchoListener());
     }
 }
 
+SimPhone::~SimPhone() {
+    if (watcher_) {
+        watcher_->stop();
+    }
+}
+
 void SimPhone::start() {
     mux_.start();
     control_.start();
+    if (!watchedStorage_.empty()) {
+        watcher_ = StorageWatcher::start(
+            app_.executor(), watchedStorage_,
+            [this](const service::ItemMutationNotifyPayload& payload) {
+                app_.pushItemMutation(payload);
+            },
+            report_);
+    }
 }
 
 ControlReply SimPhone::execute(const ControlCommand& command) {

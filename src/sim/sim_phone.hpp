@@ -13,6 +13,7 @@
 #include "sim/mux_server.hpp"
 #include "sim/port_listener.hpp"
 #include "sim/reporter.hpp"
+#include "sim/storage_watcher.hpp"
 
 namespace skiff::sim {
 
@@ -25,6 +26,8 @@ struct SimPhoneOptions {
     // Echo wins over the app when both are given the same port.
     std::optional<uint16_t> echoPort = kEchoPort;
     std::string storage;  // the folder the app's look-ups and transfers use; none when empty
+    // Each item created or deleted in storage by hand is pushed as an itemMutation.
+    bool watchStorage = false;
 };
 
 // The whole simulated phone on one io_context: the device table, the apps by port,
@@ -32,8 +35,11 @@ struct SimPhoneOptions {
 class SimPhone {
 public:
     SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report);
+    ~SimPhone();
+    SimPhone(const SimPhone&) = delete;
+    SimPhone& operator=(const SimPhone&) = delete;
 
-    // Binds both sockets; throws std::system_error.
+    // Binds both sockets and starts watching the storage; throws std::system_error.
     void start();
 
     ListenerRegistry& listeners() { return listeners_; }
@@ -51,6 +57,8 @@ private:
     CompanionApp app_;
     MuxServer mux_;
     ControlServer control_;
+    std::string watchedStorage_;  // empty: not watched
+    std::shared_ptr<StorageWatcher> watcher_;
 };
 
 }  // namespace skiff::sim

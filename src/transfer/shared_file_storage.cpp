@@ -13,7 +13,7 @@ namespace {
 
 using Case = SharedFileStorageError::Case;
 
-constexpr const char* kContainerRelative = "Harbor/group.Mox.Harbor";
+constexpr const char* kContainerName = "group.Mox.Harbor";
 
 [[noreturn]] void fail(Case c, int error) {
     throw SharedFileStorageError(c, std::error_code(error, std::generic_category()));
@@ -55,15 +55,23 @@ const char* SharedFileStorageError::what() const noexcept {
     return "shared file storage error";
 }
 
-std::optional<std::filesystem::path> defaultContainerPath(const char* xdgDataHome,
-                                                          const char* home) {
+std::optional<std::filesystem::path> harborDataPath(const char* xdgDataHome, const char* home) {
     if (isAbsolute(xdgDataHome)) {
-        return std::filesystem::path(xdgDataHome) / kContainerRelative;
+        return std::filesystem::path(xdgDataHome) / "Harbor";
     }
     if (isAbsolute(home)) {
-        return std::filesystem::path(home) / ".local/share" / kContainerRelative;
+        return std::filesystem::path(home) / ".local/share/Harbor";
     }
     return std::nullopt;
+}
+
+std::optional<std::filesystem::path> defaultContainerPath(const char* xdgDataHome,
+                                                          const char* home) {
+    auto data = harborDataPath(xdgDataHome, home);
+    if (data) {
+        *data /= kContainerName;
+    }
+    return data;
 }
 
 bool isContainerFileName(std::string_view name) {
@@ -89,6 +97,11 @@ std::filesystem::path SharedFileStorage::containerPath() const {
     if (!container_) {
         throw SharedFileStorageError(Case::containerUnavailable);
     }
+    return *container_;
+}
+
+std::filesystem::path SharedFileStorage::makeContainer() const {
+    openContainer();
     return *container_;
 }
 

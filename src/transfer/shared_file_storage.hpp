@@ -42,9 +42,13 @@ private:
     std::error_code cause_;
 };
 
-// The default container path for these environment values (either may be null); a
-// relative XDG_DATA_HOME is ignored, as the base-directory convention asks. Nothing
-// when neither gives an absolute directory.
+// Skiff's data directory for these environment values (either may be null):
+// $XDG_DATA_HOME/Harbor, else ~/.local/share/Harbor. A relative XDG_DATA_HOME is ignored,
+// as the base-directory convention asks. Nothing when neither gives an absolute directory.
+// The container and the volume's mount point both lie in it.
+std::optional<std::filesystem::path> harborDataPath(const char* xdgDataHome, const char* home);
+
+// The default container path: group.Mox.Harbor in the data directory above.
 std::optional<std::filesystem::path> defaultContainerPath(const char* xdgDataHome,
                                                           const char* home);
 
@@ -64,6 +68,9 @@ public:
 
     // The container's path; throws containerUnavailable when there is none.
     std::filesystem::path containerPath() const;
+    // The same, made (mode 0700) when missing, for callers that keep directories of their
+    // own in it. Throws containerUnavailable, with the system's error when making failed.
+    std::filesystem::path makeContainer() const;
 
     // A new empty file (an existing one is truncated), mode 0600, open for reading and
     // writing, with byteCount bytes reserved at once so that chunks can be written at

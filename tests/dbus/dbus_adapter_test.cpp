@@ -585,6 +585,11 @@ TEST(NoticeQueueTest, PastTheBoundNoticesAreDroppedAndTheRestKeepTheirOrder) {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<std::int64_t> sent;
+    // Hold the strand so that nothing drains while the queue fills; held before the queue
+    // registers itself, since registering drains too.
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    connection->post([released] { released.wait(); });
     auto queue = NoticeQueue::create(
         connection, "test",
         [&](BusConnection&, std::int64_t m, const Bytes&) {
@@ -595,10 +600,6 @@ TEST(NoticeQueueTest, PastTheBoundNoticesAreDroppedAndTheRestKeepTheirOrder) {
         },
         100);
 
-    // Hold the strand so that nothing drains while the queue fills.
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    connection->post([released] { released.wait(); });
     EXPECT_TRUE(queue->offer(1, Bytes(40)));
     EXPECT_TRUE(queue->offer(2, Bytes(40)));
     EXPECT_FALSE(queue->offer(3, Bytes(40)));

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string_view>
@@ -240,6 +241,59 @@ TEST_F(SkiffctlE2eTest, MeasurementsNeedAFileProviderAndSkiffctlCanBeOne) {
     const auto ingest = run({"--role", "none", "--json", "ingest", "1M"});
     ASSERT_EQ(ingest.exitStatus, 0) << ingest.output;
     EXPECT_EQ(jsonLines(ingest.output).at(0).value("byteCount", 0), 1048576);
+}
+
+}  // namespace
+}  // namespace skiff::test
+
+namespace skiff::test {
+namespace {
+
+TEST_F(SkiffctlE2eTest, ItemCommandsChangeThePhonesStorageAndSayWhyWhenRefused) {
+    namespace fs = std::filesystem;
+    const fs::path storage = stack_.storage();
+    ASSERT_EQ(run({"mkdir", "Documents/new"}).exitStatus, 0);
+    EXPECT_TRUE(fs::is_directory(storage / "Documents/new"));
+
+    const auto moved = run({"--json", "mv", "Documents/notes.txt", "Documents/new/n.txt"});
+    ASSERT_EQ(moved.exitStatus, 0) << moved.output;
+    const auto movedLines = jsonLines(moved.output);
+    ASSERT_EQ(movedLines.size(), 1u) << moved.output;
+    EXPECT_EQ(movedLines[0]["item"].value("identifier", ""), "Documents/new/n.txt");
+    EXPECT_EQ(movedLines[0].value("status", -1), 0);
+
+    const auto listed = run({"ls", "-l", "Documents"});
+    EXPECT_EQ(listed.exitStatus, 0) << listed.output;
+    EXPECT_TRUE(listed.output.starts_with("d ")) << listed.output;
+    EXPECT_TRUE(listed.output.ends_with(" UTC  new/\n")) << listed.output;
+    const auto inside = run({"--json", "ls", "Documents/new"});
+    ASSERT_EQ(jsonLines(inside.output).size(), 1u) << inside.output;
+    const auto items = jsonLines(inside.output)[0]["items"];
+    ASSERT_EQ(items.size(), 1u) << inside.output;
+    EXPECT_EQ(items[0].value("size", 0), 12);
+
+    // Refusals: in words, and the numbers with --json.
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+        {{"rm", "Documents"}, "directory not empty"},
+        {{"mkdir", "Documents/new"}, "already exists on the phone"},
+        {{"ls", "Documents/none"}, "not found on the phone"},
+        {{"ls", "Documents/new/n.txt"}, "not a directory"},
+        {{"mv", "Documents/new/n.txt", "Documents"}, "is a directory"},
+        {{"rm", "/Documents"}, "not a valid identifier"},
+    };
+    for (const auto& [args, words] : refusals) {
+        const auto refused = run(args);
+        EXPECT_EQ(refused.exitStatus, 1) << refused.output;
+        EXPECT_NE(refused.output.find(words), std::string::npos) << refused.output;
+    }
+    EXPECT_EQ(linesEqualTo(run({"--json", "rm", "Documents"}).output,
+                           R"({"status":9,"detail":3,"error":"directory not empty"})"),
+              1u);
+
+    ASSERT_EQ(run({"rm", "Documents/new/n.txt"}).exitStatus, 0);
+    ASSERT_EQ(run({"rm", "Documents/new"}).exitStatus, 0);
+    EXPECT_EQ(run({"ls", "Documents"}).output, "");
+    EXPECT_FALSE(fs::exists(storage / "Documents/new"));
 }
 
 }  // namespace

@@ -1,53 +1,152 @@
 #pragma once
-// A volume that is mounted when the test says so and counts the unmounts asked of it.
+// A volume made of shell scripts: the fake mount.skiff adds the volume to a fake mount
+// table, the fake fusermount3 takes it out, and every tool notes its arguments in a log.
+// What a tool does beyond that is chosen per test through files in the directory
+// (fail-<tool>, hang-<tool>), so one set of scripts serves every case.
 
 #include <asio.hpp>
-#include <atomic>
-#include <mutex>
-#include <optional>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
 #include <vector>
 
-#include "mount/volume.hpp"
+#include "mount/mount_error.hpp"
+#include "mount/mount_service.hpp"
+#include "support/child_process.hpp"
 
 namespace skiff::mount::testing {
 
-class FakeVolume : public Volume {
+namespace fs = std::filesystem;
+
+inline std::string readText(const fs::path& path) {
+    std::stringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+inline void writeText(const fs::path& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+}
+
+// "ok", or what a call failed with, a time-out marked as such.
+inline std::string describe(const std::exception& error) {
+    const auto* mountError = dynamic_cast<const MountServiceError*>(&error);
+    const bool timedOut =
+        mountError != nullptr && mountError->errorCase() == MountServiceError::Case::timedOut;
+    return (timedOut ? "timedOut: " : "") + std::string(error.what());
+}
+
+template <class Run>
+std::string outcomeOf(Run run) {
+    try {
+        run();
+        return "ok";
+    } catch (const std::exception& error) {
+        return describe(error);
+    }
+}
+
+// The same, worked out on the thread the call ran on: an exception handed to the test's
+// thread would be freed by whichever side lets go last, through a reference count that
+// ThreadSanitizer cannot see.
+inline asio::awaitable<std::string> outcomeOf(asio::awaitable<void> call) {
+    try {
+        co_await std::move(call);
+        co_return "ok";
+    } catch (const std::exception& error) {
+        co_return describe(error);
+    }
+}
+
+class FakeVolume {
 public:
-    bool isMounted() const override { return mounted; }
-
-    asio::awaitable<void> unmount(bool force) override {
-        std::optional<MountServiceError> error;
-        {
-            std::lock_guard guard(mutex_);
-            forces_.push_back(force);
-            error = failure;
-        }
-        if (!mounted) {
-            throw MountServiceError::notMounted();
-        }
-        if (error) {
-            throw *error;
-        }
-        mounted = false;
-        co_return;
+    FakeVolume() {
+        fs::create_directories(tools_);
+        // A tool told to hang (on any arguments, or on those in the file) records its pid
+        // and waits to be terminated. One told to fail writes the file's text to standard
+        // error and exits 1, before doing its work or, with fail-after, after it.
+        const std::string before = R"(#!/bin/sh
+dir=")" + base_.path() + R"("
+name=$(basename "$0")
+echo "$name $*" >> "$dir/calls"
+if [ -e "$dir/hang-$name" ]; then
+    want=$(cat "$dir/hang-$name")
+    if [ -z "$want" ] || [ "$want" = "$*" ]; then echo $$ > "$dir/pid-$name"; exec sleep 60; fi
+fi
+if [ -e "$dir/fail-$name" ]; then cat "$dir/fail-$name" >&2; exit 1; fi
+)";
+        const std::string after = R"(if [ -e "$dir/fail-after-$name" ]; then exit 1; fi
+)";
+        script("mount.skiff", before + R"(escaped=$(printf '%s' "$2" | sed 's/ /\\040/g')
+printf '%s\n' "200 1 0:77 / $escaped rw,nosuid,nodev shared:9 - fuse.skiff skiff rw" >> "$dir/mountinfo"
+)" + after);
+        script("fusermount3", before + R"(grep -v fuse.skiff "$dir/mountinfo" > "$dir/mountinfo.new"
+mv "$dir/mountinfo.new" "$dir/mountinfo"
+)" + after);
+        script("xdg-open", before);
+        writeText(table(), "22 1 8:1 / / rw,relatime - ext4 /dev/sda1 rw\n");
     }
 
-    // Every unmount asked for, by its force flag.
-    std::vector<bool> unmounts() const {
-        std::lock_guard guard(mutex_);
-        return forces_;
-    }
-    void failWith(MountServiceError error) {
-        std::lock_guard guard(mutex_);
-        failure = std::move(error);
+    MountServiceOptions options() const {
+        return {.mountTool = (tools_ / "mount.skiff").string(),
+                .unmountTool = (tools_ / "fusermount3").string(),
+                .openTool = (tools_ / "xdg-open").string(),
+                .mountTable = table(),
+                .mountPoint = mountPoint(),
+                .container = container()};
     }
 
-    std::atomic<bool> mounted{false};
+    fs::path dir() const { return base_.path(); }
+    // A space in the path makes the table escape it.
+    fs::path mountPoint() const { return dir() / "Harbor data" / "mnt"; }
+    fs::path container() const { return dir() / "Harbor data" / "group.Mox.Harbor"; }
+    fs::path table() const { return dir() / "mountinfo"; }
+    std::string tool(const std::string& name) const { return (tools_ / name).string(); }
+
+    // The tools run so far, one "name arguments..." line each.
+    std::vector<std::string> calls() const {
+        std::vector<std::string> lines;
+        std::istringstream in(readText(dir() / "calls"));
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+    void failWith(const std::string& name, const std::string& errorText) const {
+        writeText(dir() / ("fail-" + name), errorText);
+    }
+    void failAfterWork(const std::string& name) const {
+        writeText(dir() / ("fail-after-" + name), "");
+    }
+    // Hangs on these arguments only, or on any when empty.
+    void hang(const std::string& name, const std::string& arguments = "") const {
+        std::ofstream(dir() / ("hang-" + name)) << arguments;
+    }
+    pid_t hungPid(const std::string& name) const {
+        return static_cast<pid_t>(std::stol(readText(dir() / ("pid-" + name))));
+    }
+    void addMount(const std::string& type) const {
+        std::ofstream(table(), std::ios::app)
+            << "300 1 0:88 / " << escapedMountPoint() << " rw - " << type << " none rw\n";
+    }
+    std::string escapedMountPoint() const {
+        std::string text = mountPoint().string();
+        for (auto at = text.find(' '); at != std::string::npos; at = text.find(' ', at)) {
+            text.replace(at, 1, "\\040");
+        }
+        return text;
+    }
 
 private:
-    mutable std::mutex mutex_;
-    std::optional<MountServiceError> failure;
-    std::vector<bool> forces_;
+    void script(const std::string& name, const std::string& text) const {
+        writeText(tools_ / name, text);
+        fs::permissions(tools_ / name, fs::perms(0755));
+    }
+
+    test::TempDir base_{"skiff-mount"};
+    fs::path tools_ = fs::path(base_.path()) / "tools";
 };
 
 }  // namespace skiff::mount::testing

@@ -11,9 +11,9 @@
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
 #include "common/run_sync.hpp"
-#include "mount/fake_volume.hpp"
 #include "mount/probe_fakes.hpp"
 #include "mount/relay_probe_coordinator.hpp"
+#include "mount/stub_volume.hpp"
 #include "relay/relay_fakes.hpp"
 
 namespace skiff::mount {
@@ -21,9 +21,9 @@ namespace {
 
 using skiff::testing::eventually;
 using skiff::testing::readyInTime;
-using testing::FakeVolume;
 using testing::ManualClock;
 using testing::ScriptedLink;
+using testing::StubVolume;
 
 constexpr std::int64_t kOk = 0, kNotConnected = 1, kFailed = 3, kTimedOut = 4, kDevice = 9;
 constexpr auto kSilent = ScriptedLink::kSilent;
@@ -83,7 +83,7 @@ protected:
     log::LogCapture capture;
     runtime::IoRuntime runtime;
     std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
-    std::shared_ptr<FakeVolume> volume = std::make_shared<FakeVolume>();
+    std::shared_ptr<StubVolume> volume = std::make_shared<StubVolume>();
     std::shared_ptr<ScriptedLink> link = std::make_shared<ScriptedLink>();
     std::atomic<bool> usb{true};
     std::atomic<int> usbAsked{0};
@@ -126,7 +126,7 @@ TEST_F(RelayProbeTest, KeepaliveCountsConsecutiveMissesAndForcesTheVolumeOffAfte
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         capture.clear();
-        volume = std::make_shared<FakeVolume>();
+        volume = std::make_shared<StubVolume>();
         link->script(c.script, c.fallback);
         if (c.unmountRefused) {
             volume->failWith(MountServiceError::commandFailed("device is busy"));
@@ -211,7 +211,7 @@ TEST_F(RelayProbeTest, UsbDisconnectEndsTheLoopAndForcesAMountedVolumeOff) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         capture.clear();
-        volume = std::make_shared<FakeVolume>();
+        volume = std::make_shared<StubVolume>();
         volume->mounted = c.mounted;
         usb = true;
         link->script({}, kOk);

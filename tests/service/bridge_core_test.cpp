@@ -9,7 +9,7 @@
 
 #include "common/bridge_messages.hpp"
 #include "common/log.hpp"
-#include "service/notification_payloads.hpp"
+#include "common/notification_payloads.hpp"
 #include "service/service_fakes.hpp"
 #include "tunnel/tunnel_test_support.hpp"
 

@@ -14,7 +14,7 @@
 #include "common/log.hpp"
 #include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
-#include "mount/fake_volume.hpp"
+#include "mount/stub_volume.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
 #include "service/relay_transfer_sender.hpp"
@@ -94,8 +94,8 @@ protected:
     }
 
     std::shared_ptr<relay::testing::FakeOpener> opener;
-    std::shared_ptr<mount::testing::FakeVolume> volume =
-        std::make_shared<mount::testing::FakeVolume>();
+    std::shared_ptr<mount::testing::StubVolume> volume =
+        std::make_shared<mount::testing::StubVolume>();
     struct CountingListener final : mount::VolumeListener {
         void volumeDidMount() override { ++mounts; }
         void volumeDidUnmount() override { ++unmounts; }
@@ -104,7 +104,7 @@ protected:
     std::shared_ptr<CountingListener> listener = std::make_shared<CountingListener>();
     // Mounts by the fake volume's flag, refusing as the real one does.
     struct FakeControl final : mount::VolumeControl {
-        explicit FakeControl(std::shared_ptr<mount::testing::FakeVolume> volume)
+        explicit FakeControl(std::shared_ptr<mount::testing::StubVolume> volume)
             : volume(std::move(volume)) {}
         asio::awaitable<void> mountVolume() override {
             if (volume->mounted.exchange(true)) {
@@ -115,7 +115,7 @@ protected:
         asio::awaitable<void> unmountVolume(bool force) override {
             co_await volume->unmount(force);
         }
-        std::shared_ptr<mount::testing::FakeVolume> volume;
+        std::shared_ptr<mount::testing::StubVolume> volume;
     };
     std::shared_ptr<FakeControl> control = std::make_shared<FakeControl>(volume);
 };

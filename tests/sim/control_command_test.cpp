@@ -76,6 +76,17 @@ TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
     }
 }
 
+TEST(ControlCommand, PokeNamesItsKindAndTheWholeRelayId) {
+    using Kind = service::ItemMutationNotifyPayload::Kind;
+    auto created = parsed("poke created docs/my notes.txt ");
+    EXPECT_EQ(created.app.verb, AppVerb::poke);
+    EXPECT_EQ(created.app.pokeKind, Kind::created);
+    EXPECT_EQ(created.app.text, "docs/my notes.txt");
+    auto deleted = parsed("poke deleted /outside");
+    EXPECT_EQ(deleted.app.pokeKind, Kind::deleted);
+    EXPECT_EQ(deleted.app.text, "/outside");  // the service's own checks are what it tests
+}
+
 TEST(ControlCommand, RejectsWrongShapes) {
     for (std::string_view line : {"",
                                   "   ",
@@ -90,6 +101,11 @@ TEST(ControlCommand, RejectsWrongShapes) {
                                   "push",
                                   "push 65536",
                                   "push -1 x",
+                                  "poke",
+                                  "poke created",
+                                  "poke created \"\"",
+                                  "poke moved a.txt",
+                                  "poke Created a.txt",
                                   "fault status 7x",
                                   "fault delay",
                                   "fault silent maybe",

@@ -20,11 +20,12 @@ tunnel_id tunnelTo(const char* udid, std::uint16_t port) {
 }
 
 TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
-    // Without a started manager every native transfer fails.
-    auto transport = std::make_shared<UsbMuxTunnelTransport>(tunnelTo("no-such-device", 33325));
-
+    // The runtime outlives the transport: the transport's thread may still be inside its
+    // post to the io_context when the awaited call has already returned.
     runtime::IoRuntime runtime(1);
     runtime.start();
+    // Without a started manager every native transfer fails.
+    auto transport = std::make_shared<UsbMuxTunnelTransport>(tunnelTo("no-such-device", 33325));
     auto caseOf = [&](auto call) {
         return testing::errorCaseOf<TunnelTransportError>(
             [&] { runSync(runtime.executor(), call()); });
@@ -39,6 +40,7 @@ TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
               }),
               disconnected);
     EXPECT_NO_THROW(runSync(runtime.executor(), transport->close()));
+    transport.reset();
     runtime.stop();
 }
 

@@ -1,4 +1,4 @@
-#include "service/notification_payloads.hpp"
+#include "common/notification_payloads.hpp"
 
 #include <array>
 

@@ -1,5 +1,7 @@
 #pragma once
-// JSON bodies of the notifications sent to clients (and pushed by the phone).
+// JSON bodies of the notifications sent to clients (and pushed by the phone). They sit
+// beside the message codes so that every layer that meets a push, the mount handlers
+// included, decodes it with the same records.
 
 #include <cstdint>
 #include <span>
