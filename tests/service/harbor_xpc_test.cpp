@@ -41,7 +41,6 @@ protected:
             std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"));
         collaborators.volume = volume;
         collaborators.volumeListener = listener;
-        collaborators.volumeControl = control;
     }
 
     std::future<std::pair<Bytes, std::int64_t>> fileIO(FakeConnection& from, std::int64_t op,
@@ -102,22 +101,6 @@ protected:
         std::atomic<int> mounts{0}, unmounts{0};
     };
     std::shared_ptr<CountingListener> listener = std::make_shared<CountingListener>();
-    // Mounts by the fake volume's flag, refusing as the real one does.
-    struct FakeControl final : mount::VolumeControl {
-        explicit FakeControl(std::shared_ptr<mount::testing::StubVolume> volume)
-            : volume(std::move(volume)) {}
-        asio::awaitable<void> mountVolume() override {
-            if (volume->mounted.exchange(true)) {
-                throw mount::MountServiceError::alreadyMounted();
-            }
-            co_return;
-        }
-        asio::awaitable<void> unmountVolume(bool force) override {
-            co_await volume->unmount(force);
-        }
-        std::shared_ptr<mount::testing::StubVolume> volume;
-    };
-    std::shared_ptr<FakeControl> control = std::make_shared<FakeControl>(volume);
 };
 
 TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
@@ -262,42 +245,6 @@ TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmou
         }
     }
     EXPECT_EQ(opener->events().size(), 1u) << "one tunnel carried every notice";
-}
-
-TEST_F(HarborXpcTest, UnmountNoticeReachesTheAppAndResumesTheProbe) {
-    auto fileProvider = client(HarborBridgeClientRole::fileProvider);
-    core->handleUsbDeviceEvent(1, "PHONE-1");
-    log::LogCapture capture;
-    fileProvider->host().filesystemDidUnmount();
-    // The app is gone before it answers: the notice is only logged as failed.
-    auto notice = opener->peer(0).readFrame();
-    EXPECT_EQ(notice.header.code, 20);
-    opener->peer(0).closeNow();
-    ASSERT_TRUE(eventually([&] { return listener->unmounts == 1; }));
-    EXPECT_TRUE(capture.contains("filesystemUnmounted — iOS notify skipped/failed"));
-}
-
-TEST_F(HarborXpcTest, DesktopMountAndUnmountReplyWithTheVolumesOwnWords) {
-    using Reply = std::pair<bool, std::string>;
-    auto app = client(HarborBridgeClientRole::desktopApp);
-    auto call = [&](std::function<void(std::function<void(bool, std::string)>)> start) {
-        auto promise = std::make_shared<std::promise<Reply>>();
-        start([promise](bool ok, std::string message) {
-            promise->set_value({ok, std::move(message)});
-        });
-        auto reply = promise->get_future();
-        EXPECT_TRUE(skiff::testing::readyInTime(reply));
-        return reply.get();
-    };
-    auto mount = [&] { return call([&](auto reply) { app->host().mountVolume(reply); }); };
-    auto unmount = [&](bool force) {
-        return call([&](auto reply) { app->host().unmountVolume(force, reply); });
-    };
-    EXPECT_EQ(mount(), Reply(true, ""));
-    EXPECT_EQ(mount(), Reply(false, "Skiff is already mounted."));
-    EXPECT_EQ(unmount(false), Reply(true, ""));
-    EXPECT_EQ(unmount(true), Reply(false, "Skiff is not mounted."));
-    EXPECT_EQ(volume->unmounts(), (std::vector<bool>{false, true}));
 }
 
 TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {
