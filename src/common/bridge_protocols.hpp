@@ -64,6 +64,9 @@ public:
         (void)reply;
         throw NotSupported("status is not available from this host");
     }
+    // The desktop's own mount and unmount: whether it worked, and why not.
+    virtual void mountVolume(std::function<void(bool, std::string)> reply) = 0;
+    virtual void unmountVolume(bool force, std::function<void(bool, std::string)> reply) = 0;
 };
 
 // What every client implements; the service calls it through a remote proxy.

@@ -17,6 +17,7 @@
 #include "ctl/status_commands.hpp"
 #include "ctl/transfer_commands.hpp"
 #include "ctl/update_check.hpp"
+#include "ctl/volume_commands.hpp"
 
 namespace {
 
@@ -94,6 +95,11 @@ int main(int argc, char** argv) {
 
     std::string identifier;
     std::string source = "fsGetAttributes";
+    auto* mount = app.add_subcommand("mount", "Mount the volume");
+    bool forceUnmount = false;
+    auto* unmount = app.add_subcommand("unmount", "Unmount the volume");
+    unmount->add_flag("--force", forceUnmount, "Unmount at once, even while it is in use");
+
     auto* lookup = app.add_subcommand("lookup", "Look up an item on the phone");
     lookup->add_option("identifier", identifier, "Path of the item in the app's storage")
         ->required();
@@ -230,6 +236,12 @@ int main(int argc, char** argv) {
         }
         if (speedtest->parsed()) {
             return runSpeedTest(session, out);
+        }
+        if (mount->parsed()) {
+            return runMount(session, out);
+        }
+        if (unmount->parsed()) {
+            return runUnmount(session, out, forceUnmount);
         }
         if (lookup->parsed()) {
             return runLookup(session, out, identifier, source);

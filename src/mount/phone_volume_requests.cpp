@@ -52,6 +52,24 @@ PhoneVolumeRequests::PhoneVolumeRequests(std::shared_ptr<MountService> volume,
                                          std::weak_ptr<VolumeListener> listener)
     : volume_(std::move(volume)), listener_(std::move(listener)) {}
 
+asio::awaitable<void> PhoneVolumeRequests::mountVolume() {
+    co_await volume_->mount();
+    if (const auto listener = listener_.lock()) {
+        listener->volumeDidMount();
+    }
+}
+
+asio::awaitable<void> PhoneVolumeRequests::unmountVolume(bool force) {
+    if (force) {
+        co_await volume_->unmount(true);
+    } else {
+        co_await volume_->unmountGracefully(kUnmountTimeout);
+    }
+    if (const auto listener = listener_.lock()) {
+        listener->volumeDidUnmount();
+    }
+}
+
 asio::awaitable<void> PhoneVolumeRequests::handleMountControl(Bytes body) {
     const auto& log = log::xpc();
     const auto request = json::decode<MountControlNotifyPayload>(body);
@@ -63,9 +81,9 @@ asio::awaitable<void> PhoneVolumeRequests::handleMountControl(Bytes body) {
     std::optional<std::string> failure;
     try {
         if (mounting) {
-            co_await volume_->mount();
+            co_await mountVolume();
         } else {
-            co_await volume_->unmountGracefully(kUnmountTimeout);
+            co_await unmountVolume(false);
         }
     } catch (const std::exception& error) {
         failure = error.what();
@@ -76,13 +94,6 @@ asio::awaitable<void> PhoneVolumeRequests::handleMountControl(Bytes body) {
         co_return;
     }
     log.info(mounting ? "mountControl mount ok" : "mountControl unmount ok");
-    if (const auto listener = listener_.lock()) {
-        if (mounting) {
-            listener->volumeDidMount();
-        } else {
-            listener->volumeDidUnmount();
-        }
-    }
 }
 
 asio::awaitable<void> PhoneVolumeRequests::handleItemPoke(Bytes body) {

@@ -27,10 +27,11 @@
 #include "common/serial_queue.hpp"
 #include "mount/mount_service.hpp"
 #include "mount/volume.hpp"
+#include "mount/volume_control.hpp"
 
 namespace skiff::mount {
 
-class PhoneVolumeRequests {
+class PhoneVolumeRequests : public VolumeControl {
 public:
     // The listener may be gone by the time a mount succeeds; it is then not told.
     PhoneVolumeRequests(std::shared_ptr<MountService> volume,
@@ -39,6 +40,9 @@ public:
     PhoneVolumeRequests& operator=(const PhoneVolumeRequests&) = delete;
 
     asio::awaitable<void> handleMountControl(Bytes body);
+    // The desktop's requests take the same path as the phone's, without the log lines.
+    asio::awaitable<void> mountVolume() override;
+    asio::awaitable<void> unmountVolume(bool force) override;
     asio::awaitable<void> handleItemPoke(Bytes body);
 
 private:

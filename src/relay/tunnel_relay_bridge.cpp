@@ -48,6 +48,10 @@ asio::awaitable<void> TunnelRelayBridge::dropBinding() {
     return isolated(shared_from_this(), &TunnelRelayBridge::doDropBinding);
 }
 
+asio::awaitable<void> TunnelRelayBridge::invalidateTunnel(std::uint16_t port) {
+    return isolated(shared_from_this(), &TunnelRelayBridge::doInvalidateTunnel, port);
+}
+
 asio::awaitable<void> TunnelRelayBridge::beginExclusiveUse(std::uint16_t port) {
     return isolated(shared_from_this(), &TunnelRelayBridge::doBeginExclusiveUse, port);
 }
@@ -121,6 +125,13 @@ asio::awaitable<void> TunnelRelayBridge::doUnbindAfterFailure(RelayOutcome outco
 asio::awaitable<void> TunnelRelayBridge::doDropBinding() {
     co_await engine_->failAllPending(TunnelEngineError(TunnelEngineError::Case::disconnected));
     co_await unbindAndClose();
+}
+
+asio::awaitable<void> TunnelRelayBridge::doInvalidateTunnel(std::uint16_t port) {
+    co_await doDropBinding();
+    if (!exclusiveUse_.ownsLock()) {
+        co_await opener_->invalidate(port);
+    }
 }
 
 asio::awaitable<void> TunnelRelayBridge::doBeginExclusiveUse(std::uint16_t port) {

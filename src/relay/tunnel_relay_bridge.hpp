@@ -75,6 +75,10 @@ public:
 
     // The device went away: fail every waiting request and drop the tunnel.
     asio::awaitable<void> dropBinding();
+    // The app stopped answering: as dropBinding, and the native tunnel to port is forgotten
+    // too, so the next request connects anew. While an exclusive user holds the tunnel its
+    // connection is theirs, and is left alone.
+    asio::awaitable<void> invalidateTunnel(std::uint16_t port);
 
     // Takes the tunnel to port away from the relay until endExclusiveUse: the binding is
     // dropped and the native tunnel invalidated. Holders take turns.
@@ -88,6 +92,7 @@ private:
     asio::awaitable<RelayOutcome> doRelay(std::uint16_t port, std::uint16_t code, Bytes payload);
     asio::awaitable<void> doUnbindAfterFailure(RelayOutcome outcome);
     asio::awaitable<void> doDropBinding();
+    asio::awaitable<void> doInvalidateTunnel(std::uint16_t port);
     asio::awaitable<void> doBeginExclusiveUse(std::uint16_t port);
     asio::awaitable<void> doEndExclusiveUse(std::uint16_t port);
 

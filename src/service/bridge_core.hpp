@@ -20,6 +20,9 @@
 #include "common/bridge_messages.hpp"
 #include "common/bridge_protocols.hpp"
 #include "common/bytes.hpp"
+#include "mount/phone_volume_requests.hpp"
+#include "mount/volume.hpp"
+#include "mount/volume_control.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/usbmux_link.hpp"
 #include "transfer/transfer_coordinator.hpp"
@@ -38,6 +41,10 @@ struct BridgeCollaborators {
     std::shared_ptr<relay::TunnelRelayBridge> relayBridge;  // may be null in tests
     RelayProbeHooks probe;
     std::shared_ptr<transfer::TransferCoordinator> transfers;  // may be null in tests
+    std::shared_ptr<mount::Volume> volume;                     // may be null: none to unmount
+    std::shared_ptr<mount::VolumeListener> volumeListener;     // the relay probe; may be null
+    std::shared_ptr<mount::VolumeControl> volumeControl;       // may be null: no mounting
+    std::shared_ptr<mount::PhoneVolumeRequests> phoneVolume;   // the phone's pushes; may be null
 };
 
 // The relay bridge hands the app's pushes here, and the transfer coordinator its progress
@@ -77,6 +84,9 @@ public:
 
     // A push of the app for the file-system extension.
     void forwardToExtension(std::int64_t message, Bytes body) override;
+    // The phone's mount request and item notice, each handled in a task of its own.
+    void mountControl(Bytes body) override;
+    void itemMutation(Bytes body) override;
     // A transfer's progress, for the file-system extension and the observers.
     void fileIOProgress(const transfer::TransferProgress& progress) override;
 
@@ -87,6 +97,13 @@ public:
     const std::shared_ptr<UsbMuxLink>& usbMux() const { return collaborators_.usbMux; }
     const std::shared_ptr<transfer::TransferCoordinator>& transfers() const {
         return collaborators_.transfers;
+    }
+    const std::shared_ptr<mount::Volume>& volume() const { return collaborators_.volume; }
+    const std::shared_ptr<mount::VolumeListener>& volumeListener() const {
+        return collaborators_.volumeListener;
+    }
+    const std::shared_ptr<mount::VolumeControl>& volumeControl() const {
+        return collaborators_.volumeControl;
     }
 
 private:

@@ -3,6 +3,7 @@
 
 #include "common/json.hpp"
 #include "common/notification_payloads.hpp"
+#include "common/task.hpp"
 #include "service/bridge_core.hpp"
 
 namespace skiff::service {
@@ -26,6 +27,20 @@ void BridgeCore::forwardToExtension(std::int64_t message, Bytes body) {
     if (auto known = notifyMessageFromRaw(message)) {
         notifyRole(static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider), *known,
                    std::move(body));
+    }
+}
+
+void BridgeCore::mountControl(Bytes body) {
+    if (auto requests = collaborators_.phoneVolume) {
+        runtime::spawnTask(collaborators_.executor, std::move(requests),
+                           &mount::PhoneVolumeRequests::handleMountControl, std::move(body));
+    }
+}
+
+void BridgeCore::itemMutation(Bytes body) {
+    if (auto requests = collaborators_.phoneVolume) {
+        runtime::spawnTask(collaborators_.executor, std::move(requests),
+                           &mount::PhoneVolumeRequests::handleItemPoke, std::move(body));
     }
 }
 

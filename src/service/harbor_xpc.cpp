@@ -10,6 +10,7 @@
 #include "common/task.hpp"
 #include "common/version.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/host_volume.hpp"
 #include "service/service_status.hpp"
 #include "transfer/file_io_records.hpp"
 #include "transfer/transfer_coordinator.hpp"
@@ -406,11 +407,26 @@ void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes param,
 }
 
 void Harbor_XPC::filesystemDidUnmount() {
-    throw NotSupported("the unmount notice is not available in this build");
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &unmountNoticeTask);
 }
 
-void Harbor_XPC::shutdown(std::function<void(bool)>) {
-    throw NotSupported("shutdown is not available in this build");
+void Harbor_XPC::shutdown(std::function<void(bool)> reply) {
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &shutdownTask, std::move(reply));
+}
+
+void Harbor_XPC::mountVolume(std::function<void(bool, std::string)> reply) {
+    if (!core_.volumeControl()) {
+        throw NotSupported("the volume is not available in this build");
+    }
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &mountTask, std::move(reply));
+}
+
+void Harbor_XPC::unmountVolume(bool force, std::function<void(bool, std::string)> reply) {
+    if (!core_.volumeControl()) {
+        throw NotSupported("the volume is not available in this build");
+    }
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &unmountTask, force,
+                       std::move(reply));
 }
 
 void Harbor_XPC::getStatus(std::function<void(Bytes)> reply) {

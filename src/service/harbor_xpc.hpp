@@ -45,6 +45,8 @@ public:
     void filesystemDidUnmount() override;
     void shutdown(std::function<void(bool)> reply) override;
     void getStatus(std::function<void(Bytes)> reply) override;
+    void mountVolume(std::function<void(bool, std::string)> reply) override;
+    void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override;
 
 private:
     BridgeCore& core_;

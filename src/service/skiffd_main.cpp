@@ -19,6 +19,9 @@
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
 #include "common/version.hpp"
+#include "mount/mount_service.hpp"
+#include "mount/phone_volume_requests.hpp"
+#include "mount/relay_probe_coordinator.hpp"
 #include "relay/tunnel_opener.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/bridge_core.hpp"
@@ -98,7 +101,28 @@ int main(int argc, char** argv) {
         runtime.executor(), std::make_shared<service::RelayTransferSender>(relayBridge),
         std::make_shared<transfer::SharedFileStorage>());
     collaborators.transfers = transfers;
+    // The probe asks the core whether a phone is there, and the core tells the probe when
+    // one comes or goes: the probe reaches the core through a cell filled once both exist.
+    auto coreCell = std::make_shared<std::weak_ptr<service::BridgeCore>>();
+    auto volume = std::make_shared<mount::MountService>();
+    mount::ProbeCollaborators probeParts;
+    probeParts.executor = runtime.executor();
+    probeParts.volume = volume;
+    probeParts.usbConnected = [coreCell] {
+        auto core = coreCell->lock();
+        return core && core->usbMuxConnection().has_value();
+    };
+    probeParts.link = std::make_shared<mount::BridgeProbeLink>(relayBridge);
+    auto probe = std::make_shared<mount::RelayProbeCoordinator>(std::move(probeParts));
+    auto phoneVolume = std::make_shared<mount::PhoneVolumeRequests>(volume, probe);
+    collaborators.volume = volume;
+    collaborators.volumeListener = probe;
+    collaborators.volumeControl = phoneVolume;
+    collaborators.phoneVolume = phoneVolume;
+    collaborators.probe.usbDidConnect = [probe] { probe->usbDidConnect(); };
+    collaborators.probe.usbDidDisconnect = [probe] { probe->usbDidDisconnect(); };
     auto core = std::make_shared<service::BridgeCore>(std::move(collaborators));
+    *coreCell = core;
     relayBridge->setPushSink(core);
     transfers->setProgressSink(core);
     transfers->startCleanup();
@@ -143,6 +167,7 @@ int main(int argc, char** argv) {
     adapter->close();
     // The clean-up loop holds the coordinator; ending it lets the graph go.
     transfers->stopCleanup();
+    probe->stop();
     // The USB layer stops while the runtime still runs its last tasks, so no device event
     // is delivered into a torn-down graph.
     asio::co_spawn(runtime.executor(), usbMux.shutdown(), asio::use_future).get();

@@ -135,6 +135,12 @@ public:
     void shutdown(std::function<void(bool)>) override {
         throw NotSupported("shutdown is not offered");
     }
+    void mountVolume(std::function<void(bool, std::string)> reply) override {
+        reply(false, "mount refused");
+    }
+    void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override {
+        reply(force, force ? "" : "busy");
+    }
 
     std::function<void(double)> takePing() {
         std::lock_guard guard(mutex_);
@@ -269,6 +275,10 @@ TEST_F(DbusAdapterTest, ArgumentsRepliesAndErrorsCrossTheBusIntact) {
     large.push_back(2);
     EXPECT_EQ(bulk.response, large);
     EXPECT_EQ(bulk.status, kMinI);
+
+    EXPECT_EQ(caller->mountVolume(), std::make_pair(false, std::string("mount refused")));
+    EXPECT_EQ(caller->unmountVolume(true), std::make_pair(true, std::string()));
+    EXPECT_EQ(caller->unmountVolume(false), std::make_pair(false, std::string("busy")));
 
     caller->filesystemDidUnmount();  // one-way
     EXPECT_TRUE(events.waitFor("unmount"));

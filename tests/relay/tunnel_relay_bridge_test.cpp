@@ -164,6 +164,22 @@ TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
                                                           "invalidate 33325", "open 33325"}));
 }
 
+TEST_F(TunnelRelayBridgeTest, InvalidationFailsWaitersAndSparesAnExclusiveUsersTunnel) {
+    relayAnswered(0, 0, "");
+    auto waiting = relayAsync(2, bytesOf("unanswered"));
+    opener->peer(0).readFrame();
+    runSync(runtime.executor(), bridge->invalidateTunnel(service::kCompanionAppPort));
+    ASSERT_TRUE(readyInTime(waiting));
+    EXPECT_EQ(waiting.get().status, 3);
+    EXPECT_EQ(opener->events().back(), "invalidate 33325");
+
+    runSync(runtime.executor(), bridge->beginExclusiveUse(service::kCompanionAppPort));
+    const auto held = opener->events().size();
+    runSync(runtime.executor(), bridge->invalidateTunnel(service::kCompanionAppPort));
+    EXPECT_EQ(opener->events().size(), held);
+    runSync(runtime.executor(), bridge->endExclusiveUse(service::kCompanionAppPort));
+}
+
 TEST_F(TunnelRelayBridgeTest, PushesAreDispatchedByMessage) {
     relayAnswered(0, 0, "");
     auto& phone = opener->peer(0);

@@ -2,15 +2,20 @@
 // clients, the speed-test report and its hold on the relay's tunnel.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
 #include <string>
 #include <tuple>
+#include <vector>
 
+#include "common/log.hpp"
 #include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
 #include "common/version.hpp"
+#include "mount/stub_volume.hpp"
 #include "relay/relay_fakes.hpp"
 #include "service/harbor_xpc.hpp"
 #include "service/relay_transfer_sender.hpp"
@@ -36,6 +41,8 @@ protected:
         collaborators.transfers = std::make_shared<transfer::TransferCoordinator>(
             runtime.executor(), std::make_shared<RelayTransferSender>(collaborators.relayBridge),
             std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"));
+        collaborators.volume = volume;
+        collaborators.volumeListener = listener;
     }
 
     std::future<std::pair<Bytes, std::int64_t>> fileIO(FakeConnection& from, std::int64_t op,
@@ -88,6 +95,14 @@ protected:
     }
 
     std::shared_ptr<relay::testing::FakeOpener> opener;
+    std::shared_ptr<mount::testing::StubVolume> volume =
+        std::make_shared<mount::testing::StubVolume>();
+    struct CountingListener final : mount::VolumeListener {
+        void volumeDidMount() override { ++mounts; }
+        void volumeDidUnmount() override { ++unmounts; }
+        std::atomic<int> mounts{0}, unmounts{0};
+    };
+    std::shared_ptr<CountingListener> listener = std::make_shared<CountingListener>();
 };
 
 TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
@@ -203,10 +218,55 @@ TEST_F(HarborXpcTest, FileIOAnswersItsGuardsBeforeAnyTransfer) {
     EXPECT_THROW(app->host().requestFileIO(4, {}, [](Bytes, std::int64_t) {}), InvalidArgs);
 }
 
-TEST_F(HarborXpcTest, UnmountAndShutdownAreNotOffered) {
+TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {
+    struct Case {
+        bool phone;
+        bool mounted;
+        std::optional<mount::MountServiceError> unmountFailure;
+        bool reply;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {false, false, std::nullopt, true, "shutdown — already unmounted"},
+        {true, false, std::nullopt, true, "shutdown — already unmounted"},
+        {true, true, std::nullopt, true, "shutdown — force unmount ok"},
+        {true, true, mount::MountServiceError::commandFailed("device is busy"), false,
+         "shutdown — unmount failed: device is busy"},
+    };
     auto app = client(HarborBridgeClientRole::desktopApp);
-    EXPECT_THROW(app->host().filesystemDidUnmount(), NotSupported);
-    EXPECT_THROW(app->host().shutdown([](bool) {}), NotSupported);
+    int notices = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line + (c.phone ? " with a phone" : " without a phone"));
+        log::LogCapture capture;
+        if (c.phone) {
+            core->handleUsbDeviceEvent(1, "PHONE-1");
+        }
+        volume->mounted = c.mounted;
+        if (c.unmountFailure) {
+            volume->failWith(*c.unmountFailure);
+        }
+        const int unmountsBefore = listener->unmounts;
+        auto promise = std::make_shared<std::promise<bool>>();
+        app->host().shutdown([promise](bool ok) { promise->set_value(ok); });
+        auto replied = promise->get_future();
+        if (c.phone) {
+            auto& app = opener->peer(0);
+            auto notice = app.readFrame();
+            EXPECT_EQ(notice.header.code, 20);
+            EXPECT_TRUE(notice.payload.empty());
+            app.writeFrame(tunnel::FrameKind::response, 0, notice.header.flow);
+            ++notices;
+        }
+        ASSERT_TRUE(skiff::testing::readyInTime(replied));
+        EXPECT_EQ(replied.get(), c.reply);
+        EXPECT_TRUE(capture.contains(c.line));
+        EXPECT_EQ(capture.contains("filesystemUnmounted — iOS notified"), c.phone);
+        EXPECT_EQ(listener->unmounts, unmountsBefore + 1);
+        if (c.mounted) {
+            EXPECT_EQ(volume->unmounts().back(), true);
+        }
+    }
+    EXPECT_EQ(opener->events().size(), 1u) << "one tunnel carried every notice";
 }
 
 TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {

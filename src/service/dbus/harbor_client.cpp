@@ -214,6 +214,12 @@ public:
     void getStatus(std::function<void(Bytes)> reply) override {
         call("GetStatus", std::move(reply));
     }
+    void mountVolume(std::function<void(bool, std::string)> reply) override {
+        call("MountVolume", std::move(reply));
+    }
+    void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override {
+        call("UnmountVolume", std::move(reply), force);
+    }
 
     template <typename... R, typename... A>
     void call(const char* method, std::function<void(R...)> reply, A... args) {
@@ -506,6 +512,18 @@ bool HarborClient::shutdown() {
 Bytes HarborClient::getStatus() {
     return std::get<0>(
         impl_->await<Bytes>([](HarborBridgeHostProtocol& h, auto reply) { h.getStatus(reply); }));
+}
+
+std::pair<bool, std::string> HarborClient::mountVolume() {
+    auto [ok, message] = impl_->await<bool, std::string>(
+        [](HarborBridgeHostProtocol& h, auto reply) { h.mountVolume(reply); });
+    return {ok, std::move(message)};
+}
+
+std::pair<bool, std::string> HarborClient::unmountVolume(bool force) {
+    auto [ok, message] = impl_->await<bool, std::string>(
+        [force](HarborBridgeHostProtocol& h, auto reply) { h.unmountVolume(force, reply); });
+    return {ok, std::move(message)};
 }
 
 std::uint32_t HarborClient::registerSharedBuffer(int fd) {

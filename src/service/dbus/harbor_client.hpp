@@ -88,6 +88,9 @@ public:
     bool shutdown();
     // The ServiceStatus JSON body.
     Bytes getStatus();
+    // Whether the volume was mounted (unmounted), and the reason when not.
+    std::pair<bool, std::string> mountVolume();
+    std::pair<bool, std::string> unmountVolume(bool force);
 
     // The shared-memory path. The descriptor is only lent: the service maps its own copy.
     std::uint32_t registerSharedBuffer(int fd);

@@ -172,6 +172,16 @@ int getStatus(sd_bus_message* m, void* u, sd_bus_error* e) {
     return serve<std::tuple<Bytes>>(m, u, e, [](Host& h, auto reply) { h.getStatus(reply); });
 }
 
+int mountVolume(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<bool, std::string>>(m, u, e,
+                                                [](Host& h, auto reply) { h.mountVolume(reply); });
+}
+
+int unmountVolume(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<bool, std::string>, bool>(
+        m, u, e, [](Host& h, bool force, auto reply) { h.unmountVolume(force, reply); });
+}
+
 int registerSharedBuffer(sd_bus_message* m, void* u, sd_bus_error* e) {
     UnixFd fd;
     if (wire::readAll(m, fd) < 0) {
@@ -295,6 +305,11 @@ const sd_bus_vtable kHostVtable[] = {
     SD_BUS_METHOD_WITH_NAMES("Shutdown", "", "", "b", SD_BUS_PARAM(ok), shutdown,
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("GetStatus", "", "", "ay", SD_BUS_PARAM(status), getStatus,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("MountVolume", "", "", "bs", SD_BUS_PARAM(ok) SD_BUS_PARAM(message),
+                             mountVolume, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("UnmountVolume", "b", SD_BUS_PARAM(force), "bs",
+                             SD_BUS_PARAM(ok) SD_BUS_PARAM(message), unmountVolume,
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("RegisterSharedBuffer", "h", SD_BUS_PARAM(buffer), "u",
                              SD_BUS_PARAM(bufferId), registerSharedBuffer,

@@ -1,0 +1,236 @@
+#include "mount/relay_probe_coordinator.hpp"
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <utility>
+
+#include "common/check.hpp"
+#include "common/log.hpp"
+#include "common/once_reply.hpp"
+#include "common/task.hpp"
+#include "relay/relay_schema.hpp"
+
+namespace skiff::mount {
+
+namespace {
+
+using relay::UsbMuxRelayError;
+// The status of one request, or nothing when its deadline passed first.
+using AttemptReply = runtime::OnceReply<std::optional<std::int64_t>>;
+
+asio::awaitable<void> sendInto(std::shared_ptr<ProbeLink> link, AttemptReply reply) {
+    std::int64_t status = static_cast<std::int64_t>(UsbMuxRelayError::transportFailed);
+    try {
+        status = co_await link->sendProbe();
+    } catch (const std::exception& e) {
+        log::xpc().error("[relay-probe] request failed: %{public}s", e.what());
+    }
+    reply.resume(status);
+}
+
+}  // namespace
+
+RelayProbeCoordinator::RelayProbeCoordinator(ProbeCollaborators collaborators)
+    : Actor(collaborators.executor), collaborators_(std::move(collaborators)) {
+    if (!collaborators_.volume || !collaborators_.usbConnected || !collaborators_.link) {
+        fatalError("relay probe made without its volume, USB state or relay");
+    }
+    if (!collaborators_.clock) {
+        collaborators_.clock = std::make_shared<SteadyProbeClock>();
+    }
+}
+
+void RelayProbeCoordinator::usbDidConnect() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doUsbDidConnect);
+}
+
+void RelayProbeCoordinator::usbDidDisconnect() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doUsbDidDisconnect);
+}
+
+void RelayProbeCoordinator::volumeDidMount() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doVolumeDidMount);
+}
+
+void RelayProbeCoordinator::volumeDidUnmount() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doVolumeDidUnmount);
+}
+
+void RelayProbeCoordinator::stop() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doStop);
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doUsbDidConnect() {
+    if (collaborators_.volume->isMounted()) {
+        log::xpc().info(
+            "[relay-probe] USB connected while volume mounted — start mounted keepalive");
+        startKeepalive();
+    } else {
+        startProbe();
+    }
+    co_return;
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doUsbDidDisconnect() {
+    ++generation_;
+    relayReachable_ = false;
+    if (!collaborators_.volume->isMounted()) {
+        log::xpc().error("[relay-probe] unmount after disconnect failed: %{public}s",
+                         MountServiceError::notMounted().what());
+        co_return;
+    }
+    try {
+        co_await collaborators_.volume->unmount(true);
+        log::xpc().info("[relay-probe] force unmount after USB disconnect");
+    } catch (const std::exception& e) {
+        log::xpc().error("[relay-probe] unmount after disconnect failed: %{public}s", e.what());
+    }
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doVolumeDidMount() {
+    log::xpc().info("[relay-probe] volume mounted — start mounted keepalive");
+    startKeepalive();
+    co_return;
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doVolumeDidUnmount() {
+    if (collaborators_.usbConnected()) {
+        log::xpc().info("[relay-probe] volume unmounted — resume probe");
+        startProbe();
+    }
+    co_return;
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doStop() {
+    stopped_ = true;
+    ++generation_;
+    co_return;
+}
+
+void RelayProbeCoordinator::startProbe() {
+    assertIsolated();
+    if (!stopped_) {
+        spawnIsolated(shared_from_this(), &RelayProbeCoordinator::probeLoop, ++generation_);
+    }
+}
+
+void RelayProbeCoordinator::startKeepalive() {
+    assertIsolated();
+    if (!stopped_) {
+        spawnIsolated(shared_from_this(), &RelayProbeCoordinator::keepaliveLoop, ++generation_);
+    }
+}
+
+asio::awaitable<void> RelayProbeCoordinator::probeLoop(std::uint64_t generation) {
+    auto& volume = *collaborators_.volume;
+    while (isCurrent(generation)) {
+        if (volume.isMounted()) {
+            log::xpc().info("[relay-probe] volume mounted mid-loop — stop probe");
+            co_return;
+        }
+        const bool reachable = co_await check();
+        if (!isCurrent(generation)) {
+            co_return;
+        }
+        if (reachable && !relayReachable_) {
+            log::xpc().info("[relay-probe] iOS relay reachable");
+        } else if (!reachable && relayReachable_) {
+            log::xpc().info("[relay-probe] iOS relay unreachable");
+        }
+        relayReachable_ = reachable;
+        co_await collaborators_.clock->sleep(kPeriod);
+    }
+}
+
+asio::awaitable<void> RelayProbeCoordinator::keepaliveLoop(std::uint64_t generation) {
+    auto& clock = *collaborators_.clock;
+    std::int64_t misses = 0;
+    while (isCurrent(generation) && collaborators_.usbConnected() &&
+           collaborators_.volume->isMounted()) {
+        // Any word from the app stands in for a keepalive of our own.
+        if (const auto contact = collaborators_.link->lastContact()) {
+            const auto elapsed = clock.now() - *contact;
+            if (elapsed < kPeriod) {
+                co_await clock.sleep(kPeriod - std::max(elapsed, ProbeClock::Duration::zero()));
+                continue;
+            }
+        }
+        const bool answered = co_await check();
+        if (!isCurrent(generation)) {
+            co_return;
+        }
+        relayReachable_ = answered;
+        if (answered) {
+            if (misses > 0) {
+                log::xpc().info("[relay-probe] mounted keepalive recovered");
+                misses = 0;
+            }
+        } else {
+            ++misses;
+            log::xpc().info("[relay-probe] mounted keepalive miss %{public}ld/%{public}ld",
+                            static_cast<long>(misses), static_cast<long>(kMissLimit));
+            if (misses >= kMissLimit) {
+                // Not retried: a failed unmount is left to the user.
+                co_await forceUnmountAfterLostRelay();
+                co_return;
+            }
+        }
+        co_await clock.sleep(kPeriod);
+    }
+}
+
+asio::awaitable<void> RelayProbeCoordinator::forceUnmountAfterLostRelay() {
+    log::xpc().info("[relay-probe] mounted keepalive exhausted — force unmount");
+    try {
+        if (!collaborators_.volume->isMounted()) {
+            throw MountServiceError::notMounted();
+        }
+        co_await collaborators_.volume->unmount(true);
+        log::xpc().info("[relay-probe] force unmount after lost relay ok");
+    } catch (const std::exception& e) {
+        log::xpc().error("[relay-probe] force unmount after lost relay failed: %{public}s",
+                         e.what());
+    }
+}
+
+asio::awaitable<bool> RelayProbeCoordinator::check() {
+    // A phone found gone just before sending makes a failed round.
+    if (!collaborators_.usbConnected()) {
+        co_return false;
+    }
+    auto outcome = co_await attempt();
+    if (outcome == Attempt::retryable) {
+        // A tunnel that broke or was never bound may be a stale native tunnel (the app
+        // restarted, the phone was re-plugged): one fresh connection tells.
+        co_await collaborators_.link->invalidate();
+        outcome = co_await attempt();
+    }
+    if (outcome == Attempt::timedOut) {
+        co_await collaborators_.link->invalidate();
+    }
+    co_return outcome == Attempt::answered;
+}
+
+asio::awaitable<RelayProbeCoordinator::Attempt> RelayProbeCoordinator::attempt() {
+    AttemptReply reply;
+    const auto& executor = collaborators_.executor;
+    collaborators_.clock->deadline(executor, kPeriod, [reply] { reply.resume(std::nullopt); });
+    runtime::spawnTask(executor, collaborators_.link, &sendInto, reply);
+    const auto status = co_await std::move(reply).wait();
+    if (!status) {
+        co_return Attempt::timedOut;
+    }
+    switch (static_cast<UsbMuxRelayError>(*status)) {
+        case UsbMuxRelayError::ok:
+        case UsbMuxRelayError::deviceStatus:  // the app answered, if only to refuse
+            co_return Attempt::answered;
+        case UsbMuxRelayError::notConnected:
+        case UsbMuxRelayError::transportFailed:
+            co_return Attempt::retryable;
+        default:
+            co_return Attempt::failed;
+    }
+}
+
+}  // namespace skiff::mount
