@@ -1,7 +1,6 @@
 // skiffd: starts the USB layer, serves clients on the session bus, and runs until SIGTERM
 // or SIGINT (exit 0) or until its bus connection is lost (exit 1, so that the unit's
 // restart-on-failure brings it back; a service holding no bus must not linger).
-#include <malloc.h>
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
@@ -16,6 +15,7 @@
 #include <memory>
 #include <string_view>
 
+#include "common/heap_tuning.hpp"
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
 #include "common/version.hpp"
@@ -78,12 +78,7 @@ int main(int argc, char** argv) {
     warnIfUsbmuxdMissing();
     options.clientDeadline = std::chrono::milliseconds(deadlineMs);
     std::signal(SIGPIPE, SIG_IGN);
-    // Bodies of megabytes come and go all the time (relays, pushes). Kept in the heap and
-    // reused they cost no page faults; two arenas instead of one per thread, and a trim
-    // threshold, keep a burst from leaving its memory spread over idle arenas.
-    mallopt(M_ARENA_MAX, 2);
-    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
-    mallopt(M_TRIM_THRESHOLD, 8 * 1024 * 1024);
+    tuneHeapForLargeBodies();
 
     // The object graph, in the order it is torn down backwards: the runtime outlives
     // everything that posts to it, the USB service outlives the core that uses it.

@@ -9,6 +9,7 @@
 #include <limits>
 #include <variant>
 
+#include "common/file_io.hpp"
 #include "common/uuid.hpp"
 #include "relay/relay_schema.hpp"
 #include "sim/app_storage.hpp"
@@ -54,21 +55,6 @@ std::optional<RelayDeviceStatus> notAFile(mode_t mode) {
         return RelayDeviceStatus::invalidArgument;
     }
     return std::nullopt;
-}
-
-bool writeAll(int fd, std::span<const std::uint8_t> bytes, std::uint64_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(n));
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
 }
 
 // Links the unnamed file into folder under name, replacing what is there in one step.
@@ -118,22 +104,11 @@ tunnel::TunnelMessage AppTransfer::readChunk(const Bytes& body) {
     // Nothing lies beyond the largest offset a file can have.
     const std::uint64_t room = kLargestOffset - std::min(request->offset, kLargestOffset);
     Bytes bytes(static_cast<std::size_t>(std::min<std::uint64_t>(request->length, room)));
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::pread(file.get(), bytes.data() + done, bytes.size() - done,
-                                  static_cast<off_t>(request->offset + done));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return readFailure(statusOfError(errno));
-        }
-        if (n == 0) {
-            break;  // the end of the file
-        }
-        done += static_cast<std::size_t>(n);
+    const auto done = readUpTo(file.get(), bytes, request->offset);
+    if (!done) {
+        return readFailure(statusOfError(errno));
     }
-    bytes.resize(done);
+    bytes.resize(*done);
     return {codeOf(RelayDeviceStatus::ok), std::move(bytes)};
 }
 
@@ -186,7 +161,7 @@ tunnel::TunnelMessage AppTransfer::writeChunk(const Bytes& body) {
     }
     const int file = staged->second.file.get();
     struct stat st {};
-    if (!writeAll(file, request->bytes, request->offset) || ::fstat(file, &st) != 0) {
+    if (!writeAllAt(file, request->bytes, request->offset) || ::fstat(file, &st) != 0) {
         return rejection(statusOfError(errno));
     }
     const transfer::RelayWriteChunkResponse response{request->offset + request->bytes.size(),

@@ -6,10 +6,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <deque>
 #include <limits>
 #include <optional>
 #include <utility>
 
+#include "common/file_io.hpp"
 #include "common/log.hpp"
 
 namespace skiff::transfer {
@@ -71,38 +73,6 @@ struct Benchmark {
             formatRate(transferred, transportMs).c_str());
     }
 };
-
-// Writes all of bytes at offset; false on a failed or short write.
-bool writeAllAt(int fd, std::span<const std::uint8_t> bytes, std::uint64_t offset) {
-    while (!bytes.empty()) {
-        const ssize_t n = ::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        bytes = bytes.subspan(static_cast<std::size_t>(n));
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
-}
-
-// Fills out from offset; false when the file ends first or a read fails.
-bool readAllAt(int fd, std::span<std::uint8_t> out, std::uint64_t offset) {
-    while (!out.empty()) {
-        const ssize_t n = ::pread(fd, out.data(), out.size(), static_cast<off_t>(offset));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        out = out.subspan(static_cast<std::size_t>(n));
-        offset += static_cast<std::uint64_t>(n);
-    }
-    return true;
-}
 
 template <class T>
 std::optional<Bytes> encodeOrFail(const T& value) {
@@ -194,6 +164,70 @@ struct TransferCoordinator::Progress {
             emit(total, 100);
         }
     }
+};
+
+// The chunk requests of one transfer in flight, oldest first; lives in the transfer's
+// frame on the strand. Requests after a failed one are not sent, and drain() waits for
+// every request still out, so that none outlives the transfer's answer (a late write
+// chunk must not reach the app after the writer was told the push failed).
+class TransferCoordinator::Window {
+public:
+    struct Answer {
+        std::uint64_t offset = 0;
+        std::uint64_t length = 0;
+        Bytes body;
+    };
+
+    explicit Window(std::shared_ptr<TransferCoordinator> owner) : owner_(std::move(owner)) {}
+    Window(const Window&) = delete;
+    Window& operator=(const Window&) = delete;
+
+    bool full() const { return sent_.size() >= kChunksInFlight; }
+
+    void launch(std::uint16_t code, Bytes body, std::uint64_t offset, std::uint64_t length) {
+        runtime::OnceReply<Bytes> reply;
+        owner_->spawnIsolated(owner_, &TransferCoordinator::sendAhead, code, std::move(body), reply,
+                              stopped_);
+        sent_.push_back(Sent{offset, length, std::move(reply)});
+    }
+
+    // The oldest request's answer; throws its failure.
+    asio::awaitable<Answer> next() {
+        Sent head = std::move(sent_.front());
+        sent_.pop_front();
+        Answer answer;
+        answer.offset = head.offset;
+        answer.length = head.length;
+        answer.body = co_await std::move(head.reply).wait();
+        co_return answer;
+    }
+
+    // Stops the requests not yet sent and waits for the others, whatever they answer; the
+    // window starts afresh.
+    asio::awaitable<void> drain() {
+        *stopped_ = true;
+        while (!sent_.empty()) {
+            Sent head = std::move(sent_.front());
+            sent_.pop_front();
+            try {
+                co_await std::move(head.reply).wait();
+            } catch (...) {
+                // Its outcome no longer matters.
+            }
+        }
+        stopped_ = std::make_shared<bool>(false);
+    }
+
+private:
+    struct Sent {
+        std::uint64_t offset;
+        std::uint64_t length;
+        runtime::OnceReply<Bytes> reply;
+    };
+
+    std::shared_ptr<TransferCoordinator> owner_;
+    std::shared_ptr<bool> stopped_ = std::make_shared<bool>(false);
+    std::deque<Sent> sent_;
 };
 
 TransferCoordinator::TransferCoordinator(asio::any_io_executor executor,
@@ -352,10 +386,31 @@ asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, Bytes body)
     throw TransferError::transport(error.value_or(UsbMuxRelayError::internalError));
 }
 
+asio::awaitable<void> TransferCoordinator::sendAhead(std::uint16_t code, Bytes body,
+                                                     runtime::OnceReply<Bytes> reply,
+                                                     std::shared_ptr<bool> stopped) {
+    assertIsolated();
+    if (*stopped) {
+        reply.fail(TransferError::transport(UsbMuxRelayError::transportFailed));
+        co_return;
+    }
+    std::exception_ptr failure;
+    try {
+        Bytes answer = co_await send(code, std::move(body));
+        reply.resume(std::move(answer));
+        co_return;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    *stopped = true;
+    reply.fail(failure);
+}
+
 asio::awaitable<SharedFileDescriptor> TransferCoordinator::doFetch(std::string identifier,
                                                                    Uuid sessionID) {
     assertIsolated();
     Benchmark bench;
+    Window window(shared_from_this());
     const Uuid transfer = Uuid::random();
     const std::string token = transfer.text();
     const std::string partName = partFileName(transfer);
@@ -377,15 +432,24 @@ asio::awaitable<SharedFileDescriptor> TransferCoordinator::doFetch(std::string i
             throw TransferError(Case::ioFailed);
         }
         Progress progress{lockedSink(), sessionID, summary.size};
-        std::uint64_t offset = 0;
+        std::uint64_t offset = 0;  // the part file holds everything before it
+        std::uint64_t next = 0;    // where the next request starts
         while (offset < summary.size) {
-            auto request = encodeReadChunkRequest(identifier, offset, kChunkSize);
-            if (!request) {
-                throw TransferError(Case::encodeFailed);
+            while (!window.full() && next < summary.size) {
+                auto request = encodeReadChunkRequest(identifier, next, kChunkSize);
+                if (!request) {
+                    throw TransferError(Case::encodeFailed);
+                }
+                const std::uint64_t length =
+                    std::min<std::uint64_t>(kChunkSize, summary.size - next);
+                window.launch(kReadChunkCode, std::move(*request), next, length);
+                next += length;
             }
-            const auto sent = SteadyClock::now();
-            const Bytes chunk = co_await send(kReadChunkCode, std::move(*request));
-            bench.transportMs += millisSince(sent);
+            // Only the wait for the answer counts: the rest of its round trip overlapped.
+            const auto waiting = SteadyClock::now();
+            const auto answer = co_await window.next();
+            bench.transportMs += millisSince(waiting);
+            const Bytes& chunk = answer.body;
             // An empty chunk would never finish the loop, and a long one would write past
             // the size the part file was given: both are replies the item cannot have.
             if (chunk.empty() || chunk.size() > summary.size - offset) {
@@ -400,6 +464,11 @@ asio::awaitable<SharedFileDescriptor> TransferCoordinator::doFetch(std::string i
             bench.transferred = offset;
             ++bench.chunks;
             progress.advance(offset);
+            if (chunk.size() != answer.length) {
+                // A short answer: the requests after it asked for the wrong places.
+                co_await window.drain();
+                next = offset;
+            }
         }
         const auto tail = SteadyClock::now();
         if (::fsync(file.get()) != 0) {
@@ -421,6 +490,7 @@ asio::awaitable<SharedFileDescriptor> TransferCoordinator::doFetch(std::string i
         failure = std::current_exception();
     }
     if (failure) {
+        co_await window.drain();
         storage_->remove(partName);
         storage_->remove(finalName);
         bench.write("fetchRemoteFile", "writeMs", identifier, false);
@@ -435,6 +505,7 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
     assertIsolated();
     Benchmark bench;
     bench.size = request.byteCount;
+    Window window(shared_from_this());
     activeWrites_[request.token] = ActiveTransfer{request.sourceFileName, now_()};
     std::exception_ptr failure;
     std::optional<relay::RelayItemSummary> result;
@@ -457,31 +528,35 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
         co_await send(kTruncateWriteCode, std::move(*truncateBody));
 
         Progress progress{lockedSink(), request.sessionID, request.byteCount};
-        std::uint64_t offset = 0;
-        Bytes body;  // the one chunk buffer, reused
+        std::uint64_t offset = 0;  // the app holds everything before it
+        std::uint64_t next = 0;    // where the next chunk sent starts
         while (offset < request.byteCount) {
-            const std::uint64_t piece =
-                std::min<std::uint64_t>(kChunkSize, request.byteCount - offset);
-            auto header = encodeWriteChunkHeader(request.identifier, offset, piece);
-            if (!header) {
-                throw TransferError(Case::encodeFailed);
+            while (!window.full() && next < request.byteCount) {
+                const std::uint64_t piece =
+                    std::min<std::uint64_t>(kChunkSize, request.byteCount - next);
+                auto header = encodeWriteChunkHeader(request.identifier, next, piece);
+                if (!header) {
+                    throw TransferError(Case::encodeFailed);
+                }
+                Bytes body = std::move(*header);
+                const std::size_t headerSize = body.size();
+                body.resize(headerSize + piece);
+                const auto reading = SteadyClock::now();
+                // A file shorter than byteCount cannot be pushed as announced.
+                const auto got = readUpTo(file.get(), std::span(body).subspan(headerSize), next);
+                if (got != piece) {
+                    throw TransferError(Case::ioFailed);
+                }
+                bench.fileMs += millisSince(reading);
+                window.launch(kWriteChunkCode, std::move(body), next, piece);
+                next += piece;
             }
-            body = std::move(*header);
-            const std::size_t headerSize = body.size();
-            body.resize(headerSize + piece);
-            const auto reading = SteadyClock::now();
-            // A file shorter than byteCount cannot be pushed as announced.
-            if (!readAllAt(file.get(), std::span(body).subspan(headerSize), offset)) {
-                throw TransferError(Case::ioFailed);
-            }
-            bench.fileMs += millisSince(reading);
-            const auto sent = SteadyClock::now();
-            const Bytes replyBody = co_await send(kWriteChunkCode, std::move(body));
-            bench.transportMs += millisSince(sent);
-            body = Bytes();
+            const auto waiting = SteadyClock::now();
+            const auto answer = co_await window.next();
+            bench.transportMs += millisSince(waiting);
             // The app says where the next chunk starts. A reply that does not move forward
             // (or jumps past the end) would loop or leave a gap, so the push stops there.
-            const auto reply = decodeOrFail<RelayWriteChunkResponse>(replyBody);
+            const auto reply = decodeOrFail<RelayWriteChunkResponse>(answer.body);
             if (reply.nextOffset <= offset || reply.nextOffset > request.byteCount) {
                 throw TransferError(Case::ioFailed);
             }
@@ -489,6 +564,13 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
             offset = reply.nextOffset;
             ++bench.chunks;
             progress.advance(offset);
+            if (offset != answer.offset + answer.length) {
+                // The chunks sent after this one assumed the app took all of it; they only
+                // wrote the file's own bytes at their own offsets, so the push goes on from
+                // where the app said, as if they had not been sent.
+                co_await window.drain();
+                next = offset;
+            }
         }
         file = UniqueFd();
         const auto tail = SteadyClock::now();
@@ -502,6 +584,7 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
         failure = std::current_exception();
     }
     if (failure) {
+        co_await window.drain();
         bench.write("pushSharedFile", "readMs", request.identifier, false);
         std::rethrow_exception(failure);
     }

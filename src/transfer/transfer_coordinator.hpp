@@ -6,8 +6,14 @@
 // minutes with their files.
 //
 // Threads: an Actor. Every table change happens on its strand; relay waits suspend, file
-// reads and writes are plain blocking calls on the strand. Chunks of one transfer are
-// strictly sequential; different transfers interleave at their co_awaits.
+// reads and writes are plain blocking calls on the strand. A transfer keeps
+// kChunksInFlight chunk requests in flight, each sent by a task of its own on the strand,
+// and takes their answers in the order it sent them; different transfers interleave at
+// their co_awaits.
+// Memory per transfer: each chunk in flight (a push's body and the copy kept for its one
+// retry, a fetch's answer as it arrives) plus the one chunk being written to or read from
+// its file: at most 2 * kChunksInFlight + 1 chunks of kChunkSize for a push, and
+// kChunksInFlight + 1 for a fetch.
 // Ownership: made with std::make_shared (the bodies hold it while they run). It holds the
 // relay sender and the storage, the progress sink weakly; the clean-up loop holds the
 // coordinator until stopCleanup() or the executor's end.
@@ -23,6 +29,7 @@
 #include <string>
 
 #include "common/actor.hpp"
+#include "common/once_reply.hpp"
 #include "common/uuid.hpp"
 #include "relay/relay_schema.hpp"
 #include "transfer/file_io_records.hpp"
@@ -105,6 +112,10 @@ public:
     using Clock = std::chrono::system_clock;
     using Now = std::function<Clock::time_point()>;
 
+    // Two: the app answers one request at a time, so a second request in flight keeps it
+    // busy during the round trip of the first; a third would only queue in the tunnel and
+    // hold one more chunk of memory.
+    static constexpr std::size_t kChunksInFlight = 2;
     static constexpr std::chrono::seconds kCleanupPeriod{30};
     static constexpr std::chrono::seconds kStaleAge{120};
 
@@ -139,6 +150,7 @@ private:
         Clock::time_point createdAt;
     };
     struct Progress;
+    class Window;
 
     asio::awaitable<SharedFileDescriptor> doFetch(std::string identifier, Uuid sessionID);
     asio::awaitable<relay::RelayItemSummary> doPush(FileIOBeginWriteRequest request);
@@ -155,6 +167,10 @@ private:
     // Returns the app's body for an ok answer; throws TransferError otherwise, with
     // deviceRejected for an answer that carries a device status.
     asio::awaitable<Bytes> send(std::uint16_t code, Bytes body);
+    // One chunk request of a window, run as a task: send() into reply, unless an earlier
+    // request of the same window failed (stopped), which it then marks.
+    asio::awaitable<void> sendAhead(std::uint16_t code, Bytes body, runtime::OnceReply<Bytes> reply,
+                                    std::shared_ptr<bool> stopped);
 
     std::shared_ptr<RelaySender> relay_;
     mutable std::mutex sinkLock_;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/bridge_messages.hpp"
+#include "common/heap_tuning.hpp"
 #include "common/log.hpp"
 #include "service/dbus/harbor_client.hpp"
 #include "transfer/shared_file_storage.hpp"
@@ -227,6 +228,8 @@ int main(int argc, char** argv) {
         return kUsage;
     }
     int readyFd = line->foreground ? -1 : detachUntilMounted();
+    // After the fork: the serving process is the one whose chunks come and go.
+    tuneHeapForLargeBodies();
     const int status = serve(*line, readyFd);
     report(readyFd, static_cast<unsigned char>(status));
     return status;

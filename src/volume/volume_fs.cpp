@@ -39,7 +39,9 @@ namespace {
 
 constexpr auto kCacheLifetime = std::chrono::seconds(1);
 constexpr double kKernelCacheSeconds = 1.0;
-constexpr std::size_t kCachedChunks = 8;
+// The chunk being copied out, the ones read ahead of it and one spare for a second reader:
+// more only costs memory, since a sequential reader never comes back to an older chunk.
+constexpr std::size_t kCachedChunks = 4;
 // Chunks fetched ahead of a sequential reader, each by a thread of its own: the tunnel
 // carries several requests at once, and one in flight leaves it idle between replies.
 constexpr std::uint64_t kReadAheadChunks = 2;

@@ -9,6 +9,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/io_runtime.hpp"
@@ -65,12 +66,33 @@ public:
     int lostSends = 0;
     // Write-chunk replies name this offset instead of the true next one.
     std::optional<std::uint64_t> stuckNextOffset;
+    // The n-th write chunk (1-based) is refused.
+    int rejectWriteChunk = 0;
+    // The first chunk answered (read or write) takes this many bytes fewer than sent.
+    std::uint64_t shortFirstChunkBy = 0;
+    // The first write chunk is answered only after the second was.
+    bool answerSecondChunkFirst = false;
+    std::vector<std::uint64_t> answeredWriteOffsets;
 
     asio::awaitable<RelayAnswer> send(std::uint16_t code, Bytes body) override {
         codes.push_back(code);
         if (lostSends > 0) {
             --lostSends;
             co_return RelayAnswer{raw(UsbMuxRelayError::notConnected), 0, {}};
+        }
+        if (code == 11 && answerSecondChunkFirst) {
+            if (!held) {
+                // Bounded: a coordinator that waits for this answer before sending the next
+                // chunk still finishes, in the wrong order.
+                held = std::make_shared<asio::steady_timer>(co_await asio::this_coro::executor,
+                                                            testing::kWaitLimit);
+                const auto timer = held;
+                std::error_code ignored;
+                co_await timer->async_wait(asio::redirect_error(asio::use_awaitable, ignored));
+                answerSecondChunkFirst = false;
+            } else {
+                held->cancel();
+            }
         }
         co_return answer(code, body);
     }
@@ -112,7 +134,8 @@ private:
                 const auto request = decodeReadChunkRequest(body).value();
                 const Bytes& content = items.at(request.identifier).content;
                 const auto end =
-                    std::min<std::uint64_t>(content.size(), request.offset + request.length);
+                    std::min<std::uint64_t>(content.size(), request.offset + request.length) -
+                    std::exchange(shortFirstChunkBy, 0);
                 return ok(Bytes(content.begin() + static_cast<std::ptrdiff_t>(request.offset),
                                 content.begin() + static_cast<std::ptrdiff_t>(end)));
             }
@@ -127,13 +150,16 @@ private:
                 return ok(Bytes{'{', '}'});
             }
             case 11: {
+                if (++writeChunks == rejectWriteChunk) {
+                    return rejection(RelayDeviceStatus::ioError);
+                }
                 const auto request = decodeWriteChunkRequest(body).value();
-                std::copy(request.bytes.begin(), request.bytes.end(),
-                          staged.begin() + static_cast<std::ptrdiff_t>(request.offset));
+                answeredWriteOffsets.push_back(request.offset);
+                const auto taken = request.bytes.size() - std::exchange(shortFirstChunkBy, 0);
+                std::copy_n(request.bytes.begin(), taken,
+                            staged.begin() + static_cast<std::ptrdiff_t>(request.offset));
                 const RelayWriteChunkResponse reply{
-                    stuckNextOffset.value_or(request.offset + request.bytes.size()),
-                    staged.size(),
-                    {}};
+                    stuckNextOffset.value_or(request.offset + taken), staged.size(), {}};
                 return ok(json::encode(reply).value());
             }
             case 6: {
@@ -146,7 +172,9 @@ private:
     }
 
     int readChunks = 0;
+    int writeChunks = 0;
     Bytes staged;
+    std::shared_ptr<asio::steady_timer> held;
 };
 
 class RecordingSink : public ProgressSink {
@@ -334,6 +362,58 @@ TEST_F(TransferCoordinatorTest, PushRefusals) {
     FileIOBeginWriteRequest stuck{"doc", session, {'v', '1'}, "t4", "src", 10};
     EXPECT_EQ(failureOf([&] { push(stuck); }), TransferError::Case::ioFailed);
     EXPECT_EQ(phone->count(6), 0);
+}
+
+// Chunks after the first are sent before the first is answered; these guard what that
+// changes: answers taken in sending order, a failure behind a success, short answers.
+TEST_F(TransferCoordinatorTest, SecondChunkFailingBehindASuccessFailsThePushWithoutCommit) {
+    const Bytes content = pattern(3 * kChunkSize);
+    storage->create("src", content.size());
+    phone->rejectWriteChunk = 2;
+    FileIOBeginWriteRequest request{"doc", session, {}, "tok", "src", content.size()};
+    EXPECT_EQ(failureOf([&] { push(request); }), TransferError::Case::deviceRejected);
+    // The third chunk, queued behind the refused one, never reached the app.
+    EXPECT_EQ(phone->count(11), 2);
+    EXPECT_EQ(phone->count(6), 0);
+    EXPECT_EQ(sink->seen(), (std::vector<int>{10, 20, 30}));
+    EXPECT_FALSE(phone->items.contains("doc"));
+}
+
+TEST_F(TransferCoordinatorTest, AnswersArrivingOutOfOrderAreTakenInSendingOrder) {
+    const Bytes content = pattern(3 * kChunkSize + 7);
+    storage->create("src", 0);
+    std::ofstream(containerPath / "src", std::ios::binary)
+        .write(reinterpret_cast<const char*>(content.data()),
+               static_cast<std::streamsize>(content.size()));
+    phone->answerSecondChunkFirst = true;
+    FileIOBeginWriteRequest request{"doc", session, {}, "tok", "src", content.size()};
+    push(request);
+    EXPECT_EQ(phone->answeredWriteOffsets.at(0), kChunkSize);
+    EXPECT_EQ(phone->answeredWriteOffsets.at(1), 0u);
+    EXPECT_EQ(phone->items["doc"].content, content);
+    EXPECT_EQ(sink->seen(), allSteps());
+}
+
+TEST_F(TransferCoordinatorTest, ShortAnswerRealignsTheChunksInFlight) {
+    const Bytes content = pattern(2 * kChunkSize + 3);
+    phone->items["remote"] = {content, {'v'}};
+    storage->create("src", 0);
+    std::ofstream(containerPath / "src", std::ios::binary)
+        .write(reinterpret_cast<const char*>(content.data()),
+               static_cast<std::streamsize>(content.size()));
+    for (const bool pushing : {false, true}) {
+        SCOPED_TRACE(pushing ? "push" : "fetch");
+        sink->percents.clear();
+        phone->shortFirstChunkBy = 1000;
+        if (pushing) {
+            push({"copy", session, {}, "tok", "src", content.size()});
+            EXPECT_EQ(phone->items["copy"].content, content);
+        } else {
+            const auto descriptor = fetch("remote");
+            EXPECT_EQ(readFile(containerPath / descriptor.fileName), content);
+        }
+        EXPECT_EQ(sink->seen(), allSteps());
+    }
 }
 
 TEST(TransferErrorMapping, EachCaseHasItsBridgeStatus) {
