@@ -35,11 +35,13 @@ void ClientSession::keepRegistered(std::int64_t role, PresenceHandler onChange) 
     role_ = role;
     onChange_ = std::move(onChange);
     follower_ = std::thread([this] { follow(); });
-    client_->observe({.servicePresence = [this](bool present) {
+    HarborClient::Observer observer;
+    observer.servicePresence = [this](bool present) {
         std::lock_guard guard(mutex_);
         present_ = present;
         changed_.notify_all();
-    }});
+    };
+    client_->observe(std::move(observer));
 }
 
 void ClientSession::follow() {
