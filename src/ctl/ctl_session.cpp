@@ -7,24 +7,11 @@ namespace skiff::ctl {
 CtlSession::CtlSession(const std::string& busAddress, std::chrono::milliseconds callTimeout)
     // What the service sends to skiffctl's own role is dropped: watch prints the observer
     // signals, which carry the same and need no role.
-    : self_(std::make_shared<CtlClient>(nullptr)),
-      client_(std::make_unique<service::dbus::HarborClient>(self_, busAddress)) {
-    client_->setCallTimeout(callTimeout);
-    self_->setHostFactory([client = client_.get()](std::function<void()> onError) {
-        return client->host(
-            [onError = std::move(onError)](const service::dbus::BusError&) { onError(); });
-    });
-}
-
-CtlSession::~CtlSession() {
-    // The client object and the observer may be called until the bus thread is gone.
-    self_->setHostFactory(nullptr);
-    client_.reset();
-}
+    : session_(busAddress, callTimeout) {}
 
 void CtlSession::observe() {
-    client_->setLostHandler([this] { deliver(BusLost{}); });
-    client_->observe({
+    client().setLostHandler([this] { deliver(BusLost{}); });
+    client().observe({
         .notification =
             [this](std::int64_t message, Bytes param) {
                 deliver(Notification{message, std::move(param)});

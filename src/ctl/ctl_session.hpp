@@ -1,6 +1,6 @@
 #pragma once
-// One skiffctl run's connection to the service: the bus client, skiffctl's own client
-// object, and, once observe() was called, what the bus told it that was not yet taken.
+// One skiffctl run's connection to the service: the client session, and, once observe() was called,
+// what the bus told it that was not yet taken.
 //
 // Threads: the observer callbacks queue events on the client's bus thread; the command
 // takes them on its own.
@@ -15,7 +15,7 @@
 #include <variant>
 #include <vector>
 
-#include "ctl/ctl_client.hpp"
+#include "service/dbus/client_session.hpp"
 #include "service/dbus/harbor_client.hpp"
 
 namespace skiff::ctl {
@@ -40,11 +40,10 @@ public:
     // Connects (the session bus when `busAddress` is empty) and serves the client object.
     // Throws service::dbus::BusError.
     CtlSession(const std::string& busAddress, std::chrono::milliseconds callTimeout);
-    ~CtlSession();
     CtlSession(const CtlSession&) = delete;
     CtlSession& operator=(const CtlSession&) = delete;
 
-    service::dbus::HarborClient& client() { return *client_; }
+    service::dbus::HarborClient& client() { return session_.client(); }
 
     // Subscribes to the service's signals, its name and the loss of the bus; returns once
     // the bus confirmed, so every event from then on is queued. Throws BusError.
@@ -58,8 +57,8 @@ private:
     std::mutex mutex_;
     std::condition_variable arrived_;
     std::deque<WatchEvent> events_;
-    std::shared_ptr<CtlClient> self_;
-    std::unique_ptr<service::dbus::HarborClient> client_;
+    // Last: its bus thread, which delivers events, stops before the queue goes.
+    service::dbus::ClientSession session_;
 };
 
 }  // namespace skiff::ctl

@@ -165,16 +165,22 @@ void replyFileIOError(const FileIOReplyFn& reply, FileIOBridgeError error) {
     reply({}, static_cast<std::int64_t>(error));
 }
 
-// The status for whatever a transfer threw; anything but a TransferError is a failure of
-// the service's own side, reported as the container's.
-FileIOBridgeError fileIOStatusOf(std::exception_ptr error) {
+// Answers a failed transfer. Anything but a TransferError is a failure of the service's own
+// side, reported as the container's. A phone's refusal carries the app's rejection record,
+// so that the extension tells a stale content version from other refusals without asking.
+void replyFileIOFailure(const FileIOReplyFn& reply, std::exception_ptr error) {
+    auto status = FileIOBridgeError::storageFailed;
+    Bytes body;
     try {
         std::rethrow_exception(error);
     } catch (const transfer::TransferError& e) {
-        return transfer::bridgeErrorFor(e);
+        status = transfer::bridgeErrorFor(e);
+        if (status == FileIOBridgeError::deviceRejected) {
+            body = json::encode(e.rejection()).value_or(Bytes{});
+        }
     } catch (...) {
-        return FileIOBridgeError::storageFailed;
     }
+    reply(std::move(body), static_cast<std::int64_t>(status));
 }
 
 template <class Record>
@@ -197,7 +203,7 @@ asio::awaitable<void> beginReadTask(std::shared_ptr<transfer::TransferCoordinato
         error = std::current_exception();
     }
     if (error) {
-        replyFileIOError(reply, fileIOStatusOf(error));
+        replyFileIOFailure(reply, error);
     }
 }
 
@@ -214,7 +220,7 @@ asio::awaitable<void> beginWriteTask(std::shared_ptr<transfer::TransferCoordinat
         error = std::current_exception();
     }
     if (error) {
-        replyFileIOError(reply, fileIOStatusOf(error));
+        replyFileIOFailure(reply, error);
     }
 }
 

@@ -54,6 +54,22 @@ tunnel::TunnelMessage answerSummary(const StorageItem& item) {
     return answerWith(summaryOf(st, item.path, item.name));
 }
 
+// Every item request starts the same way: the record must decode and the item it names
+// must be found; otherwise it is refused before `handle` sees it.
+template <class Request, class Handle>
+tunnel::TunnelMessage withItem(const std::filesystem::path& root, const Bytes& body,
+                               Handle handle) {
+    const auto request = json::decode<Request>(body);
+    if (!request) {
+        return failure(RelayDeviceStatus::invalidArgument);
+    }
+    auto located = locate(root, request->identifier);
+    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
+        return failure(*status);
+    }
+    return handle(*request, std::get<StorageItem>(located));
+}
+
 struct DirCloser {
     void operator()(DIR* dir) const { ::closedir(dir); }
 };
@@ -144,82 +160,64 @@ tunnel::TunnelMessage listDirectory(const std::filesystem::path& storageRoot, co
 }
 
 tunnel::TunnelMessage removeItem(const std::filesystem::path& storageRoot, const Bytes& body) {
-    const auto request = json::decode<relay::RelayItemRequest>(body);
-    if (!request) {
-        return failure(RelayDeviceStatus::invalidArgument);
-    }
-    auto located = locate(storageRoot, request->identifier);
-    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
-        return failure(*status);
-    }
-    const auto& item = std::get<StorageItem>(located);
-    if (item.name.empty()) {
-        return failure(RelayDeviceStatus::invalidArgument);  // the storage itself stays
-    }
-    struct statx st {};
-    if (!statItem(item, st)) {
-        return failure(RelayDeviceStatus::notFound);
-    }
-    const int flags = S_ISDIR(st.stx_mode) ? AT_REMOVEDIR : 0;
-    if (::unlinkat(item.folder.get(), item.name.c_str(), flags) != 0) {
-        return failure(statusOfError(errno));
-    }
-    return {static_cast<std::uint16_t>(RelayDeviceStatus::ok), {}};
+    return withItem<relay::RelayItemRequest>(
+        storageRoot, body, [](const auto&, const StorageItem& item) {
+            if (item.name.empty()) {
+                return failure(RelayDeviceStatus::invalidArgument);  // the storage itself stays
+            }
+            struct statx st {};
+            if (!statItem(item, st)) {
+                return failure(RelayDeviceStatus::notFound);
+            }
+            const int flags = S_ISDIR(st.stx_mode) ? AT_REMOVEDIR : 0;
+            if (::unlinkat(item.folder.get(), item.name.c_str(), flags) != 0) {
+                return failure(statusOfError(errno));
+            }
+            return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ok), {}};
+        });
 }
 
 tunnel::TunnelMessage makeDirectory(const std::filesystem::path& storageRoot, const Bytes& body) {
-    const auto request = json::decode<relay::RelayItemRequest>(body);
-    if (!request) {
-        return failure(RelayDeviceStatus::invalidArgument);
-    }
-    auto located = locate(storageRoot, request->identifier);
-    if (const auto* status = std::get_if<RelayDeviceStatus>(&located)) {
-        return failure(*status);
-    }
-    const auto& item = std::get<StorageItem>(located);
-    if (item.name.empty()) {
-        return failure(RelayDeviceStatus::alreadyExists);
-    }
-    if (::mkdirat(item.folder.get(), item.name.c_str(), 0755) != 0) {
-        return failure(statusOfError(errno));
-    }
-    return answerSummary(item);
+    return withItem<relay::RelayItemRequest>(
+        storageRoot, body, [](const auto&, const StorageItem& item) {
+            if (item.name.empty()) {
+                return failure(RelayDeviceStatus::alreadyExists);
+            }
+            if (::mkdirat(item.folder.get(), item.name.c_str(), 0755) != 0) {
+                return failure(statusOfError(errno));
+            }
+            return answerSummary(item);
+        });
 }
 
 tunnel::TunnelMessage renameItem(const std::filesystem::path& storageRoot, const Bytes& body) {
-    const auto request = json::decode<relay::RelayRenameRequest>(body);
-    if (!request) {
-        return failure(RelayDeviceStatus::invalidArgument);
-    }
-    auto from = locate(storageRoot, request->identifier);
-    if (const auto* status = std::get_if<RelayDeviceStatus>(&from)) {
-        return failure(*status);
-    }
-    auto to = locate(storageRoot, request->newIdentifier);
-    if (const auto* status = std::get_if<RelayDeviceStatus>(&to)) {
-        return failure(*status);
-    }
-    const auto& source = std::get<StorageItem>(from);
-    const auto& target = std::get<StorageItem>(to);
-    if (source.name.empty() || target.name.empty()) {
-        return failure(RelayDeviceStatus::invalidArgument);
-    }
-    struct statx st {};
-    if (!statItem(source, st)) {
-        return failure(RelayDeviceStatus::notFound);
-    }
-    const bool sourceIsDirectory = S_ISDIR(st.stx_mode);
-    // The system's words for a kind mismatch depend on which side is the directory; the
-    // answer names what the target is.
-    if (statItem(target, st) && S_ISDIR(st.stx_mode) != sourceIsDirectory) {
-        return failure(sourceIsDirectory ? RelayDeviceStatus::notDirectory
-                                         : RelayDeviceStatus::isDirectory);
-    }
-    if (::renameat(source.folder.get(), source.name.c_str(), target.folder.get(),
-                   target.name.c_str()) != 0) {
-        return failure(statusOfError(errno));
-    }
-    return answerSummary(target);
+    return withItem<relay::RelayRenameRequest>(
+        storageRoot, body, [&](const auto& request, const StorageItem& source) {
+            auto to = locate(storageRoot, request.newIdentifier);
+            if (const auto* status = std::get_if<RelayDeviceStatus>(&to)) {
+                return failure(*status);
+            }
+            const auto& target = std::get<StorageItem>(to);
+            if (source.name.empty() || target.name.empty()) {
+                return failure(RelayDeviceStatus::invalidArgument);
+            }
+            struct statx st {};
+            if (!statItem(source, st)) {
+                return failure(RelayDeviceStatus::notFound);
+            }
+            const bool sourceIsDirectory = S_ISDIR(st.stx_mode);
+            // The system's words for a kind mismatch depend on which side is the directory; the
+            // answer names what the target is.
+            if (statItem(target, st) && S_ISDIR(st.stx_mode) != sourceIsDirectory) {
+                return failure(sourceIsDirectory ? RelayDeviceStatus::notDirectory
+                                                 : RelayDeviceStatus::isDirectory);
+            }
+            if (::renameat(source.folder.get(), source.name.c_str(), target.folder.get(),
+                           target.name.c_str()) != 0) {
+                return failure(statusOfError(errno));
+            }
+            return answerSummary(target);
+        });
 }
 
 namespace {

@@ -375,12 +375,8 @@ asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, Bytes body)
     if (answer.status == static_cast<std::int64_t>(UsbMuxRelayError::deviceStatus)) {
         // The body names the status when the app sent a rejection record; the answer
         // code does otherwise (a read failure carries no body).
-        std::int64_t status = answer.detail;
-        if (const auto rejection = json::decode<FileIODeviceRejection>(answer.data)) {
-            status = rejection->status;
-        }
-        const auto known = json::enumFromRaw<RelayDeviceStatus>(status);
-        throw TransferError::rejected(known.value_or(RelayDeviceStatus::ioError));
+        const auto rejection = json::decode<FileIODeviceRejection>(answer.data);
+        throw TransferError::rejected(rejection.value_or(FileIODeviceRejection{answer.detail}));
     }
     const auto error = json::enumFromRaw<UsbMuxRelayError>(answer.status);
     throw TransferError::transport(error.value_or(UsbMuxRelayError::internalError));

@@ -21,10 +21,9 @@
 #include "common/bridge_messages.hpp"
 #include "common/heap_tuning.hpp"
 #include "common/log.hpp"
-#include "service/dbus/harbor_client.hpp"
+#include "service/dbus/client_session.hpp"
 #include "transfer/shared_file_storage.hpp"
 #include "volume/phone_relay.hpp"
-#include "volume/provider_client.hpp"
 #include "volume/volume_fs.hpp"
 
 namespace {
@@ -150,24 +149,31 @@ void detachOutput() {
 }
 
 int serve(const CommandLine& line, int& readyFd) {
-    auto provider = std::make_shared<volume::ProviderClient>();
-    std::unique_ptr<service::dbus::HarborClient> client;
-    std::unique_ptr<volume::PhoneRelay> phone;
+    constexpr auto role = static_cast<std::int64_t>(service::HarborBridgeClientRole::fileProvider);
+    std::unique_ptr<service::dbus::ClientSession> session;
+    // Shared with the session's follower, which may still run while serve() returns.
+    std::shared_ptr<volume::PhoneRelay> phone;
     try {
-        client = std::make_unique<service::dbus::HarborClient>(provider);
-        client->setCallTimeout(kCallTimeout);
-        provider->setHostFactory([bus = client.get()](std::function<void()> onFailure) {
-            return bus->host([onFailure = std::move(onFailure)](const service::dbus::BusError&) {
-                onFailure();
-            });
-        });
-        client->setLostHandler([] { log::xpc().error("skiff-fs lost its bus connection"); });
-        if (!client->registerClient(
-                static_cast<std::int64_t>(service::HarborBridgeClientRole::fileProvider))) {
+        session = std::make_unique<service::dbus::ClientSession>(std::string(), kCallTimeout);
+        auto& client = session->client();
+        client.setLostHandler([] { log::xpc().error("skiff-fs lost its bus connection"); });
+        if (!client.registerClient(role)) {
             std::fprintf(stderr, "skiff-fs: the service refused the file provider\n");
             return 2;
         }
-        phone = std::make_unique<volume::PhoneRelay>(*client);
+        phone = std::make_shared<volume::PhoneRelay>(client);
+        // A restarted skiffd knows neither the volume nor its buffer; until it has both
+        // back, calls fail with EIO at once.
+        session->keepRegistered(role, [weak = std::weak_ptr(phone)](bool registered) {
+            const auto relay = weak.lock();
+            if (!relay) {
+                return;
+            } else if (registered) {
+                relay->reattach();
+            } else {
+                relay->detach();
+            }
+        });
     } catch (const std::exception& e) {
         std::fprintf(stderr, "skiff-fs: cannot reach the service: %s\n", e.what());
         return 2;
@@ -212,7 +218,7 @@ int serve(const CommandLine& line, int& readyFd) {
     fuse_unmount(fs);
     fuse_destroy(fs);
     try {
-        client->filesystemDidUnmount();
+        session->client().filesystemDidUnmount();
     } catch (const std::exception&) {
         // The service is gone; there is nobody to tell.
     }

@@ -41,10 +41,37 @@ PhoneRelay::PhoneRelay(service::dbus::HarborClient& client)
 }
 
 PhoneRelay::~PhoneRelay() {
+    const auto id = bufferId();
+    if (!id) {
+        return;
+    }
     try {
-        client_.releaseSharedBuffer(bufferId_);
+        client_.releaseSharedBuffer(*id);
     } catch (const std::exception&) {
         // The service went away and took the buffer with it.
+    }
+}
+
+std::optional<std::uint32_t> PhoneRelay::bufferId() {
+    std::lock_guard guard(slotMutex_);
+    return bufferId_;
+}
+
+void PhoneRelay::detach() {
+    std::lock_guard guard(slotMutex_);
+    bufferId_.reset();
+}
+
+bool PhoneRelay::reattach() {
+    try {
+        const auto id = client_.registerSharedBuffer(buffer_->fd());
+        std::lock_guard guard(slotMutex_);
+        bufferId_ = id;
+        return true;
+    } catch (const std::exception& e) {
+        log::xpc().error("skiff-fs cannot hand its buffer to skiffd: %{public}s", e.what());
+        detach();
+        return false;
     }
 }
 
@@ -123,6 +150,11 @@ int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, B
     if (!body) {
         return ENAMETOOLONG;
     }
+    // Between two skiffds the buffer is nobody's; a read fails at once rather than wait.
+    const auto id = bufferId();
+    if (!id) {
+        return EIO;
+    }
     const auto slot = takeSlot();
     const std::uint64_t base = slot * kSlotBytes;
     auto bytes = buffer_->bytes();
@@ -130,8 +162,8 @@ int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, B
     int error = 0;
     try {
         const auto reply = client_.relayToUsbMuxShared(
-            static_cast<std::int64_t>(UsbMuxRelaySelector::readChunk), bufferId_, base,
-            body->size(), base + kParamCapacity, service::kMaxRelayBodyBytes);
+            static_cast<std::int64_t>(UsbMuxRelaySelector::readChunk), *id, base, body->size(),
+            base + kParamCapacity, service::kMaxRelayBodyBytes);
         error = errnoOfRelay(reply.status, reply.code);
         if (error == 0 && reply.replyLength > service::kMaxRelayBodyBytes) {
             error = EIO;
@@ -177,18 +209,11 @@ Answer<RelayItemSummary> PhoneRelay::push(const std::string& identifier,
     try {
         auto reply = client_.requestFileIO(
             static_cast<std::int64_t>(transfer::FileIOOperation::beginWrite), *request);
+        // A refusal carries the app's status, so a stale content version is told apart
+        // from other refusals as it is.
         answer.error = errnoOfFileIO(reply.status, reply.response);
         if (answer.error == 0) {
             answer = decoded(json::decode<RelayItemSummary>(reply.response));
-        } else if (reply.status ==
-                       static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected) &&
-                   answer.error == EIO) {
-            // The service does not say why the phone refused; a content version that moved
-            // on since open is the refusal a writer must hear about.
-            const auto now = lookup(identifier, relay::RelayLookupSource::fsGetAttributes);
-            if (now.error == 0 && now.value.contentVersion.value_or(Bytes{}) != expectedVersion) {
-                answer.error = kConflictErrno;
-            }
         }
         const auto release = json::encode(transfer::FileIOEndWriteRequest{token});
         client_.requestFileIO(static_cast<std::int64_t>(transfer::FileIOOperation::endWrite),

@@ -8,12 +8,16 @@
 // it holds a few slots so that concurrent reads and the read-ahead do not wait on each
 // other.
 //
+// When skiffd restarts, the buffer it knew goes with it: detach() makes chunk reads fail
+// at once until reattach() has handed the buffer to the new skiffd.
+//
 // Threads: any but the client's bus thread. The client must outlive this object.
 
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +45,12 @@ public:
     PhoneRelay(const PhoneRelay&) = delete;
     PhoneRelay& operator=(const PhoneRelay&) = delete;
 
+    // skiffd left: the registered buffer is gone.
+    void detach();
+    // A new skiffd accepted the volume: registers the buffer with it. False (logged) when it
+    // would not take it; reads then keep failing with EIO.
+    bool reattach();
+
     Answer<RelayItemSummary> lookup(const std::string& identifier, relay::RelayLookupSource source);
     // Every item of the directory, following the app's pages.
     Answer<std::vector<RelayItemSummary>> list(const std::string& identifier);
@@ -65,13 +75,14 @@ private:
     // A request answered with an item's summary.
     template <class Request>
     Answer<RelayItemSummary> summaryOf(relay::UsbMuxRelaySelector selector, const Request& request);
+    std::optional<std::uint32_t> bufferId();
     std::size_t takeSlot();
     void giveSlot(std::size_t slot);
 
     service::dbus::HarborClient& client_;
     std::unique_ptr<SharedMemory> buffer_;
-    std::uint32_t bufferId_ = 0;
-    std::mutex slotMutex_;
+    std::mutex slotMutex_;  // also guards bufferId_
+    std::optional<std::uint32_t> bufferId_;
     std::condition_variable slotFreed_;
     std::vector<std::size_t> freeSlots_;
 };

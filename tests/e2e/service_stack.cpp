@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "common/json.hpp"
-#include "ctl/ctl_client.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/dbus/answering_client.hpp"
 
 namespace skiff::test {
 
@@ -118,7 +118,7 @@ void writeNotes(const std::string& storage) {
 RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role) {
     RegisteredClient registered;
     registered.recorder = std::make_shared<NotificationRecorder>();
-    registered.client = stack.connect(std::make_shared<ctl::CtlClient>(
+    registered.client = stack.connect(std::make_shared<service::dbus::AnsweringClient>(
         [recorder = registered.recorder](std::int64_t message, Bytes param) {
             recorder->record(message, std::move(param));
         }));

@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <string>
 
-#include "ctl/ctl_client.hpp"
 #include "e2e/service_stack.hpp"
 #include "relay/relay_schema.hpp"
+#include "service/dbus/answering_client.hpp"
 
 namespace skiff::test {
 namespace {
@@ -30,7 +30,7 @@ Bytes lookupBody(const std::string& identifier) {
 RegisteredClient registerWithoutPhone(ServiceStack& stack) {
     RegisteredClient registered;
     registered.recorder = std::make_shared<NotificationRecorder>();
-    registered.client = stack.connect(std::make_shared<ctl::CtlClient>(
+    registered.client = stack.connect(std::make_shared<service::dbus::AnsweringClient>(
         [recorder = registered.recorder](std::int64_t message, Bytes param) {
             recorder->record(message, std::move(param));
         }));

@@ -218,6 +218,19 @@ TEST_F(HarborXpcTest, FileIOAnswersItsGuardsBeforeAnyTransfer) {
     EXPECT_THROW(app->host().requestFileIO(4, {}, [](Bytes, std::int64_t) {}), InvalidArgs);
 }
 
+TEST_F(HarborXpcTest, APhonesRefusalOfATransferAnswersWithTheAppsRejection) {
+    auto app = client(HarborBridgeClientRole::desktopApp);
+    core->handleUsbDeviceEvent(1, "PHONE");
+    auto reply = fileIO(
+        *app, 0, R"({"identifier":"gone","sessionID":"00000000-0000-0000-0000-000000000001"})");
+    const auto rejection = json::encode(transfer::FileIODeviceRejection{6}).value();
+    opener->answer(0, 6, rejection);
+    ASSERT_TRUE(skiff::testing::readyInTime(reply));
+    const auto [body, status] = reply.get();
+    EXPECT_EQ(status, static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected));
+    EXPECT_EQ(body, rejection);
+}
+
 TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {
     struct Case {
         bool phone;

@@ -416,6 +416,62 @@ TEST_F(TransferCoordinatorTest, ShortAnswerRealignsTheChunksInFlight) {
     }
 }
 
+// A phone that answers every request the same way.
+class OneAnswerPhone : public RelaySender {
+public:
+    explicit OneAnswerPhone(RelayAnswer answer) : answer_(std::move(answer)) {}
+    asio::awaitable<RelayAnswer> send(std::uint16_t, Bytes) override { co_return answer_; }
+    asio::awaitable<void> reestablish() override { co_return; }
+
+private:
+    RelayAnswer answer_;
+};
+
+TEST(TransferRefusal, CarriesTheAppsRecordAsItCameAndItsMappedStatus) {
+    const auto deviceStatus = raw(UsbMuxRelayError::deviceStatus);
+    struct Case {
+        const char* name;
+        RelayAnswer answer;
+        FileIODeviceRejection rejection;
+        RelayDeviceStatus mapped;
+    };
+    const Case cases[] = {
+        {"conflict record",
+         rejection(RelayDeviceStatus::versionConflict),
+         {6},
+         RelayDeviceStatus::versionConflict},
+        // The record wins over the answer code when they differ.
+        {"record over code",
+         {deviceStatus, 1, json::encode(FileIODeviceRejection{7}).value()},
+         {7},
+         RelayDeviceStatus::notDirectory},
+        // A status the service does not know is passed on, and counts as an I/O error here.
+        {"unknown status",
+         {deviceStatus, 0, json::encode(FileIODeviceRejection{-7}).value()},
+         {-7},
+         RelayDeviceStatus::ioError},
+        // A refusal without a record is told by its answer code.
+        {"code only", {deviceStatus, 1, {}}, {1}, RelayDeviceStatus::notFound},
+    };
+    runtime::IoRuntime runtime;
+    runtime.start();
+    test::TempDir base;
+    for (const auto& c : cases) {
+        auto coordinator = std::make_shared<TransferCoordinator>(
+            runtime.executor(), std::make_shared<OneAnswerPhone>(c.answer),
+            std::make_shared<SharedFileStorage>(fs::path(base.path()) / "container"));
+        try {
+            runSync(runtime.executor(), coordinator->fetchRemoteFile("doc", Uuid::random()));
+            ADD_FAILURE() << c.name << ": the fetch did not fail";
+        } catch (const TransferError& error) {
+            EXPECT_EQ(error.errorCase(), TransferError::Case::deviceRejected) << c.name;
+            EXPECT_EQ(error.rejection(), c.rejection) << c.name;
+            EXPECT_EQ(error.deviceStatus(), c.mapped) << c.name;
+        }
+    }
+    runtime.stop();
+}
+
 TEST(TransferErrorMapping, EachCaseHasItsBridgeStatus) {
     using C = TransferError::Case;
     EXPECT_EQ(bridgeErrorFor(TransferError::rejected(RelayDeviceStatus::notFound)),

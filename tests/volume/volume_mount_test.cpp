@@ -175,6 +175,30 @@ TEST_F(MountedVolume, AWriteOverAPhoneSideChangeFailsCloseAndLeavesThePhonesCopy
     EXPECT_EQ(readText(storage() / "Documents/notes.txt"), "changed on the phone");
 }
 
+TEST_F(MountedVolume, CallsFailWhileTheServiceIsAwayAndWorkAgainOnceItIsBack) {
+    // The file's content was never read, so nothing cached can answer for the service.
+    const auto notes = mount() / "Documents/notes.txt";
+    stack_->service().stop();
+    auto away = std::async(std::launch::async, [&] {
+        const int fd = ::open(notes.c_str(), O_RDONLY);
+        char byte = 0;
+        const int error = fd < 0 || ::read(fd, &byte, 1) < 0 ? errno : 0;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return error;
+    });
+    ASSERT_TRUE(testing::readyInTime(away));
+    EXPECT_EQ(away.get(), EIO);
+
+    stack_->restartService();
+    std::ofstream(storage() / "Documents/later.txt") << "made after the restart";
+    EXPECT_TRUE(testing::eventually([&] {
+        return readText(notes) == "twelve bytes" &&
+               readText(mount() / "Documents/later.txt") == "made after the restart";
+    })) << volume_->output();
+}
+
 TEST_F(MountedVolume, APokeMakesAFileMadeOnThePhoneVisibleAtOnce) {
     const auto docs = mount() / "Documents";
     // The directory's listing is now cached.

@@ -1,7 +1,10 @@
 #pragma once
-// skiffctl's own client object. Registered as the file provider, it answers the service's
+// The client object skiffctl and skiff-fs export: it answers Echo and the service's
 // measurement calls (ingest, send chunks, ping back), so the measurements work with no
-// real extension; every notification is handed to a sink.
+// real extension; every notification is handed to a sink (or dropped when there is none).
+//
+// Threads: the service's calls arrive on the bus client's thread; replies may come from any
+// thread. The host factory may be set and reset from any thread.
 
 #include <cstdint>
 #include <functional>
@@ -10,16 +13,16 @@
 
 #include "common/bridge_protocols.hpp"
 
-namespace skiff::ctl {
+namespace skiff::service::dbus {
 
-class CtlClient final : public service::HarborBridgeClientProtocol {
+class AnsweringClient final : public HarborBridgeClientProtocol {
 public:
     using NotificationSink = std::function<void(std::int64_t message, Bytes param)>;
     // Makes a host proxy whose failed calls reach the given handler.
-    using HostFactory = std::function<std::shared_ptr<service::HarborBridgeHostProtocol>(
-        std::function<void()> onError)>;
+    using HostFactory =
+        std::function<std::shared_ptr<HarborBridgeHostProtocol>(std::function<void()> onError)>;
 
-    explicit CtlClient(NotificationSink sink);
+    explicit AnsweringClient(NotificationSink sink = nullptr);
 
     // Until set (and after reset with nullptr), calls that need the host reply -1.0.
     void setHostFactory(HostFactory factory);
@@ -36,11 +39,11 @@ public:
     void notifyClient(std::int64_t message, Bytes param) override;
 
 private:
-    std::shared_ptr<service::HarborBridgeHostProtocol> makeHost(std::function<void()> onError);
+    std::shared_ptr<HarborBridgeHostProtocol> makeHost(std::function<void()> onError);
 
     NotificationSink sink_;
     std::mutex mutex_;
     HostFactory hostFactory_;
 };
 
-}  // namespace skiff::ctl
+}  // namespace skiff::service::dbus

@@ -1,4 +1,4 @@
-#include "ctl/ctl_client.hpp"
+#include "service/dbus/answering_client.hpp"
 
 #include <chrono>
 #include <exception>
@@ -6,7 +6,7 @@
 
 #include "common/once_reply.hpp"
 
-namespace skiff::ctl {
+namespace skiff::service::dbus {
 
 namespace {
 
@@ -24,7 +24,7 @@ runtime::OnceReply<double> measurementReply(std::function<void(double)> reply) {
 
 // Chunks go out one at a time: the next leaves when the previous one's reply arrives.
 struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
-    std::shared_ptr<service::HarborBridgeHostProtocol> host;
+    std::shared_ptr<HarborBridgeHostProtocol> host;
     runtime::OnceReply<double> reply;
     Bytes chunk;
     std::uint64_t remaining = 0;
@@ -43,28 +43,27 @@ struct ChunkSender : std::enable_shared_from_this<ChunkSender> {
 
 }  // namespace
 
-CtlClient::CtlClient(NotificationSink sink) : sink_(std::move(sink)) {}
+AnsweringClient::AnsweringClient(NotificationSink sink) : sink_(std::move(sink)) {}
 
-void CtlClient::setHostFactory(HostFactory factory) {
+void AnsweringClient::setHostFactory(HostFactory factory) {
     std::lock_guard guard(mutex_);
     hostFactory_ = std::move(factory);
 }
 
-std::shared_ptr<service::HarborBridgeHostProtocol> CtlClient::makeHost(
-    std::function<void()> onError) {
+std::shared_ptr<HarborBridgeHostProtocol> AnsweringClient::makeHost(std::function<void()> onError) {
     std::lock_guard guard(mutex_);
     return hostFactory_ ? hostFactory_(std::move(onError)) : nullptr;
 }
 
-void CtlClient::echo(std::function<void()> reply) {
+void AnsweringClient::echo(std::function<void()> reply) {
     reply();
 }
 
-void CtlClient::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) {
+void AnsweringClient::benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) {
     reply(data.size());
 }
 
-void CtlClient::runExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
+void AnsweringClient::runExtToHostPing(std::int64_t value, std::function<void(double)> reply) {
     auto once = measurementReply(std::move(reply));
     auto host = makeHost([once] { once.resume(-1.0); });
     if (!host) {
@@ -75,8 +74,8 @@ void CtlClient::runExtToHostPing(std::int64_t value, std::function<void(double)>
     host->ping(value, [once, start](bool ok) { once.resume(ok ? secondsSince(start) : -1.0); });
 }
 
-void CtlClient::benchmarkSendChunks(std::uint64_t chunkSize, std::uint64_t chunkCount,
-                                    std::function<void(double)> reply) {
+void AnsweringClient::benchmarkSendChunks(std::uint64_t chunkSize, std::uint64_t chunkCount,
+                                          std::function<void(double)> reply) {
     auto sender = std::make_shared<ChunkSender>();
     sender->reply = measurementReply(std::move(reply));
     sender->host = makeHost([once = sender->reply] { once.resume(-1.0); });
@@ -90,10 +89,10 @@ void CtlClient::benchmarkSendChunks(std::uint64_t chunkSize, std::uint64_t chunk
     sender->sendNext();
 }
 
-void CtlClient::notifyClient(std::int64_t message, Bytes param) {
+void AnsweringClient::notifyClient(std::int64_t message, Bytes param) {
     if (sink_) {
         sink_(message, std::move(param));
     }
 }
 
-}  // namespace skiff::ctl
+}  // namespace skiff::service::dbus
