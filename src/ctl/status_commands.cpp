@@ -99,7 +99,7 @@ int runStatus(CtlSession& session, const Output& out) {
     if (out.json) {
         auto document = json::toJson(*status);
         document["running"] = true;
-        document["volume"] = mount::volumeStateName(volume.state);
+        document["volume"] = json::enumText(volume.state);
         document["mountPoint"] = volume.mountPoint;
         printJson(document);
         return kExitOk;

@@ -14,16 +14,12 @@
 
 namespace skiff::mount {
 
-std::string_view volumeStateName(VolumeState state) {
-    switch (state) {
-        case VolumeState::notMounted:
-            return "notMounted";
-        case VolumeState::mounted:
-            return "mounted";
-        case VolumeState::broken:
-            return "broken";
-    }
-    return "notMounted";
+namespace {
+constexpr std::string_view kStateNames[] = {"notMounted", "mounted", "broken"};
+}  // namespace
+
+std::span<const std::string_view> textNames(VolumeState) {
+    return kStateNames;
 }
 
 std::optional<std::filesystem::path> defaultMountPoint() {

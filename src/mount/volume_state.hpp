@@ -13,14 +13,15 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string_view>
 
 namespace skiff::mount {
 
 enum class VolumeState { notMounted, mounted, broken };
 
-// "notMounted", "mounted" or "broken": the text of the state in JSON documents.
-std::string_view volumeStateName(VolumeState state);
+// "notMounted", "mounted", "broken": the state's text in JSON (json::enumText).
+std::span<const std::string_view> textNames(VolumeState);
 
 // $XDG_DATA_HOME/Harbor/mnt, or ~/.local/share/Harbor/mnt; nothing when the environment
 // names no home directory. Looked up from the environment at each call.
