@@ -153,6 +153,10 @@ TEST_F(VolumeLifecycle, TheDesktopMountsAndUnmountsTheVolumeAndStatusFollows) {
     const auto mounted = ctl({"mount"});
     ASSERT_EQ(mounted.exitStatus, 0) << mounted.output << stack_->service().output();
     expectServing();
+    // Its source is the anchor in the shared container.
+    EXPECT_NE(readText("/proc/self/mountinfo")
+                  .find(" - fuse.skiff " + stack_->container() + "/source-anchor "),
+              std::string::npos);
     EXPECT_EQ(volumeStatus(), std::make_pair(std::string("mounted"), mountPoint_.string()));
     const auto text = ctl({"status"});
     EXPECT_NE(text.output.find("volume: mounted at " + mountPoint_.string()), std::string::npos)
