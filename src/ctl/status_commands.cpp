@@ -1,5 +1,6 @@
 #include "ctl/status_commands.hpp"
 
+#include <chrono>
 #include <iostream>
 #include <variant>
 
@@ -28,9 +29,35 @@ std::variant<service::ServiceStatus, int> askStatus(CtlSession& session) {
     return std::move(*status);
 }
 
+// A healthy volume answers a stat at once; a loaded machine gets a generous margin.
+constexpr auto kVolumeAnswerWithin = std::chrono::seconds(2);
+
+std::string volumeLine(const VolumeStatus& volume) {
+    switch (volume.state) {
+        case mount::VolumeState::mounted:
+            return "mounted at " + volume.mountPoint;
+        case mount::VolumeState::broken:
+            return "broken at " + volume.mountPoint +
+                   " (it no longer answers; skiffctl unmount --force clears it)";
+        case mount::VolumeState::notMounted:
+            break;
+    }
+    return "not mounted";
+}
+
 }  // namespace
 
-std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status) {
+VolumeStatus localVolumeStatus() {
+    const auto path = mount::defaultMountPoint();
+    if (!path) {
+        return {};
+    }
+    return {mount::volumeStateAt("/proc/self/mountinfo", *path, kVolumeAnswerWithin),
+            path->string()};
+}
+
+std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status,
+                                                             const VolumeStatus& volume) {
     std::string phones;
     for (const auto& udid : status.attachedDevices) {
         phones += (phones.empty() ? "" : ", ") + udid;
@@ -39,6 +66,7 @@ std::vector<std::pair<std::string, std::string>> statusLines(const service::Serv
         {"service", "running, build " + std::to_string(status.version)},
         {"phone", phones.empty() ? "none attached" : "attached (" + phones + ")"},
         {"file provider", status.fileProviderRegistered ? "registered" : "not registered"},
+        {"volume", volumeLine(volume)},
     };
 }
 
@@ -67,13 +95,16 @@ int runStatus(CtlSession& session, const Output& out) {
         }
         return std::get<int>(answer);
     }
+    const auto volume = localVolumeStatus();
     if (out.json) {
         auto document = json::toJson(*status);
         document["running"] = true;
+        document["volume"] = json::enumText(volume.state);
+        document["mountPoint"] = volume.mountPoint;
         printJson(document);
         return kExitOk;
     }
-    for (const auto& [name, value] : statusLines(*status)) {
+    for (const auto& [name, value] : statusLines(*status, volume)) {
         std::cout << name << ": " << value << std::endl;
     }
     return kExitOk;

@@ -8,12 +8,22 @@
 
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
+#include "mount/volume_state.hpp"
 #include "service/service_status.hpp"
 
 namespace skiff::ctl {
 
+// The volume as skiffctl sees it from this machine's mount table; skiffd is not asked, since
+// looking at the mount point may wait for the volume, which may be waiting for skiffd.
+struct VolumeStatus {
+    mount::VolumeState state = mount::VolumeState::notMounted;
+    std::string mountPoint;  // empty when the environment names no home directory
+};
+VolumeStatus localVolumeStatus();
+
 // The status as "name: value" lines, in the order printed; a new field adds one entry.
-std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status);
+std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status,
+                                                             const VolumeStatus& volume);
 
 int runDevices(CtlSession& session, const Output& out);
 int runStatus(CtlSession& session, const Output& out);

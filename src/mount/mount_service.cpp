@@ -3,13 +3,13 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
 #include "mount/mount_table.hpp"
 #include "mount/process_runner.hpp"
+#include "mount/volume_state.hpp"
 
 namespace skiff::mount {
 namespace {
@@ -49,11 +49,7 @@ std::optional<fs::path> MountService::mountPoint() const {
     if (options_.mountPoint) {
         return options_.mountPoint;
     }
-    auto data = transfer::harborDataPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"));
-    if (data) {
-        *data /= "mnt";
-    }
-    return data;
+    return defaultMountPoint();
 }
 
 bool MountService::isMounted() const {

@@ -65,10 +65,19 @@ int main(int argc, char** argv) {
                    "gives up (tests shorten it)")
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
         ->capture_default_str();
+    auto volumeTools = mount::MountServiceOptions::forThisSystem();
+    if (const char* tool = std::getenv("SKIFF_MOUNT_TOOL"); tool != nullptr && *tool != '\0') {
+        volumeTools.mountTool = tool;
+    }
+    app.add_option("--mount-tool", volumeTools.mountTool,
+                   "The program that mounts the volume (run as TOOL SOURCE MOUNTPOINT); "
+                   "overrides SKIFF_MOUNT_TOOL")
+        ->capture_default_str();
     app.footer(
         "Environment: DBUS_SESSION_BUS_ADDRESS (the session bus), USBMUXD_SOCKET_ADDRESS "
         "(UNIX:/path or HOST:PORT of usbmuxd; unset: /var/run/usbmuxd), SKIFF_LOG=stderr (log to "
-        "standard error instead of the journal).\nExit status: 0 stopped by SIGTERM or SIGINT, 1 "
+        "standard error instead of the journal), SKIFF_MOUNT_TOOL (as --mount-tool).\nExit status: "
+        "0 stopped by SIGTERM or SIGINT, 1 "
         "the bus could not be served or was lost, 2 the command line is wrong.");
     try {
         app.parse(argc, argv);
@@ -99,7 +108,7 @@ int main(int argc, char** argv) {
     // The probe asks the core whether a phone is there, and the core tells the probe when
     // one comes or goes: the probe reaches the core through a cell filled once both exist.
     auto coreCell = std::make_shared<std::weak_ptr<service::BridgeCore>>();
-    auto volume = std::make_shared<mount::MountService>();
+    auto volume = std::make_shared<mount::MountService>(std::move(volumeTools));
     mount::ProbeCollaborators probeParts;
     probeParts.executor = runtime.executor();
     probeParts.volume = volume;
