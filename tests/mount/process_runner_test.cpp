@@ -25,7 +25,7 @@ protected:
     // A tool whose body is the given shell text.
     std::string tool(const std::string& name, const std::string& body) {
         const auto path = volume_.dir() / name;
-        testing::writeText(path, "#!/bin/sh\n" + body + "\n");
+        skiff::test::writeFile(path, "#!/bin/sh\n" + body + "\n");
         std::filesystem::permissions(path, std::filesystem::perms(0755));
         return path.string();
     }
