@@ -96,11 +96,9 @@ TEST_F(AppItemsTest, RefusalsAnswerTheirStatusAndLeaveTheStorageAlone) {
         std::uint16_t status;
     };
     const std::vector<Case> cases = {
-        // Spelling: one name per item, nothing outside the storage.
-        {listDirectory, item("/docs"), 4},
-        {listDirectory, item("docs/"), 4},
+        // Spelling (each request checks it; the spellings themselves are the relay's table):
+        // one name per item, nothing outside the storage.
         {listDirectory, item("docs//sub"), 4},
-        {listDirectory, item("docs/./sub"), 4},
         {removeItem, item("docs/../file.txt"), 4},
         {makeDirectory, item(".."), 4},
         {renameItem, rename("file.txt", "../stolen.txt"), 4},
