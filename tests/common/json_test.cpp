@@ -6,6 +6,7 @@
 #include <string>
 
 #include "common/base64.hpp"
+#include "common/byte_text.hpp"
 #include "common/uuid.hpp"
 
 namespace probe {
@@ -62,13 +63,8 @@ namespace {
 
 using skiff::Uuid;
 using skiff::json::Bytes;
-
-Bytes bytesOf(std::string_view text) {
-    return Bytes(text.begin(), text.end());
-}
-std::string textOf(const Bytes& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
+using skiff::testing::bytesOf;
+using skiff::testing::textOf;
 
 probe::Sample sample() {
     probe::Sample s;

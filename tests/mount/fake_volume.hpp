@@ -15,20 +15,11 @@
 #include "mount/mount_error.hpp"
 #include "mount/mount_service.hpp"
 #include "support/child_process.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::mount::testing {
 
 namespace fs = std::filesystem;
-
-inline std::string readText(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
-
-inline void writeText(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::trunc) << text;
-}
 
 // "ok", or what a call failed with, a time-out marked as such.
 inline std::string describe(const std::exception& error) {
@@ -86,7 +77,7 @@ printf '%s\n' "200 1 0:77 / $escaped rw,nosuid,nodev shared:9 - fuse.skiff skiff
 mv "$dir/mountinfo.new" "$dir/mountinfo"
 )" + after);
         script("xdg-open", before);
-        writeText(table(), "22 1 8:1 / / rw,relatime - ext4 /dev/sda1 rw\n");
+        skiff::test::writeFile(table(), "22 1 8:1 / / rw,relatime - ext4 /dev/sda1 rw\n");
     }
 
     MountServiceOptions options() const {
@@ -108,24 +99,24 @@ mv "$dir/mountinfo.new" "$dir/mountinfo"
     // The tools run so far, one "name arguments..." line each.
     std::vector<std::string> calls() const {
         std::vector<std::string> lines;
-        std::istringstream in(readText(dir() / "calls"));
+        std::istringstream in(skiff::test::readFile(dir() / "calls"));
         for (std::string line; std::getline(in, line);) {
             lines.push_back(line);
         }
         return lines;
     }
     void failWith(const std::string& name, const std::string& errorText) const {
-        writeText(dir() / ("fail-" + name), errorText);
+        skiff::test::writeFile(dir() / ("fail-" + name), errorText);
     }
     void failAfterWork(const std::string& name) const {
-        writeText(dir() / ("fail-after-" + name), "");
+        skiff::test::writeFile(dir() / ("fail-after-" + name), "");
     }
     // Hangs on these arguments only, or on any when empty.
     void hang(const std::string& name, const std::string& arguments = "") const {
         std::ofstream(dir() / ("hang-" + name)) << arguments;
     }
     pid_t hungPid(const std::string& name) const {
-        return static_cast<pid_t>(std::stol(readText(dir() / ("pid-" + name))));
+        return static_cast<pid_t>(std::stol(skiff::test::readFile(dir() / ("pid-" + name))));
     }
     void addMount(const std::string& type) const {
         std::ofstream(table(), std::ios::app)
@@ -141,7 +132,7 @@ mv "$dir/mountinfo.new" "$dir/mountinfo"
 
 private:
     void script(const std::string& name, const std::string& text) const {
-        writeText(tools_ / name, text);
+        skiff::test::writeFile(tools_ / name, text);
         fs::permissions(tools_ / name, fs::perms(0755));
     }
 

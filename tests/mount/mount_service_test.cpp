@@ -67,13 +67,13 @@ TEST_F(MountServiceTest, WhatStandsInTheWayOfAMountStopsItBeforeAnyTool) {
         {"a regular file at the mount point",
          [&] {
              std::filesystem::create_directories(volume_.mountPoint().parent_path());
-             testing::writeText(volume_.mountPoint(), "");
+             skiff::test::writeFile(volume_.mountPoint(), "");
          },
          "Mount point exists but is not a directory: " + mp()},
         {"a regular file at the source anchor",
          [&] {
              std::filesystem::create_directories(volume_.container());
-             testing::writeText(anchor(), "");
+             skiff::test::writeFile(anchor(), "");
          },
          "Passthrough source directory is unavailable: " + anchor()},
     };
@@ -149,15 +149,15 @@ TEST_F(MountServiceTest, TheCallersLoopKeepsTurningWhileTheHelperRuns) {
     // file that only a handler on the caller's one-thread loop writes.
     const auto answer = volume_.dir() / "answer";
     const std::string helper = volume_.tool("mount.skiff");
-    const std::string body = testing::readText(helper);
+    const std::string body = skiff::test::readFile(helper);
     const std::string wait = "i=0; while [ ! -e '" + answer.string() +
                              "' ] && [ $i -lt 200 ]; do sleep 0.05; i=$((i+1)); done\n" + "[ -e '" +
                              answer.string() + "' ] || { echo no answer >&2; exit 1; }\n";
-    testing::writeText(
+    skiff::test::writeFile(
         helper, body.substr(0, body.find('\n') + 1) + wait + body.substr(body.find('\n') + 1));
     auto mounted =
         asio::co_spawn(runtime_.executor(), testing::outcomeOf(service_.mount()), asio::use_future);
-    asio::post(runtime_.executor(), [answer] { testing::writeText(answer, "yes"); });
+    asio::post(runtime_.executor(), [answer] { skiff::test::writeFile(answer, "yes"); });
     ASSERT_TRUE(::skiff::testing::readyInTime(mounted));
     EXPECT_EQ(mounted.get(), "ok");
     EXPECT_TRUE(service_.isMounted());

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/byte_text.hpp"
 #include "common/io_runtime.hpp"
 #include "common/log.hpp"
 #include "common/run_sync.hpp"
@@ -28,9 +29,7 @@ public:
     std::atomic<int> unmounts{0};
 };
 
-Bytes bytesOf(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
+using skiff::testing::bytesOf;
 
 class PhoneVolumeRequestsTest : public ::testing::Test {
 protected:
@@ -81,9 +80,9 @@ TEST_F(PhoneVolumeRequestsTest, MountControlActsThenTellsTheListenerOnlyOnSucces
 TEST_F(PhoneVolumeRequestsTest, PokesTouchOnlyItemsInsideTheMountPoint) {
     const auto mp = volume_.mountPoint();
     std::filesystem::create_directories(mp / "dir");
-    testing::writeText(mp / "dir" / "a b.txt", "x");
+    skiff::test::writeFile(mp / "dir" / "a b.txt", "x");
     // Outside the mount point, where a ".." would lead.
-    testing::writeText(volume_.dir() / "Harbor data" / "outside", "x");
+    skiff::test::writeFile(volume_.dir() / "Harbor data" / "outside", "x");
     const auto old = std::filesystem::file_time_type::clock::now() - 24h;
     for (const auto& item : {mp / "dir" / "a b.txt", volume_.dir() / "Harbor data" / "outside"}) {
         std::filesystem::last_write_time(item, old);

@@ -27,14 +27,14 @@ public:
         runtime::OnceReply<void> wake;
         {
             std::lock_guard guard(mutex_);
-            sleepers_.push_back({now_ + d, [wake] { wake.resume(); }});
+            timers_.push_back({now_ + d, [wake] { wake.resume(); }, true});
         }
         co_await std::move(wake).wait();
     }
 
     void deadline(asio::any_io_executor, Duration d, std::function<void()> expired) override {
         std::lock_guard guard(mutex_);
-        deadlines_.push_back({now_ + d, std::move(expired)});
+        timers_.push_back({now_ + d, std::move(expired), false});
     }
 
     // Moves time on by d and fires what fell due.
@@ -43,9 +43,13 @@ public:
         {
             std::lock_guard guard(mutex_);
             now_ += d;
-            takeDue(sleepers_, due);
-            takeDue(deadlines_, due);
+            auto split = std::partition(timers_.begin(), timers_.end(),
+                                        [&](const Timer& t) { return t.due > now_; });
+            std::move(split, timers_.end(), std::back_inserter(due));
+            timers_.erase(split, timers_.end());
         }
+        // Sleeping loops due at the same moment wake before deadlines expire.
+        std::stable_partition(due.begin(), due.end(), [](const Timer& t) { return t.sleeper; });
         for (auto& timer : due) {
             timer.fire();
         }
@@ -56,12 +60,14 @@ public:
         if (!skiff::testing::eventually([&] { return sleeping() > 0; })) {
             return false;
         }
-        Duration wait;
+        Duration wait = Duration::max();
         {
             std::lock_guard guard(mutex_);
-            auto first = std::min_element(sleepers_.begin(), sleepers_.end(),
-                                          [](auto& a, auto& b) { return a.due < b.due; });
-            wait = first->due - now_;
+            for (const auto& timer : timers_) {
+                if (timer.sleeper) {
+                    wait = std::min(wait, timer.due - now_);
+                }
+            }
         }
         advance(wait);
         return true;
@@ -86,9 +92,7 @@ public:
         std::vector<Timer> all;
         {
             std::lock_guard guard(mutex_);
-            all.swap(sleepers_);
-            std::move(deadlines_.begin(), deadlines_.end(), std::back_inserter(all));
-            deadlines_.clear();
+            all.swap(timers_);
         }
         for (auto& timer : all) {
             timer.fire();
@@ -97,25 +101,19 @@ public:
 
     std::size_t sleeping() const {
         std::lock_guard guard(mutex_);
-        return sleepers_.size();
+        return std::count_if(timers_.begin(), timers_.end(), [](auto& t) { return t.sleeper; });
     }
 
 private:
     struct Timer {
         TimePoint due;
         std::function<void()> fire;
+        bool sleeper;  // a loop's sleep rather than a request's deadline
     };
-    void takeDue(std::vector<Timer>& timers, std::vector<Timer>& due) {
-        auto split = std::partition(timers.begin(), timers.end(),
-                                    [&](const Timer& t) { return t.due > now_; });
-        std::move(split, timers.end(), std::back_inserter(due));
-        timers.erase(split, timers.end());
-    }
 
     mutable std::mutex mutex_;
     TimePoint now_ = std::chrono::system_clock::now();
-    std::vector<Timer> sleepers_;
-    std::vector<Timer> deadlines_;
+    std::vector<Timer> timers_;
 };
 
 // Answers each probe request with the next scripted status (then `fallback`); kSilent

@@ -25,7 +25,7 @@ protected:
     // A tool whose body is the given shell text.
     std::string tool(const std::string& name, const std::string& body) {
         const auto path = volume_.dir() / name;
-        testing::writeText(path, "#!/bin/sh\n" + body + "\n");
+        skiff::test::writeFile(path, "#!/bin/sh\n" + body + "\n");
         std::filesystem::permissions(path, std::filesystem::perms(0755));
         return path.string();
     }
@@ -79,12 +79,8 @@ TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatus) {
 
 TEST_F(ProcessRunnerTest, AMissingToolIsALaunchFailureNamingItsPath) {
     const auto missing = (volume_.dir() / "no-such-tool").string();
-    try {
-        runCommand(missing, {});
-        ADD_FAILURE() << "launched a missing tool";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), ENOENT);
-    }
+    EXPECT_THROW(runCommand(missing, {}), std::system_error);
+    // The errno's own words: the launch failure carries ENOENT.
     const std::string expected = "could not launch " + missing + ": No such file or directory";
     EXPECT_EQ(outcomeOf([&] { runCommand(missing, {}); }), expected);
     EXPECT_EQ(runTimed(missing, 20s), expected);

@@ -4,18 +4,15 @@
 
 #include <string>
 
+#include "common/byte_text.hpp"
+
 namespace {
 
 using namespace skiff::relay;
 using skiff::json::decode;
 using skiff::json::encode;
-
-Bytes bytesOf(std::string_view text) {
-    return Bytes(text.begin(), text.end());
-}
-std::string textOf(const Bytes& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
+using skiff::testing::bytesOf;
+using skiff::testing::textOf;
 
 RelayItemSummary summary() {
     RelayItemSummary s;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/byte_text.hpp"
 #include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
 #include "relay/relay_fakes.hpp"
@@ -16,15 +17,12 @@
 namespace skiff::relay {
 namespace {
 
+using skiff::testing::bytesOf;
 using skiff::testing::eventually;
 using skiff::testing::readyInTime;
 using skiff::testing::runSync;
 using testing::FakeOpener;
 using tunnel::FrameKind;
-
-Bytes bytesOf(std::string_view text) {
-    return Bytes(text.begin(), text.end());
-}
 
 struct Pushed {
     std::string target;

@@ -5,29 +5,26 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "relay/relay_schema.hpp"
 #include "support/child_process.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::sim {
 namespace {
 
 namespace fs = std::filesystem;
 using relay::RelayItemSummary;
+using skiff::test::writeFile;
 
 class AppLookupTest : public ::testing::Test {
 protected:
     AppLookupTest() : root_(base_.path() + "/storage") {
         fs::create_directories(root_ / "docs");
-        write(root_ / "docs/a.txt", "hello");
-        write(fs::path(base_.path()) / "secret.txt", "outside");
-    }
-
-    static void write(const fs::path& path, const std::string& text) {
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+        writeFile(root_ / "docs/a.txt", "hello");
+        writeFile(fs::path(base_.path()) / "secret.txt", "outside");
     }
 
     tunnel::TunnelMessage ask(const std::string& identifier,
@@ -83,7 +80,7 @@ TEST_F(AppLookupTest, RootAndDirectoriesWhateverTheSpelling) {
 TEST_F(AppLookupTest, ContentVersionMovesWithTheContent) {
     const auto before = summary("docs/a.txt");
     EXPECT_EQ(summary("docs/a.txt").contentVersion, before.contentVersion);
-    write(root_ / "docs/a.txt", "hello, longer");
+    writeFile(root_ / "docs/a.txt", "hello, longer");
     const auto after = summary("docs/a.txt");
     EXPECT_NE(after.contentVersion, before.contentVersion);
     EXPECT_NE(after.metadataVersion, before.metadataVersion);

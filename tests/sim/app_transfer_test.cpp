@@ -5,8 +5,6 @@
 
 #include <asio.hpp>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,6 +14,7 @@
 #include "sim/app_lookup.hpp"
 #include "sim/companion_app.hpp"
 #include "support/child_process.hpp"
+#include "support/file_text.hpp"
 #include "transfer/file_io_records.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
 #include "tunnel/tunnel_errors.hpp"
@@ -25,6 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using relay::RelayItemSummary;
+using skiff::test::readFile;
+using skiff::test::writeFile;
 using transfer::encodeReadChunkRequest;
 using transfer::kChunkSize;
 using transfer::RelayWriteChunkResponse;
@@ -41,21 +42,12 @@ Bytes writeBody(const std::string& identifier, std::uint64_t offset, std::string
     return *transfer::encodeWriteChunkRequest(identifier, offset, Bytes(text.begin(), text.end()));
 }
 
-void write(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-std::string read(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
-
 class AppTransferTest : public ::testing::Test {
 protected:
     AppTransferTest() : root_(base_.path() + "/storage") {
         fs::create_directories(root_ / "docs");
-        write(root_ / "docs/a.txt", "hello");
-        write(outside_, "outside");
+        writeFile(root_ / "docs/a.txt", "hello");
+        writeFile(outside_, "outside");
         fs::create_symlink(outside_, root_ / "secret-link");
     }
 
@@ -97,7 +89,7 @@ TEST_F(AppTransferTest, ReadsWholeChunksAndAShortLastOne) {
         for (std::size_t i = 0; i < size; ++i) {
             content[i] = static_cast<char>(i * 7 + i / 4096);  // a misplaced chunk shows
         }
-        write(root_ / "docs/big.bin", content);
+        writeFile(root_ / "docs/big.bin", content);
         std::size_t chunks = 0;
         EXPECT_EQ(fetch("docs/big.bin", chunks), content) << size;
         EXPECT_EQ(chunks, (size + kChunkSize - 1) / kChunkSize) << size;
@@ -135,7 +127,7 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     ASSERT_EQ(transfer_.writeChunk(writeBody("docs/new.txt", 0, "new")).code, 0);
 
     // Neither the old file nor the folder show anything of the staged writes.
-    EXPECT_EQ(read(root_ / "docs/a.txt"), "hello");
+    EXPECT_EQ(readFile(root_ / "docs/a.txt"), "hello");
     EXPECT_EQ(contentVersion("docs/a.txt"), before);
     EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 1);
 
@@ -143,11 +135,11 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     ASSERT_EQ(committed.code, 0);
     const auto summary = json::decode<RelayItemSummary>(committed.payload);
     ASSERT_TRUE(summary);
-    EXPECT_EQ(read(root_ / "docs/a.txt"), "HELLO!");
+    EXPECT_EQ(readFile(root_ / "docs/a.txt"), "HELLO!");
     EXPECT_EQ(summary->contentVersion, contentVersion("docs/a.txt"));
     EXPECT_NE(summary->contentVersion, before);
     ASSERT_EQ(transfer_.commitWrite(commitBody("docs/new.txt")).code, 0);
-    EXPECT_EQ(read(root_ / "docs/new.txt"), "new");
+    EXPECT_EQ(readFile(root_ / "docs/new.txt"), "new");
     EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
 
     // A commit ends the staged write.
@@ -164,7 +156,7 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
 
 TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
     const auto seen = contentVersion("docs/a.txt");
-    write(root_ / "docs/a.txt", "changed by hand");
+    writeFile(root_ / "docs/a.txt", "changed by hand");
     const std::vector<std::pair<Bytes, std::int64_t>> cases = {
         {stageBody("docs/a.txt", 5, seen), 6},
         {stageBody("docs/a.txt", 5, Bytes{}), 6},  // expects no file
@@ -181,8 +173,8 @@ TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
                   transfer::FileIODeviceRejection{status});
         EXPECT_EQ(transfer_.writeChunk(writeBody("docs/a.txt", 0, "x")).code, 4);
     }
-    EXPECT_EQ(read(root_ / "docs/a.txt"), "changed by hand");
-    EXPECT_EQ(read(outside_), "outside");
+    EXPECT_EQ(readFile(root_ / "docs/a.txt"), "changed by hand");
+    EXPECT_EQ(readFile(outside_), "outside");
 }
 
 // The app as a connection sees it: a client engine over a socket pair, the app on an

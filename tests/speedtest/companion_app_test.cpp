@@ -3,6 +3,7 @@
 #include <mutex>
 #include <optional>
 
+#include "common/byte_text.hpp"
 #include "speedtest/speedtest_support.hpp"
 #include "tunnel/tunnel_engine.hpp"
 #include "tunnel/tunnel_errors.hpp"
@@ -14,10 +15,7 @@ namespace {
 using tunnel::TunnelEngine;
 using tunnel::TunnelEngineError;
 using tunnel::TunnelMessage;
-
-Bytes bytesOf(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
+using skiff::testing::bytesOf;
 
 // An engine in the client role over a native tunnel to the app, as the service binds it.
 class FramedApp : public PhoneTest {
