@@ -12,10 +12,10 @@
 namespace skiff::test {
 namespace {
 
+using skiff::testing::bytesOf;
 using tunnel::TunnelEngine;
 using tunnel::TunnelEngineError;
 using tunnel::TunnelMessage;
-using skiff::testing::bytesOf;
 
 // An engine in the client role over a native tunnel to the app, as the service binds it.
 class FramedApp : public PhoneTest {
