@@ -200,6 +200,13 @@ struct UsbTunnelManager::Impl {
 
     bool subscribe(UsbTunnelManager* owner, uint64_t daemon, bool first) {
         usbmuxd_subscription_context_t context = nullptr;
+        if (!first) {
+            // Devices listed before the daemon answered are stale. Listed before the
+            // library's event thread exists: the library fills its process-wide message
+            // fields lazily and unguarded, so its first message must not be built on two
+            // threads at once.
+            refreshDevices();
+        }
         // Active before subscribing: the library's event thread may announce the devices
         // already present before the subscribe call returns, and those must not be lost.
         eventsActive.store(true);
@@ -215,10 +222,6 @@ struct UsbTunnelManager::Impl {
         subscription = context;
         subscribedDaemon = daemon;
         waitingLogged = false;
-        if (!first) {
-            // Devices listed before the daemon answered are stale.
-            refreshDevices();
-        }
         skiff::log::usbMuxNative().info(first ? "usbmuxd is running; listening for devices"
                                               : "usbmuxd appeared; listening for devices");
         return true;
