@@ -32,6 +32,7 @@ struct OpenFile {
     UniqueFd staged;
     std::string stagedName;
     bool dirty = false;
+    bool written = false;              // by this handle's writes or cuts, since it was opened
     std::uint64_t nextSequential = 0;  // where a sequential reader reads next
 };
 
@@ -357,6 +358,7 @@ int VolumeFs::write(OpenFile& file, const char* buffer, std::size_t size, off_t 
         return -errno;
     }
     file.dirty = true;
+    file.written = true;
     return static_cast<int>(written);
 }
 
@@ -365,6 +367,20 @@ int VolumeFs::flush(OpenFile& file) {
         return 0;
     }
     std::lock_guard guard(file.mutex);
+    return -push(file);
+}
+
+int VolumeFs::close(OpenFile& file) {
+    if (!file.writable) {
+        return 0;
+    }
+    std::lock_guard guard(file.mutex);
+    // Shells and dd open the file, duplicate the descriptor and close the first one before
+    // writing: pushing a new or emptied file then would send an empty copy ahead of the
+    // real one. Its release pushes it if nothing else does.
+    if (!file.written) {
+        return 0;
+    }
     return -push(file);
 }
 
@@ -400,6 +416,7 @@ int VolumeFs::truncate(const std::string& id, off_t size, fuse_file_info* fi) {
             return -errno;
         }
         writer.dirty = true;
+        writer.written = true;
         return 0;
     };
     if (fi && handle(fi).writable) {
@@ -539,7 +556,7 @@ int writeOp(const char*, const char* buffer, size_t size, off_t offset, fuse_fil
 }
 
 int flushOp(const char*, fuse_file_info* fi) {
-    return self().flush(handle(fi));
+    return self().close(handle(fi));
 }
 
 int fsyncOp(const char*, int, fuse_file_info* fi) {

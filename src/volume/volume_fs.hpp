@@ -7,8 +7,8 @@
 // - Reads go through the chunk cache in 4 MiB chunks, with the next chunk fetched in the
 //   background when a handle reads sequentially.
 // - A file opened for writing is staged whole in a shared-container file and pushed on
-//   flush against the content version it had at open; a phone-side change meanwhile fails
-//   the close (kConflictErrno) and is never overwritten.
+//   close (or fsync) against the content version it had at open; a phone-side change
+//   meanwhile fails the close (kConflictErrno) and is never overwritten.
 // - A time change is how the service pokes an item the phone changed: it refreshes the
 //   item from the phone and drops the kernel's cached view of it. It never writes times
 //   to the phone.
@@ -58,7 +58,10 @@ public:
     int create(const std::string& id, fuse_file_info* fi);
     int read(OpenFile& file, char* buffer, std::size_t size, off_t offset);
     int write(OpenFile& file, const char* buffer, std::size_t size, off_t offset);
+    // flush pushes what the handle holds (fsync); close does on each close of a descriptor,
+    // once the handle has written.
     int flush(OpenFile& file);
+    int close(OpenFile& file);
     void release(OpenFile* file);
     int truncate(const std::string& id, off_t size, fuse_file_info* fi);
     int remove(const std::string& id);
