@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
+#include "common/started_runtime.hpp"
 
 namespace skiff::runtime {
 namespace {
@@ -22,12 +22,8 @@ using Strand = asio::strand<asio::any_io_executor>;
 
 class AsyncMutexTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        runtime.start();
-        other.start();
-    }
-    IoRuntime runtime{4};
-    IoRuntime other{2};
+    skiff::testing::StartedRuntime runtime{4};
+    skiff::testing::StartedRuntime other{2};
 };
 
 struct Tally {
@@ -62,23 +58,14 @@ TEST_F(AsyncMutexTest, ExcludesManyCoroutinesAcrossPoolsAndStrands) {
     constexpr int kRounds = 50;
     std::vector<std::future<void>> done;
     for (int i = 0; i < kCoroutines; ++i) {
-        switch (i % 3) {
-            case 0: {
-                auto strand = asio::make_strand(runtime.executor());
-                done.push_back(asio::co_spawn(strand, contend(mutex, tally, strand, kRounds),
-                                              asio::use_future));
-                break;
-            }
-            case 1:
-                done.push_back(asio::co_spawn(runtime.executor(),
-                                              contend(mutex, tally, std::nullopt, kRounds),
-                                              asio::use_future));
-                break;
-            default:
-                done.push_back(asio::co_spawn(other.executor(),
-                                              contend(mutex, tally, std::nullopt, kRounds),
-                                              asio::use_future));
-                break;
+        if (i % 3 == 0) {
+            auto strand = asio::make_strand(runtime.executor());
+            done.push_back(
+                asio::co_spawn(strand, contend(mutex, tally, strand, kRounds), asio::use_future));
+        } else {
+            auto executor = i % 3 == 1 ? runtime.executor() : other.executor();
+            done.push_back(asio::co_spawn(executor, contend(mutex, tally, std::nullopt, kRounds),
+                                          asio::use_future));
         }
     }
     for (auto& d : done) {

@@ -8,17 +8,24 @@
 #include <vector>
 
 #include "common/actor.hpp"
-#include "common/io_runtime.hpp"
 #include "common/log.hpp"
 #include "common/once_reply.hpp"
 #include "common/run_sync.hpp"
 #include "common/serial_queue.hpp"
+#include "common/started_runtime.hpp"
 #include "common/task.hpp"
 
 namespace skiff::runtime {
 namespace {
 
+using skiff::testing::eventually;
+using skiff::testing::readyInTime;
 using skiff::testing::runSync;
+using skiff::testing::StartedRuntime;
+
+asio::awaitable<int> seven() {
+    co_return 7;
+}
 
 // A counter whose increment suspends halfway, so unserialised bodies would lose updates.
 class Counter : public Actor, public std::enable_shared_from_this<Counter> {
@@ -48,13 +55,8 @@ private:
     int value_ = 0;
 };
 
-class RuntimeTest : public ::testing::Test {
-protected:
-    void SetUp() override { runtime.start(); }
-    IoRuntime runtime{2};
-};
-
-TEST_F(RuntimeTest, ActorBodiesRunOnStrandAndCallersResumeOnTheirOwnExecutor) {
+TEST(Actor, BodiesRunOnTheStrandAndCallersResumeOnTheirOwnExecutor) {
+    StartedRuntime runtime;
     auto shared = std::make_shared<Counter>(runtime.executor());
     Counter& counter = *shared;
     auto callerStrand = asio::make_strand(runtime.executor());
@@ -76,12 +78,23 @@ TEST_F(RuntimeTest, ActorBodiesRunOnStrandAndCallersResumeOnTheirOwnExecutor) {
     };
     auto other = asio::co_spawn(runtime.executor(), otherCaller(), asio::use_future);
     EXPECT_TRUE(runSync(callerStrand, task()));
-    ASSERT_TRUE(skiff::testing::readyInTime(other));
+    ASSERT_TRUE(readyInTime(other));
     EXPECT_EQ(runSync(runtime.executor(), counter.increment()), kCalls + 1);
 }
 
-TEST_F(RuntimeTest, SerialQueueRunsJobsInOrderOffThePoolAndPassesResultsAndErrors) {
+TEST(SerialQueue, RunsJobsInOrderOnItsOwnThreadAndPassesResultsAndErrors) {
+    // One pool thread: a job run on it would keep everything else waiting.
+    StartedRuntime runtime{1};
     SerialQueue queue("Mox.Harbor.test.queue");
+    std::promise<void> release;
+    auto blocked =
+        asio::co_spawn(runtime.executor(),
+                       queue.run([released = release.get_future().share()] { released.wait(); }),
+                       asio::use_future);
+    EXPECT_EQ(runSync(runtime.executor(), seven()), 7);
+    release.set_value();
+    ASSERT_TRUE(readyInTime(blocked));
+
     auto strand = asio::make_strand(runtime.executor());
     auto task = [&]() -> asio::awaitable<std::vector<int>> {
         std::vector<int> order;
@@ -91,13 +104,10 @@ TEST_F(RuntimeTest, SerialQueueRunsJobsInOrderOffThePoolAndPassesResultsAndError
                 return std::pair{i, std::this_thread::get_id()};
             });
             EXPECT_TRUE(strand.running_in_this_thread());
-            if (i == 0) {
-                first = id;
-            }
+            first = i == 0 ? id : first;
             EXPECT_EQ(id, first);
             order.push_back(value);
         }
-        co_await queue.run([] {});
         bool threw = false;
         try {
             co_await queue.run([]() -> int { throw std::runtime_error("native failure"); });
@@ -110,20 +120,9 @@ TEST_F(RuntimeTest, SerialQueueRunsJobsInOrderOffThePoolAndPassesResultsAndError
     EXPECT_EQ(runSync(strand, task()), (std::vector<int>{0, 1, 2, 3, 4}));
 }
 
-TEST_F(RuntimeTest, SerialQueueDoesNotBlockThePoolWhileAJobBlocks) {
-    SerialQueue queue("blocking");
-    std::promise<void> release;
-    auto released = release.get_future().share();
-    auto blocked = asio::co_spawn(runtime.executor(), queue.run([released] { released.wait(); }),
-                                  asio::use_future);
-    // Both pool threads stay free for other work while the job blocks.
-    EXPECT_EQ(runSync(runtime.executor(), []() -> asio::awaitable<int> { co_return 7; }()), 7);
-    release.set_value();
-    ASSERT_TRUE(skiff::testing::readyInTime(blocked));
-}
-
 // Bodies that outlive every other reference to their object: each keeps its owner.
-TEST_F(RuntimeTest, SpawnedAndIsolatedBodiesHoldTheirOwnerUntilTheyEnd) {
+TEST(Task, SpawnedAndIsolatedBodiesHoldTheirOwnerUntilTheyEnd) {
+    StartedRuntime runtime;
     auto counter = std::make_shared<Counter>(runtime.executor());
     std::weak_ptr<Counter> watch = counter;
     OnceReply<void> releaseIsolated;
@@ -135,13 +134,26 @@ TEST_F(RuntimeTest, SpawnedAndIsolatedBodiesHoldTheirOwnerUntilTheyEnd) {
 
     EXPECT_FALSE(watch.expired());
     releaseIsolated.resume();
-    ASSERT_TRUE(skiff::testing::readyInTime(isolatedCall));
+    ASSERT_TRUE(readyInTime(isolatedCall));
     EXPECT_FALSE(watch.expired());
     releaseSpawned.resume();
-    for (int i = 0; i < 2000 && !watch.expired(); ++i) {
-        runSync(runtime.executor(), []() -> asio::awaitable<void> { co_return; }());
+    EXPECT_TRUE(eventually([&] { return watch.expired(); }));
+}
+
+struct Thrower {
+    asio::awaitable<void> run() {
+        throw std::runtime_error("escaped");
+        co_return;
     }
-    EXPECT_TRUE(watch.expired());
+};
+
+TEST(Task, ErrorsAreLoggedNotRethrown) {
+    StartedRuntime runtime;
+    log::LogCapture capture;
+    spawnTask(runtime.executor(), std::make_shared<Thrower>(), &Thrower::run);
+    EXPECT_TRUE(eventually(
+        [&] { return capture.contains("task ended with an unhandled error: escaped"); }));
+    EXPECT_EQ(runSync(runtime.executor(), seven()), 7);
 }
 
 TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
@@ -155,28 +167,7 @@ TEST(IoRuntimeLifecycle, StopJoinsWithSuspendedWorkAndCanRestart) {
     runtime.stop();
     runtime.stop();
     runtime.start();
-    EXPECT_EQ(runSync(runtime.executor(), []() -> asio::awaitable<int> { co_return 3; }()), 3);
-}
-
-struct Thrower {
-    asio::awaitable<void> run(OnceReply<void> started) {
-        started.resume();
-        throw std::runtime_error("escaped");
-        co_return;
-    }
-};
-
-TEST_F(RuntimeTest, TaskErrorsAreLoggedNotRethrown) {
-    log::LogCapture capture;
-    OnceReply<void> started;
-    spawnTask(runtime.executor(), std::make_shared<Thrower>(), &Thrower::run, started);
-    runSync(runtime.executor(), std::move(started).wait());
-    // The log line follows the resume; wait for it without sleeping blindly.
-    for (int i = 0; i < 2000 && !capture.contains("escaped"); ++i) {
-        std::this_thread::yield();
-        runSync(runtime.executor(), []() -> asio::awaitable<void> { co_return; }());
-    }
-    EXPECT_TRUE(capture.contains("task ended with an unhandled error: escaped"));
+    EXPECT_EQ(runSync(runtime.executor(), seven()), 7);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // mapping, dropping a failed tunnel, exclusive use and push dispatch.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -9,8 +10,8 @@
 #include <vector>
 
 #include "common/byte_text.hpp"
-#include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
+#include "common/started_runtime.hpp"
 #include "relay/relay_fakes.hpp"
 #include "relay/tunnel_relay_bridge.hpp"
 
@@ -44,7 +45,6 @@ protected:
     };
 
     void SetUp() override {
-        runtime.start();
         engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
         opener = std::make_shared<FakeOpener>(runtime.executor());
         bridge = std::make_shared<TunnelRelayBridge>(runtime.executor(), engine, opener);
@@ -75,7 +75,7 @@ protected:
         return pushed;
     }
 
-    runtime::IoRuntime runtime;
+    skiff::testing::StartedRuntime runtime;
     std::shared_ptr<tunnel::TunnelEngine> engine;
     std::shared_ptr<FakeOpener> opener;
     std::shared_ptr<TunnelRelayBridge> bridge;
@@ -133,18 +133,6 @@ TEST_F(TunnelRelayBridgeTest, AppNotReachableGivesStatusOneAndOversizeSevenWitho
     EXPECT_EQ(refused.detail, 0);
 }
 
-TEST_F(TunnelRelayBridgeTest, DeviceRemovalFailsWaitingRequests) {
-    relayAnswered(0, 0, "");
-    auto waiting = relayAsync(2, {});
-    opener->peer(0).readFrame();
-    runSync(runtime.executor(), bridge->dropBinding());
-    ASSERT_TRUE(readyInTime(waiting));
-    EXPECT_EQ(waiting.get().status, 3);
-    // The old tunnel was closed, not left for a later close to hit a new one.
-    Bytes rest;
-    EXPECT_FALSE(opener->peer(0).read(rest, 1));
-}
-
 TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
     relayAnswered(0, 0, "");
     runSync(runtime.executor(), bridge->beginExclusiveUse(service::kCompanionAppPort));
@@ -162,15 +150,26 @@ TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
                                                           "invalidate 33325", "open 33325"}));
 }
 
-TEST_F(TunnelRelayBridgeTest, InvalidationFailsWaitersAndSparesAnExclusiveUsersTunnel) {
-    relayAnswered(0, 0, "");
-    auto waiting = relayAsync(2, bytesOf("unanswered"));
-    opener->peer(0).readFrame();
-    runSync(runtime.executor(), bridge->invalidateTunnel(service::kCompanionAppPort));
-    ASSERT_TRUE(readyInTime(waiting));
-    EXPECT_EQ(waiting.get().status, 3);
+TEST_F(TunnelRelayBridgeTest, RemovalOrInvalidationFailsWaitersAndClosesTheTunnel) {
+    const std::function<asio::awaitable<void>()> drops[] = {
+        [&] { return bridge->dropBinding(); },
+        [&] { return bridge->invalidateTunnel(service::kCompanionAppPort); },
+    };
+    for (std::size_t tunnel = 0; tunnel < 2; ++tunnel) {
+        SCOPED_TRACE(tunnel);
+        relayAnswered(tunnel, 0, "");
+        auto waiting = relayAsync(2, bytesOf("unanswered"));
+        opener->peer(tunnel).readFrame();
+        runSync(runtime.executor(), drops[tunnel]());
+        ASSERT_TRUE(readyInTime(waiting));
+        EXPECT_EQ(waiting.get().status, 3);
+        // Closed now, not left for a later close to hit a new one.
+        Bytes rest;
+        EXPECT_FALSE(opener->peer(tunnel).read(rest, 1));
+    }
     EXPECT_EQ(opener->events().back(), "invalidate 33325");
 
+    // An exclusive user's tunnel is spared.
     runSync(runtime.executor(), bridge->beginExclusiveUse(service::kCompanionAppPort));
     const auto held = opener->events().size();
     runSync(runtime.executor(), bridge->invalidateTunnel(service::kCompanionAppPort));

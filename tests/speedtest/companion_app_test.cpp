@@ -21,7 +21,6 @@ using tunnel::TunnelMessage;
 class FramedApp : public PhoneTest {
 protected:
     void SetUp() override {
-        PhoneTest::SetUp();
         startPhone({"phone-A"});
         ASSERT_TRUE(usbmux_mgr_start());
         bind();
@@ -167,17 +166,6 @@ TEST_F(FramedApp, StrayFramesEndTheTunnel) {
         control("fault clear");
         rebind();
     }
-}
-
-TEST_F(FramedApp, PeerCloseFailsAPendingReceive) {
-    // A transport of its own on the echo port, so that no engine reads it.
-    tunnel_id echo = firstDeviceTunnel(sim::kEchoPort);
-    ASSERT_TRUE(usbmux_tunnel_ensure(echo));
-    tunnel::UsbMuxTunnelTransport transport(echo);
-    auto receive = asio::co_spawn(runtime_.executor(), transport.receive(4), asio::use_future);
-    EXPECT_GE(phone_->drop(), 1u);
-    ASSERT_TRUE(skiff::testing::readyInTime(receive));
-    EXPECT_THROW(receive.get(), tunnel::TunnelTransportError);
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
+#include "common/started_runtime.hpp"
 #include "sim/sim_phone.hpp"
 #include "support/simulated_phone.hpp"
 #include "usbmuxkit/usbmux_flat.h"
@@ -19,7 +19,6 @@ inline constexpr std::uint16_t kAppPort = sim::kCompanionAppPort;
 
 class PhoneTest : public ::testing::Test {
 protected:
-    void SetUp() override { runtime_.start(); }
     void TearDown() override { usbmux_mgr_shutdown(); }
 
     void startPhone(std::vector<std::string> devices, std::vector<std::string> args = {}) {
@@ -36,13 +35,14 @@ protected:
         return skiff::testing::runSync(runtime_.executor(), std::move(task));
     }
 
-    runtime::IoRuntime runtime_;
+    skiff::testing::StartedRuntime runtime_;
     std::unique_ptr<SimulatedPhone> phone_;
 };
 
-inline tunnel_id firstDeviceTunnel(std::uint16_t port = kAppPort) {
+// The tunnel to the app on the first listed device.
+inline tunnel_id firstDeviceTunnel() {
     tunnel_id id{};
-    id.port = port;
+    id.port = kAppPort;
     return id;
 }
 

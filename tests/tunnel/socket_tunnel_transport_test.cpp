@@ -5,7 +5,7 @@
 #include <future>
 #include <vector>
 
-#include "common/io_runtime.hpp"
+#include "common/started_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {
@@ -16,10 +16,7 @@ using skiff::testing::runSync;
 
 class SocketTunnelTransportTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        runtime.start();
-        std::tie(transport, peer) = testing::socketPair(runtime.executor());
-    }
+    void SetUp() override { std::tie(transport, peer) = testing::socketPair(runtime.executor()); }
     void TearDown() override {
         runSync(runtime.executor(), transport->close());
         runtime.stop();
@@ -31,7 +28,7 @@ protected:
                TunnelTransportError::Case::disconnected;
     }
 
-    runtime::IoRuntime runtime{2};
+    skiff::testing::StartedRuntime runtime;
     std::shared_ptr<SocketTunnelTransport> transport;
     std::unique_ptr<testing::Peer> peer;
 };

@@ -4,12 +4,14 @@
 
 #include <future>
 
-#include "common/io_runtime.hpp"
+#include "common/byte_text.hpp"
+#include "common/started_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {
 namespace {
 
+using skiff::testing::bytesOf;
 using skiff::testing::eventually;
 using skiff::testing::readyInTime;
 using skiff::testing::runSync;
@@ -18,13 +20,8 @@ using testing::Frame;
 using testing::Peer;
 using Case = TunnelEngineError::Case;
 
-Bytes text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
-}
-
 class TunnelEngineTest : public ::testing::Test {
 protected:
-    void SetUp() override { runtime.start(); }
     void TearDown() override {
         if (transport) {
             runSync(runtime.executor(), transport->close());
@@ -57,51 +54,64 @@ protected:
         return errorCaseOf<TunnelEngineError>([&] { pending.get(); });
     }
 
-    runtime::IoRuntime runtime{2};
+    skiff::testing::StartedRuntime runtime;
     std::shared_ptr<TunnelEngine> engine = std::make_shared<TunnelEngine>(runtime.executor());
     std::shared_ptr<SocketTunnelTransport> transport;
     std::unique_ptr<Peer> peer;
 };
 
-TEST_F(TunnelEngineTest, RequestsNeedAClientBinding) {
+TEST_F(TunnelEngineTest, RequestsNeedAClientBindingAndFailWhenItEnds) {
     auto beforeBind = request(1, {});
     EXPECT_EQ(failureOf(beforeBind), Case::notBound);
-
     bind(TunnelEndpointRole::server);
     auto asServer = request(1, {});
     EXPECT_EQ(failureOf(asServer), Case::notBound);
 
+    // Unbinding resumes every waiter.
     bind(TunnelEndpointRole::client);
     EXPECT_EQ(runSync(runtime.executor(), engine->tunnelKey()), "tunnel-key");
+    auto a = request(1, {});
+    auto b = request(2, {});
+    peer->readFrame();
+    peer->readFrame();
     runSync(runtime.executor(), engine->unbind());
+    EXPECT_EQ(failureOf(a), Case::disconnected);
+    EXPECT_EQ(failureOf(b), Case::disconnected);
     EXPECT_EQ(runSync(runtime.executor(), engine->tunnelKey()), std::nullopt);
     auto afterUnbind = request(1, {});
     EXPECT_EQ(failureOf(afterUnbind), Case::notBound);
+
+    // So does the peer's close.
+    bind(TunnelEndpointRole::client);
+    auto c = request(3, {});
+    peer->readFrame();
+    peer->closeNow();
+    EXPECT_EQ(failureOf(c), Case::disconnected);
 }
 
 TEST_F(TunnelEngineTest, ResponsesAreMatchedByFlowNotByOrder) {
     bind(TunnelEndpointRole::client);
-    auto first = request(10, text("first"));
+    auto first = request(10, bytesOf("first"));
     Frame firstFrame = peer->readFrame();
-    auto second = request(11, text("second"));
+    auto second = request(11, bytesOf("second"));
     Frame secondFrame = peer->readFrame();
     EXPECT_EQ(firstFrame.header.kind, FrameKind::request);
     EXPECT_EQ(firstFrame.header.code, 10);
-    EXPECT_EQ(firstFrame.payload, text("first"));
+    EXPECT_EQ(firstFrame.payload, bytesOf("first"));
     EXPECT_NE(firstFrame.header.flow, secondFrame.header.flow);
 
-    peer->writeFrame(FrameKind::response, 211, secondFrame.header.flow, text("to second"));
+    peer->writeFrame(FrameKind::response, 211, secondFrame.header.flow, bytesOf("to second"));
     ASSERT_TRUE(readyInTime(second));
     EXPECT_EQ(first.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-    peer->writeFrame(FrameKind::response, 210, firstFrame.header.flow, text("to first"));
+    peer->writeFrame(FrameKind::response, 210, firstFrame.header.flow, bytesOf("to first"));
     ASSERT_TRUE(readyInTime(first));
 
     TunnelMessage a = first.get();
     TunnelMessage b = second.get();
     EXPECT_EQ(a.code, 210);
-    EXPECT_EQ(a.payload, text("to first"));
+    EXPECT_EQ(a.payload, bytesOf("to first"));
     EXPECT_EQ(b.code, 211);
-    EXPECT_EQ(b.payload, text("to second"));
+    EXPECT_EQ(b.payload, bytesOf("to second"));
 }
 
 TEST_F(TunnelEngineTest, ClientEndsTheTunnelOnUnknownFlowsRequestsAndReservedKinds) {
@@ -121,7 +131,7 @@ TEST_F(TunnelEngineTest, ClientEndsTheTunnelOnUnknownFlowsRequestsAndReservedKin
 
 TEST_F(TunnelEngineTest, PushesReachTheHandlerOrAreDroppedWithoutHarm) {
     bind(TunnelEndpointRole::client);
-    peer->writeFrame(FrameKind::push, 3, 1, text("nobody listens"));
+    peer->writeFrame(FrameKind::push, 3, 1, bytesOf("nobody listens"));
     auto after = request(5, {});
     Frame sent = peer->readFrame();
     peer->writeFrame(FrameKind::response, 0, sent.header.flow);
@@ -132,27 +142,10 @@ TEST_F(TunnelEngineTest, PushesReachTheHandlerOrAreDroppedWithoutHarm) {
     bind(TunnelEndpointRole::client, nullptr, [delivered](std::uint16_t code, Bytes payload) {
         delivered.resume(TunnelMessage{code, std::move(payload)});
     });
-    peer->writeFrame(FrameKind::push, 4, 9, text("item"));
+    peer->writeFrame(FrameKind::push, 4, 9, bytesOf("item"));
     TunnelMessage push = runSync(runtime.executor(), std::move(delivered).wait());
     EXPECT_EQ(push.code, 4);
-    EXPECT_EQ(push.payload, text("item"));
-}
-
-TEST_F(TunnelEngineTest, UnbindAndPeerCloseResumeEveryWaiterWithDisconnected) {
-    bind(TunnelEndpointRole::client);
-    auto a = request(1, {});
-    auto b = request(2, {});
-    peer->readFrame();
-    peer->readFrame();
-    runSync(runtime.executor(), engine->unbind());
-    EXPECT_EQ(failureOf(a), Case::disconnected);
-    EXPECT_EQ(failureOf(b), Case::disconnected);
-
-    bind(TunnelEndpointRole::client);
-    auto c = request(3, {});
-    peer->readFrame();
-    peer->closeNow();
-    EXPECT_EQ(failureOf(c), Case::disconnected);
+    EXPECT_EQ(push.payload, bytesOf("item"));
 }
 
 TEST_F(TunnelEngineTest, FailedWriteReachesOnlyItsCallerAndTheTunnelStays) {
@@ -197,15 +190,15 @@ TEST_F(TunnelEngineTest, ServerAnswersThroughItsHandlerOrWithCodeOne) {
             co_return TunnelMessage{static_cast<std::uint16_t>(c + 1), std::move(p)};
         }(code, std::move(payload));
     });
-    peer->writeFrame(FrameKind::request, 41, 77, text("ping"));
+    peer->writeFrame(FrameKind::request, 41, 77, bytesOf("ping"));
     Frame answer = peer->readFrame();
     EXPECT_EQ(answer.header.kind, FrameKind::response);
     EXPECT_EQ(answer.header.code, 42);
     EXPECT_EQ(answer.header.flow, 77u);
-    EXPECT_EQ(answer.payload, text("ping!"));
+    EXPECT_EQ(answer.payload, bytesOf("ping!"));
 
     bind(TunnelEndpointRole::server);
-    peer->writeFrame(FrameKind::request, 41, 78, text("ignored"));
+    peer->writeFrame(FrameKind::request, 41, 78, bytesOf("ignored"));
     Frame fallback = peer->readFrame();
     EXPECT_EQ(fallback.header.code, 1);
     EXPECT_EQ(fallback.header.flow, 78u);
@@ -226,7 +219,7 @@ TEST_F(TunnelEngineTest, ServerHoldsPushesUntilRequestsInHandAreAnswered) {
     peer->writeFrame(FrameKind::request, 1, 5);
     runSync(runtime.executor(), runtime::OnceReply<void>(entered).wait());
     EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 1);
-    runSync(runtime.executor(), engine->enqueuePush(77, text("held")));
+    runSync(runtime.executor(), engine->enqueuePush(77, bytesOf("held")));
     gate.resume();
 
     Frame first = peer->readFrame();
@@ -235,7 +228,7 @@ TEST_F(TunnelEngineTest, ServerHoldsPushesUntilRequestsInHandAreAnswered) {
     EXPECT_EQ(first.header.flow, 5u);
     EXPECT_EQ(second.header.kind, FrameKind::push);
     EXPECT_EQ(second.header.code, 77);
-    EXPECT_EQ(second.payload, text("held"));
+    EXPECT_EQ(second.payload, bytesOf("held"));
     EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 0);
 
     runSync(runtime.executor(), engine->enqueuePush(78, {}));

@@ -56,19 +56,15 @@ public:
         write(encodeFrame(kind, code, flow, payload).value());
     }
 
-    // Reads exactly count bytes; false on end of stream.
+    // Reads exactly count bytes; false on end of stream before the first of them.
     bool read(Bytes& out, std::size_t count) {
         out.assign(count, 0);
-        std::size_t done = 0;
-        while (done < count) {
-            ssize_t n = ::recv(fd_, out.data() + done, count - done, 0);
-            if (n == 0) {
-                return false;
-            }
-            if (n < 0) {
-                throw std::runtime_error("peer read failed or timed out");
-            }
-            done += static_cast<std::size_t>(n);
+        const ssize_t n = count == 0 ? 0 : ::recv(fd_, out.data(), count, MSG_WAITALL);
+        if (n == 0 && count > 0) {
+            return false;
+        }
+        if (n != static_cast<ssize_t>(count)) {
+            throw std::runtime_error("peer read failed, timed out or ended inside a frame");
         }
         return true;
     }

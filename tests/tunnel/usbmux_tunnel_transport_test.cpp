@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "common/io_runtime.hpp"
+#include "common/started_runtime.hpp"
 #include "tunnel_test_support.hpp"
 
 namespace skiff::tunnel {
@@ -22,8 +22,7 @@ tunnel_id tunnelTo(const char* udid, std::uint16_t port) {
 TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
     // The runtime outlives the transport: the transport's thread may still be inside its
     // post to the io_context when the awaited call has already returned.
-    runtime::IoRuntime runtime(1);
-    runtime.start();
+    skiff::testing::StartedRuntime runtime(1);
     // Without a started manager every native transfer fails.
     auto transport = std::make_shared<UsbMuxTunnelTransport>(tunnelTo("no-such-device", 33325));
     auto caseOf = [&](auto call) {
@@ -33,12 +32,7 @@ TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
     const auto disconnected = TunnelTransportError::Case::disconnected;
     EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}); }), disconnected);
     EXPECT_EQ(caseOf([&] { return transport->send({}); }), disconnected);
-    EXPECT_EQ(caseOf([&] {
-                  return [](std::shared_ptr<UsbMuxTunnelTransport> t) -> asio::awaitable<void> {
-                      co_await t->receive(16);
-                  }(transport);
-              }),
-              disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->receive(16); }), disconnected);
     EXPECT_NO_THROW(runSync(runtime.executor(), transport->close()));
     transport.reset();
     runtime.stop();

@@ -4,26 +4,23 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "common/log.hpp"
+#include "common/run_sync.hpp"
 #include "fake_usbmux.hpp"
 #include "usbmuxkit/usb_tunnel_manager.hpp"
 
 namespace usbmuxkit {
 namespace {
 
+using skiff::testing::eventually;
 using testing::FakeUsbmux;
 using Seen = std::vector<std::pair<int, std::string>>;
-
-// Well above the watcher's period, well below a test's patience.
-constexpr auto kFollowBound = std::chrono::seconds(2);
 
 class DaemonFollowTest : public ::testing::Test {
 protected:
@@ -38,21 +35,8 @@ protected:
     // Waits until `count` events were seen; returns them all.
     Seen awaitEvents(size_t count) {
         std::unique_lock lock(mutex);
-        changed.wait_for(lock, kFollowBound, [&] { return seen.size() >= count; });
+        changed.wait_for(lock, skiff::testing::kWaitLimit, [&] { return seen.size() >= count; });
         return seen;
-    }
-
-    // For what the fake counts without telling anyone.
-    template <typename Predicate>
-    static bool eventually(Predicate predicate) {
-        const auto deadline = std::chrono::steady_clock::now() + kFollowBound;
-        while (!predicate()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::yield();
-        }
-        return true;
     }
 
     skiff::log::LogCapture logs;
@@ -89,7 +73,7 @@ TEST_F(DaemonFollowTest, ADaemonThatGoesAwayTakesItsDevicesAndItsSuccessorIsFoll
     fake.setDevices({{4, "A"}, {5, "B"}});
     ASSERT_TRUE(manager.start());
     ASSERT_TRUE(manager.ensureTunnel("A", 1));
-    const int tunnelFd = fake.fds.at(0);
+    const int tunnelFd = manager.sessionFor("A", 1)->fd();
 
     fake.setDevices({});
     fake.daemon = 0;

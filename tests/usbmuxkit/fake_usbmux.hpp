@@ -3,6 +3,7 @@
 // test can play the phone on the peer end and a shutdown really wakes a reader;
 // onSend / onRecv replace the socket path to script exact results.
 
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "usbmuxkit/tunnel_session.hpp"
 #include "usbmuxkit/usbmux_backend.hpp"
 
 namespace usbmuxkit::testing {
@@ -82,7 +84,6 @@ public:
     std::atomic<int> listCalls{0}, subscribeCalls{0}, unsubscribeCalls{0};
     std::atomic<int> recvsInFlight{0}, disconnectsDuringRecv{0};
     std::vector<std::pair<uint32_t, uint16_t>> connects;  // (handle, port)
-    std::vector<int> fds;                                 // what connect returned
     std::vector<int> disconnects;
     std::vector<uint32_t> sendRequests, recvRequests;
     std::string sent;
@@ -147,7 +148,6 @@ public:
         }
         std::lock_guard lock(mutex_);
         connects.emplace_back(handle, port);
-        fds.push_back(pair[0]);
         if (auto old = peers_.find(pair[0]); old != peers_.end()) {
             ::close(old->second);  // the descriptor number was handed out again
         }
@@ -203,6 +203,19 @@ private:
     std::map<int, int> peers_;
     usbmuxd_event_cb_t callback_ = nullptr;
     void* userData_ = nullptr;
+};
+
+// A session on one fake connection, for tests that play the phone at its other end.
+class FakeSessionTest : public ::testing::Test {
+protected:
+    void phoneSends(const std::string& bytes) {
+        ASSERT_EQ(::send(fake.peerOf(fd), bytes.data(), bytes.size(), 0),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+
+    FakeUsbmux fake;
+    int fd = fake.connect(1, 33325);
+    TunnelSession session{fd, "UDID-1", 1, 33325};
 };
 
 }  // namespace usbmuxkit::testing

@@ -13,8 +13,6 @@
 namespace usbmuxkit {
 namespace {
 
-using testing::FakeUsbmux;
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 using ::testing::StartsWith;
 
@@ -30,17 +28,13 @@ std::string withoutLogLines(const std::string& text) {
     return kept;
 }
 
-class MeasurementTest : public ::testing::Test {
+class MeasurementTest : public testing::FakeSessionTest {
 protected:
-    FakeUsbmux fake;
-    int fd = fake.connect(1, 33325);
-    TunnelSession session{fd, "UDID-1", 1, 33325};
     std::string out, err;
 
     // The phone's side: a reply queued before the run, sends swallowed whole.
     void phoneReplies(const std::string& bytes) {
-        ASSERT_EQ(::send(fake.peerOf(fd), bytes.data(), bytes.size(), 0),
-                  static_cast<ssize_t>(bytes.size()));
+        phoneSends(bytes);
         fake.onSend = [](int, const char*, uint32_t length, uint32_t* sent) {
             *sent = length;
             return 0;
@@ -97,23 +91,6 @@ TEST_F(MeasurementTest, DownloadSendsHeaderAndPatternThenWantsTheAcknowledgement
     EXPECT_EQ(out, "");
 }
 
-TEST_F(MeasurementTest, DownloadFailuresNameTheirStep) {
-    int sends = 0, failAt = 1;
-    fake.onSend = [&](int, const char*, uint32_t length, uint32_t* sent) {
-        *sent = length;
-        return ++sends == failAt ? -EPIPE : 0;
-    };
-    EXPECT_FALSE(captured([&] { return UsbTunnelManager::runDownloadTest(session, 10, nullptr); }));
-    EXPECT_EQ(err, "BW:DOWN header 发送失败\n");
-    sends = 0, failAt = 2;
-    EXPECT_FALSE(captured([&] { return UsbTunnelManager::runDownloadTest(session, 10, nullptr); }));
-    EXPECT_EQ(err, "BW:DOWN payload 发送失败\n");
-    failAt = 0;
-    ::shutdown(fake.peerOf(fd), SHUT_WR);
-    EXPECT_FALSE(captured([&] { return UsbTunnelManager::runDownloadTest(session, 10, nullptr); }));
-    EXPECT_EQ(err, "读取 BW:DOWN 确认失败\n");
-}
-
 TEST_F(MeasurementTest, UploadReadsExactlyTheAnnouncedBytes) {
     phoneReplies("");
     fake.onRecv = [](int, char* data, uint32_t length, uint32_t* got) {
@@ -127,19 +104,37 @@ TEST_F(MeasurementTest, UploadReadsExactlyTheAnnouncedBytes) {
     EXPECT_EQ(fake.sent, "BW:UP:600000\r\n");
     EXPECT_GE(seconds, 0);
     EXPECT_EQ(out, "上行带宽 iPhone → Mac (USBMUX): " + throughputLine(600000, seconds));
+}
 
+TEST_F(MeasurementTest, FailuresNameTheirStep) {
+    const struct {
+        bool upload;
+        int failingSend;  // 1 the header, 2 the payload; 0 none, so the read fails
+        const char* message;
+    } cases[] = {
+        {false, 1, "BW:DOWN header 发送失败\n"}, {false, 2, "BW:DOWN payload 发送失败\n"},
+        {false, 0, "读取 BW:DOWN 确认失败\n"},   {true, 1, "BW:UP header 发送失败\n"},
+        {true, 0, "BW:UP 接收 payload 失败\n"},
+    };
     fake.onRecv = [](int, char*, uint32_t, uint32_t* got) {
         *got = 0;
         return -ECONNRESET;
     };
-    EXPECT_FALSE(captured([&] { return UsbTunnelManager::runUploadTest(session, 5, &seconds); }));
-    EXPECT_EQ(err, "BW:UP 接收 payload 失败\n");
-    fake.onSend = [](int, const char*, uint32_t, uint32_t* sent) {
-        *sent = 0;
-        return -EPIPE;
-    };
-    EXPECT_FALSE(captured([&] { return UsbTunnelManager::runUploadTest(session, 5, &seconds); }));
-    EXPECT_EQ(err, "BW:UP header 发送失败\n");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        int sends = 0;
+        fake.onSend = [&](int, const char*, uint32_t length, uint32_t* sent) {
+            *sent = length;
+            return ++sends == c.failingSend ? -EPIPE : 0;
+        };
+        double seconds = -1;
+        EXPECT_FALSE(captured([&] {
+            return c.upload ? UsbTunnelManager::runUploadTest(session, 10, &seconds)
+                            : UsbTunnelManager::runDownloadTest(session, 10, &seconds);
+        }));
+        EXPECT_EQ(err, c.message);
+        EXPECT_EQ(out, "");
+    }
 }
 
 TEST(ThroughputLine, SixSignificantDigitsAndAnInvalidTimeNotice) {

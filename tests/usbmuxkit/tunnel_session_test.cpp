@@ -12,19 +12,10 @@
 namespace usbmuxkit {
 namespace {
 
-using testing::FakeUsbmux;
 using V = std::vector<uint32_t>;
 
-class TunnelSessionTest : public ::testing::Test {
+class TunnelSessionTest : public testing::FakeSessionTest {
 protected:
-    FakeUsbmux fake;
-    int fd = fake.connect(1, 33325);
-    TunnelSession session{fd, "UDID-1", 1, 33325};
-
-    void phoneSends(const std::string& bytes) {
-        ASSERT_EQ(::send(fake.peerOf(fd), bytes.data(), bytes.size(), 0),
-                  static_cast<ssize_t>(bytes.size()));
-    }
     // Every request is answered with `fill` bytes at most (0: the whole request).
     void recvFills(uint32_t fill) {
         fake.onRecv = [fill](int, char*, uint32_t length, uint32_t* got) {

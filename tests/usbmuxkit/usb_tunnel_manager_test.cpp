@@ -93,6 +93,7 @@ TEST_F(UsbTunnelManagerTest, EnsureReusesALiveTunnelUntilInvalidatedOrReplugged)
     fake.setDevices({{5, "A"}});
     ASSERT_TRUE(manager.start());
     ASSERT_TRUE(manager.ensureTunnel("A", 9));
+    const int firstFd = manager.sessionFor("A", 9)->fd();
     ASSERT_TRUE(manager.ensureTunnel("A", 9));
     EXPECT_EQ(fake.connects.size(), 1u);
     manager.invalidateSession("", 9);
@@ -103,7 +104,7 @@ TEST_F(UsbTunnelManagerTest, EnsureReusesALiveTunnelUntilInvalidatedOrReplugged)
     fake.setDevices({{6, "A"}});
     fake.fireFromThread(1, 6, "A");
     EXPECT_FALSE(manager.isTunnelConnected("A", 9));
-    EXPECT_EQ(fake.disconnects, (std::vector<int>{fake.fds[0], oldFd}));
+    EXPECT_EQ(fake.disconnects, (std::vector<int>{firstFd, oldFd}));
     ASSERT_TRUE(manager.ensureTunnel("A", 9));
     EXPECT_EQ(fake.connects, (Connects{{5, 9}, {5, 9}, {6, 9}}));
     EXPECT_TRUE(manager.isTunnelConnected("A", 9));
