@@ -94,7 +94,6 @@ mv "$dir/mountinfo.new" "$dir/mountinfo"
     fs::path mountPoint() const { return dir() / "Harbor data" / "mnt"; }
     fs::path container() const { return dir() / "Harbor data" / "group.Mox.Harbor"; }
     fs::path table() const { return dir() / "mountinfo"; }
-    std::string tool(const std::string& name) const { return (tools_ / name).string(); }
 
     // The tools run so far, one "name arguments..." line each.
     std::vector<std::string> calls() const {
@@ -118,16 +117,14 @@ mv "$dir/mountinfo.new" "$dir/mountinfo"
     pid_t hungPid(const std::string& name) const {
         return static_cast<pid_t>(std::stol(skiff::test::readFile(dir() / ("pid-" + name))));
     }
+    // Another file system at the mount point, its path escaped as the kernel writes it.
     void addMount(const std::string& type) const {
-        std::ofstream(table(), std::ios::app)
-            << "300 1 0:88 / " << escapedMountPoint() << " rw - " << type << " none rw\n";
-    }
-    std::string escapedMountPoint() const {
-        std::string text = mountPoint().string();
-        for (auto at = text.find(' '); at != std::string::npos; at = text.find(' ', at)) {
-            text.replace(at, 1, "\\040");
+        std::string at = mountPoint().string();
+        for (auto i = at.find(' '); i != std::string::npos; i = at.find(' ', i)) {
+            at.replace(i, 1, "\\040");
         }
-        return text;
+        std::ofstream(table(), std::ios::app)
+            << "300 1 0:88 / " << at << " rw - " << type << " none rw\n";
     }
 
 private:

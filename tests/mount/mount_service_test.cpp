@@ -148,7 +148,7 @@ TEST_F(MountServiceTest, TheCallersLoopKeepsTurningWhileTheHelperRuns) {
     // mount.skiff asks the service over the bus before it returns; here it waits for a
     // file that only a handler on the caller's one-thread loop writes.
     const auto answer = volume_.dir() / "answer";
-    const std::string helper = volume_.tool("mount.skiff");
+    const std::string helper = volume_.options().mountTool;
     const std::string body = skiff::test::readFile(helper);
     const std::string wait = "i=0; while [ ! -e '" + answer.string() +
                              "' ] && [ $i -lt 200 ]; do sleep 0.05; i=$((i+1)); done\n" + "[ -e '" +

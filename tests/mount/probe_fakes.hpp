@@ -25,34 +25,20 @@ public:
 
     asio::awaitable<void> sleep(Duration d) override {
         runtime::OnceReply<void> wake;
-        {
-            std::lock_guard guard(mutex_);
-            timers_.push_back({now_ + d, [wake] { wake.resume(); }, true});
-        }
+        add(true, d, [wake] { wake.resume(); });
         co_await std::move(wake).wait();
     }
 
     void deadline(asio::any_io_executor, Duration d, std::function<void()> expired) override {
-        std::lock_guard guard(mutex_);
-        timers_.push_back({now_ + d, std::move(expired), false});
+        add(false, d, std::move(expired));
     }
 
     // Moves time on by d and fires what fell due.
     void advance(Duration d) {
-        std::vector<Timer> due;
-        {
+        fireUntil([&] {
             std::lock_guard guard(mutex_);
-            now_ += d;
-            auto split = std::partition(timers_.begin(), timers_.end(),
-                                        [&](const Timer& t) { return t.due > now_; });
-            std::move(split, timers_.end(), std::back_inserter(due));
-            timers_.erase(split, timers_.end());
-        }
-        // Sleeping loops due at the same moment wake before deadlines expire.
-        std::stable_partition(due.begin(), due.end(), [](const Timer& t) { return t.sleeper; });
-        for (auto& timer : due) {
-            timer.fire();
-        }
+            return now_ += d;
+        }());
     }
 
     // Once a loop sleeps, moves time to its wake-up. False when none slept in time.
@@ -88,16 +74,7 @@ public:
 
     // Fires every timer left, so that the coroutines waiting on them (which hold the probe,
     // which holds this clock) resume or, once the runtime has stopped, are destroyed with it.
-    void release() {
-        std::vector<Timer> all;
-        {
-            std::lock_guard guard(mutex_);
-            all.swap(timers_);
-        }
-        for (auto& timer : all) {
-            timer.fire();
-        }
-    }
+    void release() { fireUntil(TimePoint::max()); }
 
     std::size_t sleeping() const {
         std::lock_guard guard(mutex_);
@@ -110,6 +87,27 @@ private:
         std::function<void()> fire;
         bool sleeper;  // a loop's sleep rather than a request's deadline
     };
+
+    void add(bool sleeper, Duration d, std::function<void()> fire) {
+        std::lock_guard guard(mutex_);
+        timers_.push_back({now_ + d, std::move(fire), sleeper});
+    }
+    // Fires, outside the lock, the timers due by `until`; sleeping loops due at the same
+    // moment wake before deadlines expire.
+    void fireUntil(TimePoint until) {
+        std::vector<Timer> due;
+        {
+            std::lock_guard guard(mutex_);
+            auto split = std::partition(timers_.begin(), timers_.end(),
+                                        [&](const Timer& t) { return t.due > until; });
+            std::move(split, timers_.end(), std::back_inserter(due));
+            timers_.erase(split, timers_.end());
+        }
+        std::stable_partition(due.begin(), due.end(), [](const Timer& t) { return t.sleeper; });
+        for (auto& timer : due) {
+            timer.fire();
+        }
+    }
 
     mutable std::mutex mutex_;
     TimePoint now_ = std::chrono::system_clock::now();

@@ -39,13 +39,16 @@ protected:
     void SetUp() override { runtime_.start(); }
 };
 
-TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatus) {
+TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatusOrLaunchError) {
     struct Case {
         const char* name;
         const char* body;
         std::string expected;  // with the tool's path in place of %
     };
+    // No tool at all: the launch failure names the path in the errno's own words.
+    EXPECT_THROW(runCommand((volume_.dir() / "absent").string(), {}), std::system_error);
     const Case cases[] = {
+        {"absent", nullptr, "could not launch %: No such file or directory"},
         {"quiet-success", "echo chatter; exit 0", "ok"},
         {"success-with-complaints", "echo warning >&2; exit 0", "ok"},
         {"silent-failure", "exit 1", "% exited with status 1"},
@@ -58,7 +61,7 @@ TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatus) {
         {"flood", "head -c 200000 /dev/zero | tr '\\0' x >&2; echo end >&2; exit 1", ""},
     };
     for (const auto& c : cases) {
-        const auto path = tool(c.name, c.body);
+        const auto path = c.body ? tool(c.name, c.body) : (volume_.dir() / c.name).string();
         std::string expected = c.expected;
         if (const auto at = expected.find('%'); at != std::string::npos) {
             expected.replace(at, 1, path);
@@ -75,15 +78,6 @@ TEST_F(ProcessRunnerTest, FailuresAreReportedInTheToolsOwnWordsOrByStatus) {
         EXPECT_EQ(sync, expected) << c.name;
         EXPECT_EQ(timed, expected) << c.name;
     }
-}
-
-TEST_F(ProcessRunnerTest, AMissingToolIsALaunchFailureNamingItsPath) {
-    const auto missing = (volume_.dir() / "no-such-tool").string();
-    EXPECT_THROW(runCommand(missing, {}), std::system_error);
-    // The errno's own words: the launch failure carries ENOENT.
-    const std::string expected = "could not launch " + missing + ": No such file or directory";
-    EXPECT_EQ(outcomeOf([&] { runCommand(missing, {}); }), expected);
-    EXPECT_EQ(runTimed(missing, 20s), expected);
 }
 
 TEST_F(ProcessRunnerTest, AHungToolIsTerminatedAndReapedWithTheFixedMessage) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <set>
 #include <string>
@@ -9,11 +11,8 @@
 
 #include "common/byte_text.hpp"
 #include "relay/item_requests.hpp"
-#include "relay/relay_schema.hpp"
-#include "sim/app_lookup.hpp"
+#include "sim/app_storage_fixture.hpp"
 #include "sim/app_transfer.hpp"
-#include "support/child_process.hpp"
-#include "support/file_text.hpp"
 #include "transfer/file_io_records.hpp"
 
 namespace skiff::sim {
@@ -25,38 +24,12 @@ using relay::RelayListReply;
 using skiff::test::readFile;
 using skiff::test::writeFile;
 using skiff::testing::bytesOf;
+using AppLookupTest = AppStorageTest;
 
 using Request = tunnel::TunnelMessage (*)(const fs::path&, const Bytes&);
 
-class AppItemsTest : public ::testing::Test {
+class AppItemsTest : public AppStorageTest {
 protected:
-    AppItemsTest() : root_(base_.path() + "/storage") { populate(); }
-
-    void populate() {
-        fs::remove_all(root_);
-        fs::create_directories(root_ / "docs/sub");
-        fs::create_directories(root_ / "empty");
-        fs::create_directories(outside_);
-        writeFile(root_ / "docs/a.txt", "hello");
-        writeFile(root_ / "docs/sub/x", "x");
-        writeFile(root_ / "file.txt", "file");
-        writeFile(outside_ / "secret.txt", "outside");
-        fs::create_directory_symlink(root_ / "docs", root_ / "docs-link");
-        fs::create_directory_symlink(outside_, root_ / "out");
-    }
-
-    // Every path under the storage with its kind and content: what a refusal must leave.
-    std::set<std::string> tree() const {
-        std::set<std::string> entries;
-        for (const auto& entry : fs::recursive_directory_iterator(root_)) {
-            const auto path = fs::relative(entry.path(), root_).string();
-            entries.insert(entry.is_symlink()     ? path + " -> link"
-                           : entry.is_directory() ? path + "/"
-                                                  : path + " = " + readFile(entry.path()));
-        }
-        return entries;
-    }
-
     RelayItemSummary summaryFrom(const tunnel::TunnelMessage& answer) {
         EXPECT_EQ(answer.code, 0);
         return json::decode<RelayItemSummary>(answer.payload).value_or(RelayItemSummary{});
@@ -68,19 +41,75 @@ protected:
         EXPECT_EQ(answer.code, 0) << id;
         return json::decode<RelayListReply>(answer.payload).value_or(RelayListReply{});
     }
-
-    Bytes contentVersion(const std::string& id) {
-        const auto answer = lookUpItem(root_, *json::encode(relay::RelayLookupRequest{
-                                                  id, relay::RelayLookupSource::fsGetAttributes}));
-        return json::decode<RelayItemSummary>(answer.payload)
-            .value_or(RelayItemSummary{})
-            .contentVersion.value_or(Bytes{});
-    }
-
-    test::TempDir base_;
-    fs::path root_;
-    fs::path outside_ = fs::path(base_.path()) / "outside";
 };
+
+TEST_F(AppLookupTest, FileSummaryAndItsVersionsFollowTheFileSystem) {
+    const auto s = summary("docs/a.txt");
+    struct stat st {};
+    ASSERT_EQ(::lstat((root_ / "docs/a.txt").c_str(), &st), 0);
+    EXPECT_EQ(s.identifier, "docs/a.txt");
+    EXPECT_EQ(s.filename, "a.txt");
+    EXPECT_FALSE(s.isDirectory);
+    EXPECT_EQ(s.size, 5u);
+    EXPECT_EQ(s.inode, st.st_ino);
+    EXPECT_EQ(s.mode, st.st_mode);
+    EXPECT_EQ(s.allocSize, static_cast<std::uint64_t>(st.st_blocks) * 512);
+    EXPECT_EQ(s.uid, st.st_uid);
+    EXPECT_EQ(s.linkCount, st.st_nlink);
+    EXPECT_EQ(s.modifyTime.tvSec, st.st_mtim.tv_sec);
+    EXPECT_EQ(s.modifyTime.tvNsec, st.st_mtim.tv_nsec);
+    ASSERT_TRUE(s.contentVersion && s.metadataVersion);
+    EXPECT_FALSE(s.contentVersion->empty());
+
+    // Its versions hold until the content changes.
+    EXPECT_EQ(summary("docs/a.txt").contentVersion, s.contentVersion);
+    writeFile(root_ / "docs/a.txt", "hello, longer");
+    const auto after = summary("docs/a.txt");
+    EXPECT_NE(after.contentVersion, s.contentVersion);
+    EXPECT_NE(after.metadataVersion, s.metadataVersion);
+}
+
+TEST_F(AppLookupTest, RootAndDirectoriesWhateverTheSpelling) {
+    for (const char* root : {"", "/", ".", "//./"}) {
+        const auto s = summary(root);
+        EXPECT_TRUE(s.isDirectory) << root;
+        EXPECT_EQ(s.filename, "") << root;
+    }
+    const auto docs = summary("/docs/");
+    EXPECT_TRUE(docs.isDirectory);
+    EXPECT_EQ(docs.filename, "docs");
+    EXPECT_EQ(summary("./docs//a.txt").inode, summary("docs/a.txt").inode);
+}
+
+TEST_F(AppLookupTest, BadBodiesAnswerWithAnEmptyFailure) {
+    for (const std::string body : {"", "not json", "{}", R"({"identifier":"docs"})",
+                                   R"({"identifier":"docs","source":"fsGetattributes"})"}) {
+        const auto answer = lookUpItem(root_, Bytes(body.begin(), body.end()));
+        EXPECT_EQ(answer.code, 4) << body;
+        EXPECT_TRUE(answer.payload.empty()) << body;
+    }
+}
+
+TEST_F(AppLookupTest, MissingItemsAndAnythingOutsideTheStorageAreNotFound) {
+    const std::vector<std::string> escapes = {"nothing",
+                                              "docs/none.txt",
+                                              "docs/a.txt/x",
+                                              "../outside/secret.txt",
+                                              "docs/../../outside/secret.txt",
+                                              "docs/..",
+                                              "out/secret.txt",
+                                              "docs-link/a.txt",
+                                              outside_.string() + "/secret.txt"};
+    for (const auto& escape : escapes) {
+        const auto answer = lookUp(escape);
+        EXPECT_EQ(answer.code, 1) << escape;
+        EXPECT_TRUE(answer.payload.empty()) << escape;
+    }
+    // A link itself is an item of the storage: its own summary, never its target's.
+    const auto link = summary("secret-link");
+    EXPECT_TRUE(S_ISLNK(link.mode));
+    EXPECT_NE(link.size, 7u);
+}
 
 Bytes item(const std::string& id) {
     return *json::encode(relay::RelayItemRequest{id});
@@ -208,8 +237,8 @@ TEST_F(AppItemsTest, LargeDirectoryComesInOrderedPagesThatSurviveChangesBetweenT
     for (const auto& summary : list("").items) {
         top.insert(summary.identifier);
     }
-    EXPECT_EQ(top,
-              (std::set<std::string>{"docs", "docs-link", "empty", "file.txt", "many", "out"}));
+    EXPECT_EQ(top, (std::set<std::string>{"docs", "docs-link", "empty", "file.txt", "many", "out",
+                                          "secret-link"}));
     EXPECT_TRUE(list("empty").items.empty());
     EXPECT_FALSE(list("empty").nextCursor);
 }

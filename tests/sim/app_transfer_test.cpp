@@ -10,11 +10,8 @@
 #include <vector>
 
 #include "common/run_sync.hpp"
-#include "relay/relay_schema.hpp"
-#include "sim/app_lookup.hpp"
+#include "sim/app_storage_fixture.hpp"
 #include "sim/companion_app.hpp"
-#include "support/child_process.hpp"
-#include "support/file_text.hpp"
 #include "transfer/file_io_records.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
 #include "tunnel/tunnel_errors.hpp"
@@ -42,15 +39,8 @@ Bytes writeBody(const std::string& identifier, std::uint64_t offset, std::string
     return *transfer::encodeWriteChunkRequest(identifier, offset, Bytes(text.begin(), text.end()));
 }
 
-class AppTransferTest : public ::testing::Test {
+class AppTransferTest : public AppStorageTest {
 protected:
-    AppTransferTest() : root_(base_.path() + "/storage") {
-        fs::create_directories(root_ / "docs");
-        writeFile(root_ / "docs/a.txt", "hello");
-        writeFile(outside_, "outside");
-        fs::create_symlink(outside_, root_ / "secret-link");
-    }
-
     // Reads chunk by chunk as a fetch does; counts the chunks that carried bytes.
     std::string fetch(const std::string& identifier, std::size_t& chunks) {
         std::string content;
@@ -68,17 +58,6 @@ protected:
             }
         }
     }
-    Bytes contentVersion(const std::string& identifier) {
-        const auto body = *json::encode(
-            relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsGetAttributes});
-        return json::decode<RelayItemSummary>(lookUpItem(root_, body).payload)
-            .value_or(RelayItemSummary{})
-            .contentVersion.value_or(Bytes{});
-    }
-
-    test::TempDir base_;
-    fs::path root_;
-    fs::path outside_ = fs::path(base_.path()) / "secret.txt";
     AppTransfer transfer_{root_};
 };
 
@@ -101,7 +80,7 @@ TEST_F(AppTransferTest, ReadsWholeChunksAndAShortLastOne) {
     // Refusals carry their status alone.
     const std::vector<std::pair<Bytes, std::uint16_t>> refused = {
         {*encodeReadChunkRequest("docs/none.txt", 0), 1},
-        {*encodeReadChunkRequest("../secret.txt", 0), 1},
+        {*encodeReadChunkRequest("../outside/secret.txt", 0), 1},
         {*encodeReadChunkRequest("secret-link", 0), 4},
         {*encodeReadChunkRequest("docs", 0), 8},
         {*encodeReadChunkRequest("docs/a.txt", 0, 0xFFFF'FFFF), 4},  // more than a frame
@@ -129,7 +108,7 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     // Neither the old file nor the folder show anything of the staged writes.
     EXPECT_EQ(readFile(root_ / "docs/a.txt"), "hello");
     EXPECT_EQ(contentVersion("docs/a.txt"), before);
-    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
 
     const auto committed = transfer_.commitWrite(commitBody("docs/a.txt"));
     ASSERT_EQ(committed.code, 0);
@@ -140,7 +119,7 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     EXPECT_NE(summary->contentVersion, before);
     ASSERT_EQ(transfer_.commitWrite(commitBody("docs/new.txt")).code, 0);
     EXPECT_EQ(readFile(root_ / "docs/new.txt"), "new");
-    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 3);
 
     // A commit ends the staged write.
     EXPECT_EQ(transfer_.writeChunk(writeBody("docs/a.txt", 0, "x")).code, 4);
@@ -162,7 +141,7 @@ TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
         {stageBody("docs/a.txt", 5, Bytes{}), 6},  // expects no file
         {stageBody("docs/none.txt", 5, seen), 6},  // expects a file
         {stageBody("docs", 5), 8},
-        {stageBody("../secret.txt", 5), 1},
+        {stageBody("../outside/secret.txt", 5), 1},
         {stageBody("secret-link", 5), 4},
         {commitBody("docs/a.txt"), 4},  // not a stage request
     };
@@ -174,7 +153,7 @@ TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
         EXPECT_EQ(transfer_.writeChunk(writeBody("docs/a.txt", 0, "x")).code, 4);
     }
     EXPECT_EQ(readFile(root_ / "docs/a.txt"), "changed by hand");
-    EXPECT_EQ(readFile(outside_), "outside");
+    EXPECT_EQ(readFile(outside_ / "secret.txt"), "outside");
 }
 
 // The app as a connection sees it: a client engine over a socket pair, the app on an
@@ -225,7 +204,7 @@ protected:
     std::thread thread_;
 };
 
-TEST_F(FramedTransferTest, FailChunkAnswersTheNthChunkRequestWithIoError) {
+TEST_F(FramedTransferTest, ChunkFaultsHitTheNthChunkRequestOnly) {
     EXPECT_EQ(readChunk(), 0);  // before the switch: not counted
     control("fault fail-chunk 2");
     EXPECT_EQ(request(kStageWriteRequestCode, stageBody("docs/a.txt", 1)), 0);  // no chunk
@@ -238,9 +217,7 @@ TEST_F(FramedTransferTest, FailChunkAnswersTheNthChunkRequestWithIoError) {
         control(off);
         EXPECT_EQ(readChunk(), 0) << off;
     }
-}
-
-TEST_F(FramedTransferTest, DropAtChunkClosesTheConnectionOnTheNthChunkRequest) {
+    // Dropping closes the connection on the counted request.
     control("fault drop-at-chunk 2");
     EXPECT_EQ(readChunk(), 0);
     EXPECT_EQ(request(kStageWriteRequestCode, stageBody("docs/a.txt", 1)), 0);

@@ -13,7 +13,7 @@ ControlCommand parsed(std::string_view line) {
                                                           : ControlCommand{};
 }
 
-TEST(ControlCommand, ParsesCommandsAndTheirUdid) {
+TEST(ControlCommand, ParsesCommandsTheirUdidAndTheAppsTexts) {
     EXPECT_EQ(parsed("list").verb, ControlVerb::list);
     auto attach = parsed("  attach\tABC-1 \r");
     EXPECT_EQ(attach.verb, ControlVerb::attach);
@@ -24,9 +24,8 @@ TEST(ControlCommand, ParsesCommandsAndTheirUdid) {
     EXPECT_FALSE(parsed("drop").hasUdid);
     EXPECT_EQ(parsed("drop x").udid, "x");
     EXPECT_EQ(parsed("replug x").verb, ControlVerb::replug);
-}
 
-TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
+    // App texts keep their inner spaces.
     auto push = parsed("push 3 {\"a\": 1,  \"b\": 2}");
     EXPECT_EQ(push.verb, ControlVerb::app);
     EXPECT_EQ(push.app.code, 3);
@@ -45,6 +44,15 @@ TEST(ControlCommand, AppTextsKeepTheirInnerSpaces) {
     EXPECT_EQ(parsed("fault fail-chunk 3").app.chunk, 3u);
     EXPECT_EQ(parsed("fault drop-at-chunk 18446744073709551615").app.fault, AppFault::dropAtChunk);
     EXPECT_FALSE(parsed("fault drop-at-chunk off").app.on);
+
+    using Kind = service::ItemMutationNotifyPayload::Kind;
+    auto created = parsed("poke created docs/my notes.txt ");
+    EXPECT_EQ(created.app.verb, AppVerb::poke);
+    EXPECT_EQ(created.app.pokeKind, Kind::created);
+    EXPECT_EQ(created.app.text, "docs/my notes.txt");
+    auto deleted = parsed("poke deleted /outside");
+    EXPECT_EQ(deleted.app.pokeKind, Kind::deleted);
+    EXPECT_EQ(deleted.app.text, "/outside");  // the service's own checks are what it tests
 }
 
 TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
@@ -74,17 +82,6 @@ TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
         ASSERT_TRUE(std::holds_alternative<std::string>(result)) << line;
         EXPECT_THAT(std::get<std::string>(result), ::testing::HasSubstr(error)) << line;
     }
-}
-
-TEST(ControlCommand, PokeNamesItsKindAndTheWholeRelayId) {
-    using Kind = service::ItemMutationNotifyPayload::Kind;
-    auto created = parsed("poke created docs/my notes.txt ");
-    EXPECT_EQ(created.app.verb, AppVerb::poke);
-    EXPECT_EQ(created.app.pokeKind, Kind::created);
-    EXPECT_EQ(created.app.text, "docs/my notes.txt");
-    auto deleted = parsed("poke deleted /outside");
-    EXPECT_EQ(deleted.app.pokeKind, Kind::deleted);
-    EXPECT_EQ(deleted.app.text, "/outside");  // the service's own checks are what it tests
 }
 
 TEST(ControlCommand, RejectsWrongShapes) {

@@ -76,31 +76,17 @@ TEST(MuxMessage, HeaderRejectsShortInputAndImpossibleLengths) {
     EXPECT_EQ(parseMuxHeader(good)->length, 17u);
 }
 
-TEST(MuxMessage, DecodesTheRequestsTheClientSends) {
-    auto list = decode(frame(plistXml("<key>MessageType</key><string>ListDevices</string>"), 3));
-    EXPECT_EQ(list.kind, MuxRequestKind::listDevices);
-    EXPECT_EQ(list.tag, 3u);
-    EXPECT_EQ(decode(frame(plistXml("<key>MessageType</key><string>Listen</string>"))).kind,
-              MuxRequestKind::listen);
-
-    // The port travels byte-swapped into network order inside the integer.
-    auto connect =
-        decode(frame(plistXml("<key>MessageType</key><string>Connect</string>"
-                              "<key>DeviceID</key><integer>4</integer>"
-                              "<key>PortNumber</key><integer>" +
-                              std::to_string(htons(33325)) + "</integer>")));
-    EXPECT_EQ(connect.kind, MuxRequestKind::connect);
-    EXPECT_EQ(connect.deviceId, 4u);
-    EXPECT_EQ(connect.port, 33325);
-}
-
-TEST(MuxMessage, BadRequestsBecomeErrorResults) {
+TEST(MuxMessage, RequestsDecodeToTheirKindOrToTheErrorToAnswer) {
     struct Case {
         std::vector<uint8_t> bytes;
         MuxRequestKind kind;
         MuxResult error;
     };
     std::vector<Case> cases = {
+        {frame(plistXml("<key>MessageType</key><string>ListDevices</string>")),
+         MuxRequestKind::listDevices, MuxResult::ok},
+        {frame(plistXml("<key>MessageType</key><string>Listen</string>")), MuxRequestKind::listen,
+         MuxResult::ok},
         {frame("not a plist at all"), MuxRequestKind::malformed, MuxResult::badCommand},
         {frame(plistXml("<key>ProgName</key><string>x</string>")), MuxRequestKind::malformed,
          MuxResult::badCommand},
@@ -123,6 +109,18 @@ TEST(MuxMessage, BadRequestsBecomeErrorResults) {
         EXPECT_EQ(request.error, cases[i].error);
         EXPECT_EQ(request.tag, 7u);
     }
+    EXPECT_EQ(decode(frame(plistXml("<key>MessageType</key><string>Listen</string>"), 3)).tag, 3u);
+
+    // The port travels byte-swapped into network order inside the integer.
+    auto connect =
+        decode(frame(plistXml("<key>MessageType</key><string>Connect</string>"
+                              "<key>DeviceID</key><integer>4</integer>"
+                              "<key>PortNumber</key><integer>" +
+                              std::to_string(htons(33325)) + "</integer>")));
+    EXPECT_EQ(connect.kind, MuxRequestKind::connect);
+    EXPECT_EQ(connect.deviceId, 4u);
+    EXPECT_EQ(connect.port, 33325);
+
     // A payload that does not match the header's length is not trusted.
     auto bytes = frame(plistXml("<key>MessageType</key><string>Listen</string>"));
     auto header = parseMuxHeader(bytes);

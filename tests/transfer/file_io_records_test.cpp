@@ -4,18 +4,15 @@
 
 #include <string>
 
+#include "common/byte_text.hpp"
+
 namespace skiff::transfer {
 namespace {
 
 using json::decode;
 using json::encode;
-
-Bytes bytesOf(std::string_view text) {
-    return Bytes(text.begin(), text.end());
-}
-std::string textOf(const Bytes& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
+using testing::bytesOf;
+using testing::textOf;
 
 TEST(FileIORecords, KeysInFieldOrderUpperCaseUuidAndEmptyVersionsStillSent) {
     const auto session = *Uuid::parse("0f8fad5b-d9cb-469f-a165-70867728950e");

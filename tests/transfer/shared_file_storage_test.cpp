@@ -5,26 +5,19 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "support/child_process.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::transfer {
 namespace {
 
 namespace fs = std::filesystem;
 
-void write(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-std::string read(const fs::path& path) {
-    std::stringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
+using test::readFile;
+using test::writeFile;
 unsigned modeOf(const fs::path& path) {
     struct stat st {};
     EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
@@ -54,20 +47,20 @@ TEST_F(SharedFileStorageTest, CreateMakesPrivateFilesOfTheReservedSize) {
     EXPECT_EQ(modeOf(container_ / "empty.part"), 0600u);
 
     // An existing file is cut to nothing, sized anew and made private.
-    write(container_ / "sized.part", "old content that is longer");
+    writeFile(container_ / "sized.part", "old content that is longer");
     fs::permissions(container_ / "sized.part", fs::perms(0644));
     const UniqueFd sized = storage_.create("sized.part", 5);
     EXPECT_EQ(modeOf(container_ / "sized.part"), 0600u);
     ASSERT_EQ(::pwrite(sized.get(), "xy", 2, 3), 2);
-    EXPECT_EQ(read(container_ / "sized.part"), std::string("\0\0\0xy", 5));
+    EXPECT_EQ(readFile(container_ / "sized.part"), std::string("\0\0\0xy", 5));
 }
 
 TEST_F(SharedFileStorageTest, MoveReplacesTheFinalFileAndRemoveIsQuiet) {
     storage_.create("transfer_1.part", 0);
-    write(container_ / "transfer_1.part", "new");
-    write(container_ / "transfer_1.bin", "old and longer");
+    writeFile(container_ / "transfer_1.part", "new");
+    writeFile(container_ / "transfer_1.bin", "old and longer");
     storage_.moveToFinalName("transfer_1.part", "transfer_1.bin");
-    EXPECT_EQ(read(container_ / "transfer_1.bin"), "new");
+    EXPECT_EQ(readFile(container_ / "transfer_1.bin"), "new");
     EXPECT_FALSE(fs::exists(container_ / "transfer_1.part"));
     EXPECT_TRUE(refused([&] { storage_.moveToFinalName("transfer_1.part", "x.bin"); }));
 
@@ -78,13 +71,13 @@ TEST_F(SharedFileStorageTest, MoveReplacesTheFinalFileAndRemoveIsQuiet) {
 
 TEST_F(SharedFileStorageTest, OnlyPlainFilesInsideTheContainerAreReached) {
     storage_.create("inside.bin", 0);
-    write(container_ / "inside.bin", "inside");
+    writeFile(container_ / "inside.bin", "inside");
     const fs::path outside = fs::path(base_.path()) / "outside.txt";
-    write(outside, "outside");
+    writeFile(outside, "outside");
     fs::create_symlink(outside, container_ / "link-out");
     fs::create_symlink(container_ / "inside.bin", container_ / "link-in");
     fs::create_directory(container_ / "dir");
-    write(container_ / "dir/nested", "nested");
+    writeFile(container_ / "dir/nested", "nested");
     ASSERT_EQ(::mkfifo((container_ / "fifo").c_str(), 0600), 0);
 
     const std::vector<std::string> badNames = {"",
@@ -107,9 +100,9 @@ TEST_F(SharedFileStorageTest, OnlyPlainFilesInsideTheContainerAreReached) {
     }
     EXPECT_TRUE(refused([&] { storage_.create("link-out", 1); }));
 
-    EXPECT_EQ(read(outside), "outside");
-    EXPECT_EQ(read(container_ / "inside.bin"), "inside");
-    EXPECT_EQ(read(container_ / "dir/nested"), "nested");
+    EXPECT_EQ(readFile(outside), "outside");
+    EXPECT_EQ(readFile(container_ / "inside.bin"), "inside");
+    EXPECT_EQ(readFile(container_ / "dir/nested"), "nested");
     EXPECT_GE(storage_.openSourceFile("inside.bin").get(), 0);
 }
 

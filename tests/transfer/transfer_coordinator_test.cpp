@@ -5,16 +5,17 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "common/byte_text.hpp"
 #include "common/io_runtime.hpp"
 #include "common/run_sync.hpp"
 #include "support/child_process.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::transfer {
 namespace {
@@ -33,11 +34,6 @@ Bytes pattern(std::size_t size) {
     return bytes;
 }
 
-Bytes readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 std::int64_t raw(UsbMuxRelayError e) {
     return static_cast<std::int64_t>(e);
 }
@@ -47,6 +43,8 @@ RelayAnswer rejection(RelayDeviceStatus status) {
     return {raw(UsbMuxRelayError::deviceStatus), static_cast<std::int64_t>(status),
             json::encode(body).value()};
 }
+
+const std::vector<int> kAllSteps = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100};
 
 // A phone in memory: items by identifier, each with content and a version, serving the
 // lookup, read-chunk and staged write codes. Runs on the coordinator's strand.
@@ -72,6 +70,8 @@ public:
     std::uint64_t shortFirstChunkBy = 0;
     // The first write chunk is answered only after the second was.
     bool answerSecondChunkFirst = false;
+    // When set, every request is answered with this.
+    std::optional<RelayAnswer> always;
     std::vector<std::uint64_t> answeredWriteOffsets;
 
     asio::awaitable<RelayAnswer> send(std::uint16_t code, Bytes body) override {
@@ -79,6 +79,9 @@ public:
         if (lostSends > 0) {
             --lostSends;
             co_return RelayAnswer{raw(UsbMuxRelayError::notConnected), 0, {}};
+        }
+        if (always) {
+            co_return *always;
         }
         if (code == 11 && answerSecondChunkFirst) {
             if (!held) {
@@ -184,9 +187,10 @@ public:
         percents.push_back(progress.percent);
         last = progress;
     }
-    std::vector<int> seen() {
+    // The percents seen since the last call.
+    std::vector<int> take() {
         std::lock_guard guard(lock);
-        return percents;
+        return std::exchange(percents, {});
     }
 
     std::mutex lock;
@@ -210,25 +214,29 @@ protected:
     RelayItemSummary push(FileIOBeginWriteRequest request) {
         return runSync(runtime.executor(), coordinator->pushSharedFile(std::move(request)));
     }
-    TransferError::Case failureOf(auto call) {
+    TransferError failure(auto call) {
         try {
             call();
         } catch (const TransferError& error) {
-            return error.errorCase();
+            return error;
         }
         ADD_FAILURE() << "the transfer did not fail";
-        return TransferError::Case::ioFailed;
+        return TransferError(TransferError::Case::ioFailed);
     }
-    std::vector<std::string> containerFiles() {
-        std::vector<std::string> names;
-        if (fs::exists(containerPath)) {
-            for (const auto& entry : fs::directory_iterator(containerPath)) {
-                names.push_back(entry.path().filename().string());
-            }
-        }
-        return names;
+    TransferError::Case failureOf(auto call) { return failure(call).errorCase(); }
+    Bytes fileBytes(const std::string& name) {
+        return testing::bytesOf(test::readFile(containerPath / name));
     }
-    std::vector<int> allSteps() { return {10, 20, 30, 40, 50, 60, 70, 80, 90, 100}; }
+    void putSource(const std::string& name, const Bytes& content) {
+        storage->create(name, 0);
+        test::writeFile(containerPath / name, testing::textOf(content));
+    }
+    std::size_t activeReads() {
+        return runSync(runtime.executor(), coordinator->activeReadCount());
+    }
+    std::size_t activeWrites() {
+        return runSync(runtime.executor(), coordinator->activeWriteCount());
+    }
 
     runtime::IoRuntime runtime;
     test::TempDir base;
@@ -241,73 +249,65 @@ protected:
     Uuid session = Uuid::random();
 };
 
-TEST_F(TransferCoordinatorTest, EmptyItemGivesEmptyFileWithoutChunksOrProgress) {
-    phone->items["empty"] = {{}, {'v'}};
-    const auto descriptor = fetch("empty");
-    EXPECT_EQ(descriptor.byteCount, 0u);
-    EXPECT_EQ(descriptor.fileName, "transfer_" + descriptor.token + ".bin");
-    EXPECT_EQ(fs::file_size(containerPath / descriptor.fileName), 0u);
-    EXPECT_EQ(phone->count(9), 0);
-    EXPECT_TRUE(sink->seen().empty());
-}
-
-TEST_F(TransferCoordinatorTest, ChunkBoundaryAndByteForByteContent) {
-    phone->items["exact"] = {pattern(kChunkSize), {'a'}};
-    phone->items["over"] = {pattern(kChunkSize + 1), {'b'}};
-
-    const auto exact = fetch("exact");
-    EXPECT_EQ(phone->count(9), 1);
-    EXPECT_EQ(readFile(containerPath / exact.fileName), phone->items["exact"].content);
-    EXPECT_EQ(exact.contentVersion, Bytes{'a'});
-    EXPECT_EQ(exact.metadataVersion, Bytes{'m'});
-    EXPECT_EQ(sink->seen(), allSteps());
-
-    sink->percents.clear();
-    const auto over = fetch("over");
-    EXPECT_EQ(phone->count(9), 3);
-    EXPECT_EQ(readFile(containerPath / over.fileName), phone->items["over"].content);
-    // The first chunk reaches 99 %: every step up to 90 at once, then 100 at the end.
-    EXPECT_EQ(sink->seen(), allSteps());
+TEST_F(TransferCoordinatorTest, FetchedFilesMatchTheItemAcrossChunkBoundariesUntilReleased) {
+    struct Case {
+        std::size_t size;
+        int chunkRequests;
+        std::vector<int> progress;
+    };
+    // Whatever the size, the first chunk reaches 99 % or more: every step up to 90 at once,
+    // then 100 at the end; an empty item reports none.
+    const Case cases[] = {{0, 0, {}}, {kChunkSize, 1, kAllSteps}, {kChunkSize + 1, 2, kAllSteps}};
+    std::vector<std::string> tokens;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.size);
+        const std::string id = "item" + std::to_string(c.size);
+        phone->items[id] = {pattern(c.size), {'a'}};
+        phone->codes.clear();
+        const auto descriptor = fetch(id);
+        tokens.push_back(descriptor.token);
+        EXPECT_EQ(descriptor.byteCount, c.size);
+        EXPECT_EQ(descriptor.fileName, "transfer_" + descriptor.token + ".bin");
+        EXPECT_EQ(fileBytes(descriptor.fileName), phone->items[id].content);
+        EXPECT_EQ(descriptor.contentVersion, Bytes{'a'});
+        EXPECT_EQ(descriptor.metadataVersion, Bytes{'m'});
+        EXPECT_EQ(phone->count(9), c.chunkRequests);
+        EXPECT_EQ(sink->take(), c.progress);
+    }
     EXPECT_EQ(sink->last.sessionID, session);
     EXPECT_EQ(sink->last.completedBytes, kChunkSize + 1u);
     EXPECT_EQ(sink->last.totalBytes, kChunkSize + 1u);
-    EXPECT_EQ(runSync(runtime.executor(), coordinator->activeReadCount()), 2u);
+    EXPECT_EQ(activeReads(), 3u);
 
-    runSync(runtime.executor(), coordinator->releaseRead(exact.token));
-    runSync(runtime.executor(), coordinator->releaseRead(over.token));
-    EXPECT_TRUE(containerFiles().empty());
+    for (const auto& token : tokens) {
+        runSync(runtime.executor(), coordinator->releaseRead(token));
+    }
+    EXPECT_TRUE(fs::is_empty(containerPath));
     // Unknown and already released tokens are fine.
-    runSync(runtime.executor(), coordinator->releaseRead(over.token));
+    runSync(runtime.executor(), coordinator->releaseRead(tokens.front()));
     runSync(runtime.executor(), coordinator->releaseWrite("never-seen"));
 }
 
-TEST_F(TransferCoordinatorTest, FailureAfterFirstChunkLeavesNoFileAndNextFetchWorks) {
+TEST_F(TransferCoordinatorTest, ALostTunnelIsRetriedOnceAndAFailedFetchLeavesNoFile) {
     phone->items["big"] = {pattern(2 * kChunkSize + 10), {'v'}};
     phone->failReadChunk = 2;
     EXPECT_EQ(failureOf([&] { fetch("big"); }), TransferError::Case::transport);
     // The lost tunnel was re-established once and the second try was final.
     EXPECT_EQ(phone->reestablished, 1);
-    EXPECT_TRUE(containerFiles().empty());
-    EXPECT_EQ(runSync(runtime.executor(), coordinator->activeReadCount()), 0u);
-    EXPECT_EQ(sink->seen(), (std::vector<int>{10, 20, 30, 40}));
+    EXPECT_TRUE(fs::is_empty(containerPath));
+    EXPECT_EQ(activeReads(), 0u);
+    EXPECT_EQ(sink->take(), (std::vector<int>{10, 20, 30, 40}));
 
     phone->failReadChunk = 0;
-    const auto again = fetch("big");
-    EXPECT_EQ(readFile(containerPath / again.fileName), phone->items["big"].content);
-
+    EXPECT_EQ(fileBytes(fetch("big").fileName), phone->items["big"].content);
     EXPECT_EQ(failureOf([&] { fetch("missing"); }), TransferError::Case::deviceRejected);
-}
 
-TEST_F(TransferCoordinatorTest, LostTunnelIsRetriedOnce) {
-    phone->items["small"] = {pattern(100), {'v'}};
     phone->lostSends = 1;
-    const auto descriptor = fetch("small");
-    EXPECT_EQ(phone->reestablished, 1);
-    EXPECT_EQ(readFile(containerPath / descriptor.fileName), phone->items["small"].content);
-
-    phone->lostSends = 2;
-    EXPECT_EQ(failureOf([&] { fetch("small"); }), TransferError::Case::transport);
+    EXPECT_EQ(fileBytes(fetch("big").fileName), phone->items["big"].content);
     EXPECT_EQ(phone->reestablished, 2);
+    phone->lostSends = 2;
+    EXPECT_EQ(failureOf([&] { fetch("big"); }), TransferError::Case::transport);
+    EXPECT_EQ(phone->reestablished, 3);
 }
 
 TEST_F(TransferCoordinatorTest, CleanUpRemovesOnlyEntriesOlderThanTwoMinutes) {
@@ -321,24 +321,24 @@ TEST_F(TransferCoordinatorTest, CleanUpRemovesOnlyEntriesOlderThanTwoMinutes) {
     runSync(runtime.executor(), coordinator->cleanUp());
     EXPECT_FALSE(fs::exists(containerPath / older.fileName));
     EXPECT_TRUE(fs::exists(containerPath / newer.fileName));
-    EXPECT_EQ(runSync(runtime.executor(), coordinator->activeReadCount()), 1u);
+    EXPECT_EQ(activeReads(), 1u);
 }
 
-TEST_F(TransferCoordinatorTest, PushSendsTheFileAndKeepsItUntilReleased) {
-    const Bytes content = pattern(kChunkSize + 5);
-    storage->create("upload.src", 0);
-    std::ofstream(containerPath / "upload.src", std::ios::binary)
-        .write(reinterpret_cast<const char*>(content.data()),
-               static_cast<std::streamsize>(content.size()));
-    FileIOBeginWriteRequest request{"doc", session, {}, "tok", "upload.src", content.size()};
-
-    const auto summary = push(request);
+// Chunks after the first are sent before the first is answered; answers are still taken
+// in sending order.
+TEST_F(TransferCoordinatorTest, PushSendsTheFileInOrderAndKeepsItUntilReleased) {
+    const Bytes content = pattern(3 * kChunkSize + 7);
+    putSource("upload.src", content);
+    phone->answerSecondChunkFirst = true;
+    const auto summary = push({"doc", session, {}, "tok", "upload.src", content.size()});
     EXPECT_EQ(summary.size, content.size());
     EXPECT_EQ(phone->items["doc"].content, content);
-    EXPECT_EQ(phone->count(11), 2);
-    EXPECT_EQ(sink->seen(), allSteps());
+    EXPECT_EQ(phone->count(11), 4);
+    EXPECT_EQ(phone->answeredWriteOffsets.at(0), kChunkSize);
+    EXPECT_EQ(phone->answeredWriteOffsets.at(1), 0u);
+    EXPECT_EQ(sink->take(), kAllSteps);
     EXPECT_TRUE(fs::exists(containerPath / "upload.src"));
-    EXPECT_EQ(runSync(runtime.executor(), coordinator->activeWriteCount()), 1u);
+    EXPECT_EQ(activeWrites(), 1u);
     runSync(runtime.executor(), coordinator->releaseWrite("tok"));
     EXPECT_FALSE(fs::exists(containerPath / "upload.src"));
 }
@@ -350,7 +350,7 @@ TEST_F(TransferCoordinatorTest, PushRefusals) {
     EXPECT_EQ(failureOf([&] { push(stale); }), TransferError::Case::deviceRejected);
     EXPECT_EQ(phone->count(11), 0);
     // A started push stays listed until its end request, failed or not.
-    EXPECT_EQ(runSync(runtime.executor(), coordinator->activeWriteCount()), 1u);
+    EXPECT_EQ(activeWrites(), 1u);
 
     FileIOBeginWriteRequest missingSource{"doc", session, {'v', '1'}, "t2", "absent", 10};
     EXPECT_EQ(failureOf([&] { push(missingSource); }), TransferError::Case::ioFailed);
@@ -364,8 +364,6 @@ TEST_F(TransferCoordinatorTest, PushRefusals) {
     EXPECT_EQ(phone->count(6), 0);
 }
 
-// Chunks after the first are sent before the first is answered; these guard what that
-// changes: answers taken in sending order, a failure behind a success, short answers.
 TEST_F(TransferCoordinatorTest, SecondChunkFailingBehindASuccessFailsThePushWithoutCommit) {
     const Bytes content = pattern(3 * kChunkSize);
     storage->create("src", content.size());
@@ -375,59 +373,28 @@ TEST_F(TransferCoordinatorTest, SecondChunkFailingBehindASuccessFailsThePushWith
     // The third chunk, queued behind the refused one, never reached the app.
     EXPECT_EQ(phone->count(11), 2);
     EXPECT_EQ(phone->count(6), 0);
-    EXPECT_EQ(sink->seen(), (std::vector<int>{10, 20, 30}));
+    EXPECT_EQ(sink->take(), (std::vector<int>{10, 20, 30}));
     EXPECT_FALSE(phone->items.contains("doc"));
-}
-
-TEST_F(TransferCoordinatorTest, AnswersArrivingOutOfOrderAreTakenInSendingOrder) {
-    const Bytes content = pattern(3 * kChunkSize + 7);
-    storage->create("src", 0);
-    std::ofstream(containerPath / "src", std::ios::binary)
-        .write(reinterpret_cast<const char*>(content.data()),
-               static_cast<std::streamsize>(content.size()));
-    phone->answerSecondChunkFirst = true;
-    FileIOBeginWriteRequest request{"doc", session, {}, "tok", "src", content.size()};
-    push(request);
-    EXPECT_EQ(phone->answeredWriteOffsets.at(0), kChunkSize);
-    EXPECT_EQ(phone->answeredWriteOffsets.at(1), 0u);
-    EXPECT_EQ(phone->items["doc"].content, content);
-    EXPECT_EQ(sink->seen(), allSteps());
 }
 
 TEST_F(TransferCoordinatorTest, ShortAnswerRealignsTheChunksInFlight) {
     const Bytes content = pattern(2 * kChunkSize + 3);
     phone->items["remote"] = {content, {'v'}};
-    storage->create("src", 0);
-    std::ofstream(containerPath / "src", std::ios::binary)
-        .write(reinterpret_cast<const char*>(content.data()),
-               static_cast<std::streamsize>(content.size()));
+    putSource("src", content);
     for (const bool pushing : {false, true}) {
         SCOPED_TRACE(pushing ? "push" : "fetch");
-        sink->percents.clear();
         phone->shortFirstChunkBy = 1000;
         if (pushing) {
             push({"copy", session, {}, "tok", "src", content.size()});
             EXPECT_EQ(phone->items["copy"].content, content);
         } else {
-            const auto descriptor = fetch("remote");
-            EXPECT_EQ(readFile(containerPath / descriptor.fileName), content);
+            EXPECT_EQ(fileBytes(fetch("remote").fileName), content);
         }
-        EXPECT_EQ(sink->seen(), allSteps());
+        EXPECT_EQ(sink->take(), kAllSteps);
     }
 }
 
-// A phone that answers every request the same way.
-class OneAnswerPhone : public RelaySender {
-public:
-    explicit OneAnswerPhone(RelayAnswer answer) : answer_(std::move(answer)) {}
-    asio::awaitable<RelayAnswer> send(std::uint16_t, Bytes) override { co_return answer_; }
-    asio::awaitable<void> reestablish() override { co_return; }
-
-private:
-    RelayAnswer answer_;
-};
-
-TEST(TransferRefusal, CarriesTheAppsRecordAsItCameAndItsMappedStatus) {
+TEST_F(TransferCoordinatorTest, ARefusalCarriesTheAppsRecordAsItCameAndItsMappedStatus) {
     const auto deviceStatus = raw(UsbMuxRelayError::deviceStatus);
     struct Case {
         const char* name;
@@ -453,23 +420,14 @@ TEST(TransferRefusal, CarriesTheAppsRecordAsItCameAndItsMappedStatus) {
         // A refusal without a record is told by its answer code.
         {"code only", {deviceStatus, 1, {}}, {1}, RelayDeviceStatus::notFound},
     };
-    runtime::IoRuntime runtime;
-    runtime.start();
-    test::TempDir base;
     for (const auto& c : cases) {
-        auto coordinator = std::make_shared<TransferCoordinator>(
-            runtime.executor(), std::make_shared<OneAnswerPhone>(c.answer),
-            std::make_shared<SharedFileStorage>(fs::path(base.path()) / "container"));
-        try {
-            runSync(runtime.executor(), coordinator->fetchRemoteFile("doc", Uuid::random()));
-            ADD_FAILURE() << c.name << ": the fetch did not fail";
-        } catch (const TransferError& error) {
-            EXPECT_EQ(error.errorCase(), TransferError::Case::deviceRejected) << c.name;
-            EXPECT_EQ(error.rejection(), c.rejection) << c.name;
-            EXPECT_EQ(error.deviceStatus(), c.mapped) << c.name;
-        }
+        SCOPED_TRACE(c.name);
+        phone->always = c.answer;
+        const auto error = failure([&] { fetch("doc"); });
+        EXPECT_EQ(error.errorCase(), TransferError::Case::deviceRejected);
+        EXPECT_EQ(error.rejection(), c.rejection);
+        EXPECT_EQ(error.deviceStatus(), c.mapped);
     }
-    runtime.stop();
 }
 
 TEST(TransferErrorMapping, EachCaseHasItsBridgeStatus) {

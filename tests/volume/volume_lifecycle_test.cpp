@@ -24,6 +24,7 @@
 #include "common/run_sync.hpp"
 #include "e2e/service_stack.hpp"
 #include "mount/mount_table.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::test {
 namespace {
@@ -32,13 +33,8 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kLargeSize = 24 << 20;
 
-std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 std::optional<std::string> mountedType(const fs::path& mountPoint) {
-    return mount::mountedTypeAt(readText("/proc/self/mountinfo"), mountPoint.string());
+    return mount::mountedTypeAt(readFile("/proc/self/mountinfo"), mountPoint.string());
 }
 
 // The live skiff-fs processes serving mountPoint: they were started by skiffd through
@@ -51,8 +47,8 @@ std::vector<pid_t> volumeProcesses(const fs::path& mountPoint) {
         if (name.find_first_not_of("0123456789") != std::string::npos) {
             continue;
         }
-        const auto cmdline = readText(entry.path() / "cmdline");
-        const auto stat = readText(entry.path() / "stat");
+        const auto cmdline = readFile(entry.path() / "cmdline");
+        const auto stat = readFile(entry.path() / "stat");
         const auto state = stat.rfind(") ");
         const bool zombie = state != std::string::npos && stat.compare(state + 2, 1, "Z") == 0;
         if (!zombie && cmdline.find("mount.skiff") != std::string::npos &&
@@ -126,7 +122,7 @@ protected:
     void expectServing() {
         ASSERT_EQ(mountedType(mountPoint_), "fuse.skiff");
         ASSERT_TRUE(testing::eventually([&] {
-            return readText(mountPoint_ / "Documents/notes.txt") == "twelve bytes";
+            return readFile(mountPoint_ / "Documents/notes.txt") == "twelve bytes";
         })) << stack_->service().output();
     }
 
@@ -147,14 +143,14 @@ protected:
     fs::path mountPoint_;
 };
 
-TEST_F(VolumeLifecycle, TheDesktopMountsAndUnmountsTheVolumeAndStatusFollows) {
+TEST_F(VolumeLifecycle, TheDesktopOrThePhoneMountsAndUnmountsTheVolumeAndStatusFollows) {
     EXPECT_EQ(volumeStatus(), std::make_pair(std::string("notMounted"), mountPoint_.string()));
 
     const auto mounted = ctl({"mount"});
     ASSERT_EQ(mounted.exitStatus, 0) << mounted.output << stack_->service().output();
     expectServing();
     // Its source is the anchor in the shared container.
-    EXPECT_NE(readText("/proc/self/mountinfo")
+    EXPECT_NE(readFile("/proc/self/mountinfo")
                   .find(" - fuse.skiff " + stack_->container() + "/source-anchor "),
               std::string::npos);
     EXPECT_EQ(volumeStatus(), std::make_pair(std::string("mounted"), mountPoint_.string()));
@@ -170,21 +166,36 @@ TEST_F(VolumeLifecycle, TheDesktopMountsAndUnmountsTheVolumeAndStatusFollows) {
     expectGone();
     EXPECT_EQ(volumeStatus().first, "notMounted");
     EXPECT_EQ(ctl({"unmount"}).exitStatus, 1);
-}
 
-TEST_F(VolumeLifecycle, ThePhonesMountControlMountsAndUnmountsTheVolume) {
+    // The phone's mountControl pushes do the same.
     pushMountControl("mount");
     ASSERT_TRUE(testing::eventually([&] { return mountedType(mountPoint_).has_value(); }))
         << stack_->service().output();
     expectServing();
-
     pushMountControl("unmount");
     expectGone();
 }
 
-TEST_F(VolumeLifecycle, LosingThePhoneForcesTheVolumeOffAndFailsItsReadersWithAnIOError) {
+TEST_F(VolumeLifecycle, ADeadFileSystemIsBrokenUntilForcedOffAndALostPhoneForcesTheVolumeOff) {
     ASSERT_EQ(ctl({"mount"}).exitStatus, 0) << stack_->service().output();
     expectServing();
+    const auto pids = volumeProcesses(mountPoint_);
+    ASSERT_EQ(pids.size(), 1u);
+    ASSERT_EQ(::kill(pids.front(), SIGKILL), 0) << errno;
+    ASSERT_TRUE(testing::eventually([&] { return volumeProcesses(mountPoint_).empty(); }));
+
+    EXPECT_EQ(volumeStatus(), std::make_pair(std::string("broken"), mountPoint_.string()));
+    EXPECT_NE(ctl({"status"}).output.find("volume: broken at"), std::string::npos);
+
+    const auto cleared = ctl({"unmount", "--force"});
+    EXPECT_EQ(cleared.exitStatus, 0) << cleared.output << stack_->service().output();
+    expectGone();
+    EXPECT_EQ(volumeStatus().first, "notMounted");
+    // The mount point works again: the next mount serves.
+    ASSERT_EQ(ctl({"mount"}).exitStatus, 0) << stack_->service().output();
+    expectServing();
+
+    // Losing the phone forces the volume off and fails its readers with an I/O error.
     const int fd = ::open((mountPoint_ / "large.bin").c_str(), O_RDONLY);
     ASSERT_GE(fd, 0) << errno;
     char byte = 0;
@@ -206,26 +217,6 @@ TEST_F(VolumeLifecycle, LosingThePhoneForcesTheVolumeOffAndFailsItsReadersWithAn
     // With its last user gone the file system ends.
     expectGone();
     EXPECT_EQ(volumeStatus().first, "notMounted");
-}
-
-TEST_F(VolumeLifecycle, AVolumeWhoseFileSystemDiedIsBrokenUntilAForcedUnmountClearsIt) {
-    ASSERT_EQ(ctl({"mount"}).exitStatus, 0) << stack_->service().output();
-    expectServing();
-    const auto pids = volumeProcesses(mountPoint_);
-    ASSERT_EQ(pids.size(), 1u);
-    ASSERT_EQ(::kill(pids.front(), SIGKILL), 0) << errno;
-    ASSERT_TRUE(testing::eventually([&] { return volumeProcesses(mountPoint_).empty(); }));
-
-    EXPECT_EQ(volumeStatus(), std::make_pair(std::string("broken"), mountPoint_.string()));
-    EXPECT_NE(ctl({"status"}).output.find("volume: broken at"), std::string::npos);
-
-    const auto cleared = ctl({"unmount", "--force"});
-    EXPECT_EQ(cleared.exitStatus, 0) << cleared.output << stack_->service().output();
-    expectGone();
-    EXPECT_EQ(volumeStatus().first, "notMounted");
-    // The mount point works again: the next mount serves.
-    ASSERT_EQ(ctl({"mount"}).exitStatus, 0) << stack_->service().output();
-    expectServing();
 }
 
 }  // namespace
