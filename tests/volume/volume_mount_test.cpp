@@ -188,6 +188,17 @@ TEST_F(MountedVolume, ChangesOnEitherSideReachTheOtherWithTheirErrors) {
 
     ASSERT_EQ(::truncate((docs / "old.txt").c_str(), 1), 0) << errno;
     EXPECT_EQ(readFile(storage() / "Documents/old.txt"), "n");
+
+    // Shells and dd open, duplicate and close the first descriptor before writing: the
+    // phone gets the written file only, never an empty one first.
+    const int first = ::open((docs / "redirected.txt").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ASSERT_GE(first, 0) << errno;
+    const int second = ::dup(first);
+    ASSERT_EQ(::close(first), 0) << errno;
+    EXPECT_FALSE(fs::exists(storage() / "Documents/redirected.txt"));
+    ASSERT_EQ(::write(second, "whole", 5), 5);
+    ASSERT_EQ(::close(second), 0) << errno;
+    EXPECT_EQ(readFile(storage() / "Documents/redirected.txt"), "whole");
 }
 
 TEST_F(MountedVolume, CallsFailWhileTheServiceIsAwayAndWorkAgainOnceItIsBack) {
