@@ -25,11 +25,16 @@ UsbMuxTunnelTransport::UsbMuxTunnelTransport(tunnel_id tunnel)
       sendQueue_(queueLabel(tunnel.port, ".send")),
       recvQueue_(queueLabel(tunnel.port, ".recv")) {}
 
-asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes data) {
-    // An empty buffer still reaches the native layer, which ensures the tunnel.
+asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes head, SharedBytes tail) {
+    // An empty head still reaches the native layer, which ensures the tunnel. Both pieces
+    // go out in one job of the serial queue, so no other send comes between them.
     // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
-    auto write = [tunnel = tunnel_, data = std::move(data)] {
-        return usbmux_tunnel_send(tunnel, data.data(), static_cast<std::uint32_t>(data.size()));
+    auto write = [tunnel = tunnel_, head = std::move(head), tail = std::move(tail)] {
+        const auto sendPiece = [&tunnel](const Bytes& piece) {
+            return usbmux_tunnel_send(tunnel, piece.data(),
+                                      static_cast<std::uint32_t>(piece.size()));
+        };
+        return sendPiece(head) && (tail.empty() || sendPiece(tail.bytes()));
     };
     bool sent = co_await sendQueue_.run(std::move(write));
     if (!sent) {

@@ -31,8 +31,8 @@ TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
             [&] { runSync(runtime.executor(), call()); });
     };
     const auto disconnected = TunnelTransportError::Case::disconnected;
-    EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}); }), disconnected);
-    EXPECT_EQ(caseOf([&] { return transport->send({}); }), disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}, Bytes{3}); }), disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->send({}, {}); }), disconnected);
     EXPECT_EQ(caseOf([&] {
                   return [](std::shared_ptr<UsbMuxTunnelTransport> t) -> asio::awaitable<void> {
                       co_await t->receive(16);
