@@ -354,6 +354,7 @@ TEST_F(TransferCoordinatorTest, PushSendsTheFileAndKeepsItUntilReleased) {
 
 TEST_F(TransferCoordinatorTest, ChunkLostWithTheTunnelIsSentAgainWithTheSameBytes) {
     const Bytes content = pattern(2 * kChunkSize + 7);
+    storage->create("upload.src", 0);
     std::ofstream(containerPath / "upload.src", std::ios::binary)
         .write(reinterpret_cast<const char*>(content.data()),
                static_cast<std::streamsize>(content.size()));
