@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <asio.hpp>
 #include <filesystem>
@@ -138,8 +139,15 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     EXPECT_EQ(readFile(root_ / "docs/a.txt"), "HELLO!");
     EXPECT_EQ(summary->contentVersion, contentVersion("docs/a.txt"));
     EXPECT_NE(summary->contentVersion, before);
+    // The replaced content is handed over still open, for its storage to be freed later.
+    const auto replaced = transfer_.takeReplaced();
+    ASSERT_EQ(replaced.size(), 1u);
+    std::string old(5, '\0');
+    EXPECT_EQ(::pread(replaced[0].get(), old.data(), old.size(), 0), 5);
+    EXPECT_EQ(old, "hello");
     ASSERT_EQ(transfer_.commitWrite(commitBody("docs/new.txt")).code, 0);
     EXPECT_EQ(readFile(root_ / "docs/new.txt"), "new");
+    EXPECT_TRUE(transfer_.takeReplaced().empty());
     EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
 
     // A commit ends the staged write.
