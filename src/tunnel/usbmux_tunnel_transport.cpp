@@ -26,15 +26,13 @@ UsbMuxTunnelTransport::UsbMuxTunnelTransport(tunnel_id tunnel)
       recvQueue_(queueLabel(tunnel.port, ".recv")) {}
 
 asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes head, SharedBytes tail) {
-    // An empty head still reaches the native layer, which ensures the tunnel. Both pieces
-    // go out in one job of the serial queue, so no other send comes between them.
+    // An empty unit still reaches the native layer, which ensures the tunnel. One native
+    // call for both pieces, so that they go to one connection with no other send between.
     // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
     auto write = [tunnel = tunnel_, head = std::move(head), tail = std::move(tail)] {
-        const auto sendPiece = [&tunnel](const Bytes& piece) {
-            return usbmux_tunnel_send(tunnel, piece.data(),
-                                      static_cast<std::uint32_t>(piece.size()));
-        };
-        return sendPiece(head) && (tail.empty() || sendPiece(tail.bytes()));
+        return usbmux_tunnel_send_pair(tunnel, head.data(), static_cast<std::uint32_t>(head.size()),
+                                       tail.bytes().data(),
+                                       static_cast<std::uint32_t>(tail.size()));
     };
     bool sent = co_await sendQueue_.run(std::move(write));
     if (!sent) {
