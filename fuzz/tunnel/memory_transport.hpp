@@ -14,7 +14,7 @@ class MemoryTransport : public TunnelTransport {
 public:
     explicit MemoryTransport(std::span<const std::uint8_t> input) : input_(input) {}
 
-    asio::awaitable<void> send(Bytes) override { co_return; }
+    asio::awaitable<void> send(Bytes, SharedBytes) override { co_return; }
 
     asio::awaitable<Bytes> receive(std::size_t count) override {
         // Yield like a real read, so other tasks of the engine interleave with frames.

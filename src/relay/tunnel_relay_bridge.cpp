@@ -34,7 +34,7 @@ void TunnelRelayBridge::setPushSink(std::weak_ptr<PushSink> sink) {
 }
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
-                                                       Bytes payload) {
+                                                       SharedBytes payload) {
     return isolated(shared_from_this(), &TunnelRelayBridge::doRelay, port, code,
                     std::move(payload));
 }
@@ -60,7 +60,8 @@ asio::awaitable<void> TunnelRelayBridge::endExclusiveUse(std::uint16_t port) {
     return isolated(shared_from_this(), &TunnelRelayBridge::doEndExclusiveUse, port);
 }
 
-asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code, Bytes payload) {
+asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code,
+                                                              SharedBytes payload) {
     if (payload.size() > tunnel::maxFramePayload) {
         co_return RelayReply{{}, raw(UsbMuxRelayError::payloadTooLarge), 0};
     }
@@ -94,7 +95,7 @@ void TunnelRelayBridge::touchContact() {
 }
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::doRelay(std::uint16_t port, std::uint16_t code,
-                                                         Bytes payload) {
+                                                         SharedBytes payload) {
     RelayOutcome outcome;
     const auto binding = co_await ensureBinding(port);
     if (!binding) {

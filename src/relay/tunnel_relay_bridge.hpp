@@ -65,13 +65,15 @@ public:
     // Pushes go to `sink` from now on (held weakly: the sink usually owns the bridge).
     void setPushSink(std::weak_ptr<PushSink> sink);
 
-    // Binds the engine to port when needed and sends one request.
-    asio::awaitable<RelayOutcome> relay(std::uint16_t port, std::uint16_t code, Bytes payload);
+    // Binds the engine to port when needed and sends one request. The payload is shared,
+    // not copied, on its way to the socket: a caller may keep it to send it again.
+    asio::awaitable<RelayOutcome> relay(std::uint16_t port, std::uint16_t code,
+                                        SharedBytes payload);
     // Drops the binding that failed in outcome, unless another has replaced it already.
     asio::awaitable<void> unbindAfterFailure(RelayOutcome outcome);
 
     // A client's relay to the app's port, mapped to its reply.
-    asio::awaitable<RelayReply> relayForClient(std::uint16_t code, Bytes payload);
+    asio::awaitable<RelayReply> relayForClient(std::uint16_t code, SharedBytes payload);
 
     // The device went away: fail every waiting request and drop the tunnel.
     asio::awaitable<void> dropBinding();
@@ -89,7 +91,8 @@ public:
     std::optional<Clock::time_point> lastIOSContact() const;
 
 private:
-    asio::awaitable<RelayOutcome> doRelay(std::uint16_t port, std::uint16_t code, Bytes payload);
+    asio::awaitable<RelayOutcome> doRelay(std::uint16_t port, std::uint16_t code,
+                                          SharedBytes payload);
     asio::awaitable<void> doUnbindAfterFailure(RelayOutcome outcome);
     asio::awaitable<void> doDropBinding();
     asio::awaitable<void> doInvalidateTunnel(std::uint16_t port);

@@ -17,7 +17,7 @@ public:
     explicit RelayTransferSender(std::shared_ptr<relay::TunnelRelayBridge> bridge)
         : bridge_(std::move(bridge)) {}
 
-    asio::awaitable<transfer::RelayAnswer> send(std::uint16_t code, Bytes body) override {
+    asio::awaitable<transfer::RelayAnswer> send(std::uint16_t code, SharedBytes body) override {
         relay::RelayReply reply = co_await bridge_->relayForClient(code, std::move(body));
         transfer::RelayAnswer answer;
         answer.status = reply.status;

@@ -20,26 +20,22 @@ public:
     AppTransport(std::shared_ptr<FramedConnection> connection, std::string head)
         : connection_(connection), inner_(connection->socketTransport), head_(std::move(head)) {}
 
-    asio::awaitable<void> send(Bytes data) override { return inner_->send(std::move(data)); }
+    asio::awaitable<void> send(Bytes head, SharedBytes tail) override {
+        return inner_->send(std::move(head), std::move(tail));
+    }
 
     asio::awaitable<Bytes> receive(std::size_t count) override {
+        if (head_.empty()) {
+            // Past the first bytes, as every chunk body is: straight from the socket.
+            co_return co_await receiveRest(count);
+        }
         size_t taken = std::min(count, head_.size());
         Bytes out(head_.begin(), head_.begin() + static_cast<std::ptrdiff_t>(taken));
         head_.erase(0, taken);
         if (taken == count) {
             co_return out;
         }
-        bool failed = false;
-        Bytes rest;
-        try {
-            rest = co_await inner_->receive(count - taken);
-        } catch (const tunnel::TunnelTransportError&) {
-            failed = true;
-        }
-        if (failed) {
-            endConnection();
-            throw tunnel::TunnelTransportError(tunnel::TunnelTransportError::Case::disconnected);
-        }
+        Bytes rest = co_await receiveRest(count - taken);
         out.insert(out.end(), rest.begin(), rest.end());
         co_return out;
     }
@@ -47,6 +43,21 @@ public:
     asio::awaitable<void> close() override { return inner_->close(); }
 
 private:
+    asio::awaitable<Bytes> receiveRest(std::size_t count) {
+        bool failed = false;
+        Bytes rest;
+        try {
+            rest = co_await inner_->receive(count);
+        } catch (const tunnel::TunnelTransportError&) {
+            failed = true;
+        }
+        if (failed) {
+            endConnection();
+            throw tunnel::TunnelTransportError(tunnel::TunnelTransportError::Case::disconnected);
+        }
+        co_return rest;
+    }
+
     void endConnection() {
         if (auto connection = connection_.lock()) {
             closeFramedConnection(*connection);

@@ -6,10 +6,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>  // renameat2
 #include <limits>
 #include <variant>
+#include <vector>
 
 #include "common/file_io.hpp"
+#include "common/serial_queue.hpp"
+#include "common/task.hpp"
 #include "common/uuid.hpp"
 #include "relay/relay_schema.hpp"
 #include "sim/app_storage.hpp"
@@ -59,11 +63,22 @@ std::optional<RelayDeviceStatus> notAFile(mode_t mode) {
 
 // Links the unnamed file into folder under name, replacing what is there in one step.
 // Linking an open unnamed file by descriptor needs privileges; its /proc path does not.
-int linkOver(int file, int folder, const std::string& name) {
+// A file it replaces is left open in replaced: freeing a large file's pages and blocks
+// takes as long as writing it, and is done when that descriptor is closed, not here.
+int linkOver(int file, int folder, const std::string& name, UniqueFd& replaced) {
     const std::string source = "/proc/self/fd/" + std::to_string(file);
     const std::string temporary = ".skiff-commit-" + Uuid::random().text();
     if (::linkat(AT_FDCWD, source.c_str(), folder, temporary.c_str(), AT_SYMLINK_FOLLOW) != 0) {
         return errno;
+    }
+    replaced =
+        UniqueFd(::openat(folder, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    // Swapped rather than renamed over: ext4 writes a file renamed over another back to
+    // disk before the rename returns.
+    if (replaced.get() >= 0 &&
+        ::renameat2(folder, temporary.c_str(), folder, name.c_str(), RENAME_EXCHANGE) == 0) {
+        ::unlinkat(folder, temporary.c_str(), 0);
+        return 0;
     }
     if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
         const int error = errno;
@@ -190,8 +205,12 @@ tunnel::TunnelMessage AppTransfer::commitWrite(const Bytes& body) {
     if (current != staged.version) {
         return rejection(RelayDeviceStatus::versionConflict);
     }
-    if (const int error = linkOver(staged.file.get(), item.folder.get(), item.name)) {
+    UniqueFd replaced;
+    if (const int error = linkOver(staged.file.get(), item.folder.get(), item.name, replaced)) {
         return rejection(statusOfError(error));
+    }
+    if (replaced.get() >= 0) {
+        replaced_.push_back(std::move(replaced));
     }
     if (!statItem(item, st)) {
         return rejection(RelayDeviceStatus::ioError);
@@ -203,16 +222,36 @@ namespace {
 
 using Step = tunnel::TunnelMessage (AppTransfer::*)(const Bytes&);
 
+struct TransferWorker {
+    explicit TransferWorker(std::filesystem::path storageRoot)
+        : transfer(std::move(storageRoot)), releases("skiff-sim.app-release") {}
+
+    AppTransfer transfer;
+    // Closes the contents that commits replaced, after their answers went out.
+    runtime::SerialQueue releases;
+};
+
+asio::awaitable<void> closeReplaced(std::shared_ptr<TransferWorker> worker,
+                                    std::vector<UniqueFd> files) {
+    auto close = [&files] { files.clear(); };
+    co_await worker->releases.run(close);
+}
+
 // A plain function, so that the coroutine owns its arguments rather than a lambda's captures.
-asio::awaitable<tunnel::TunnelMessage> answerStep(std::shared_ptr<AppTransfer> transfer, Step step,
+asio::awaitable<tunnel::TunnelMessage> answerStep(std::shared_ptr<TransferWorker> worker, Step step,
                                                   Bytes body) {
-    co_return ((*transfer).*step)(body);
+    auto answer = ((worker->transfer).*step)(body);
+    if (auto replaced = worker->transfer.takeReplaced(); !replaced.empty()) {
+        runtime::spawnTask(co_await asio::this_coro::executor, worker, &closeReplaced,
+                           std::move(replaced));
+    }
+    co_return answer;
 }
 
 }  // namespace
 
 void installTransferHandlers(AppHandlerTable& table, std::filesystem::path storageRoot) {
-    auto transfer = std::make_shared<AppTransfer>(std::move(storageRoot));
+    auto transfer = std::make_shared<TransferWorker>(std::move(storageRoot));
     const std::pair<std::uint16_t, Step> steps[] = {
         {kReadChunkRequestCode, &AppTransfer::readChunk},
         {kStageWriteRequestCode, &AppTransfer::stageWrite},

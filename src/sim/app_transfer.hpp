@@ -30,6 +30,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/bytes.hpp"
 #include "common/unique_fd.hpp"
@@ -57,6 +59,11 @@ public:
     tunnel::TunnelMessage writeChunk(const Bytes& body);
     tunnel::TunnelMessage commitWrite(const Bytes& body);
 
+    // The contents the commits since the last call replaced, still open: closing them frees
+    // their storage, which for a large file takes a while, so the caller does it once the
+    // answer is out.
+    std::vector<UniqueFd> takeReplaced() { return std::exchange(replaced_, {}); }
+
 private:
     struct StagedWrite {
         Bytes version;  // the item's content version at the stage; empty when it had none
@@ -65,6 +72,7 @@ private:
 
     std::filesystem::path root_;
     std::map<std::string, StagedWrite> staged_;  // by the item's path
+    std::vector<UniqueFd> replaced_;
 };
 
 // Answers the four codes above from one AppTransfer over storageRoot.

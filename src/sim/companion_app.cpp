@@ -159,7 +159,7 @@ ControlReply pushToEveryFramedConnection(CompanionApp::State& state, std::uint16
 asio::awaitable<void> sendRaw(std::shared_ptr<tunnel::SocketTunnelTransport> transport,
                               Bytes bytes) {
     try {
-        co_await transport->send(std::move(bytes));
+        co_await transport->send(std::move(bytes), {});
     } catch (const tunnel::TunnelTransportError&) {
         // The engine's read loop notices a dead connection.
     }
@@ -172,18 +172,18 @@ asio::awaitable<void> sendRaw(std::shared_ptr<tunnel::SocketTunnelTransport> tra
 // once and hold them all back while a request is in hand.
 asio::awaitable<void> flood(std::shared_ptr<CompanionApp::State> state,
                             std::shared_ptr<tunnel::SocketTunnelTransport> transport,
-                            std::uint16_t code, std::shared_ptr<const Bytes> body,
+                            std::uint16_t code, SharedBytes body,
                             std::chrono::steady_clock::time_point until) {
     std::uint32_t flow = 1;
     std::uint64_t sent = 0;
     try {
         while (std::chrono::steady_clock::now() < until) {
-            auto frame = tunnel::encodeFrame(tunnel::FrameKind::push, code,
-                                             tunnel::takeFlowValue(flow), *body);
-            if (!frame) {
+            auto header = tunnel::encodeFrameHeader(tunnel::FrameKind::push, code,
+                                                    tunnel::takeFlowValue(flow), body.size());
+            if (!header) {
                 break;
             }
-            co_await transport->send(std::move(*frame));
+            co_await transport->send(std::move(*header), body);
             ++sent;
         }
     } catch (const tunnel::TunnelTransportError&) {
@@ -248,7 +248,7 @@ ControlReply CompanionApp::execute(const AppCommand& command) {
         case AppVerb::poke:
             return pushItemMutation({command.pokeKind, command.text});
         case AppVerb::flood: {
-            auto body = std::make_shared<const Bytes>(command.floodBytes, std::uint8_t{'x'});
+            const SharedBytes body(Bytes(command.floodBytes, std::uint8_t{'x'}));
             auto until =
                 std::chrono::steady_clock::now() + std::chrono::seconds(command.floodSeconds);
             return toEveryFramedConnection(*state_, [&](FramedConnection& connection) {

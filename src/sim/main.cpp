@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "common/heap_tuning.hpp"
 #include "sim/control_client.hpp"
 #include "sim/sim_phone.hpp"
 
@@ -89,6 +90,8 @@ int control(const std::string& dir, const std::vector<std::string>& words) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The app takes and answers 4 MiB chunks back to back, like skiffd.
+    skiff::tuneHeapForLargeBodies();
     CLI::App app{"A simulated iPhone reached through the usbmuxd protocol"};
     app.require_subcommand(1);
 

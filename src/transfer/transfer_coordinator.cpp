@@ -184,7 +184,7 @@ public:
 
     bool full() const { return sent_.size() >= kChunksInFlight; }
 
-    void launch(std::uint16_t code, Bytes body, std::uint64_t offset, std::uint64_t length) {
+    void launch(std::uint16_t code, SharedBytes body, std::uint64_t offset, std::uint64_t length) {
         runtime::OnceReply<Bytes> reply;
         owner_->spawnIsolated(owner_, &TransferCoordinator::sendAhead, code, std::move(body), reply,
                               stopped_);
@@ -354,20 +354,18 @@ asio::awaitable<void> TransferCoordinator::doReleaseWrite(std::string token) {
     co_return;
 }
 
-asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, Bytes body) {
+asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, SharedBytes body) {
     if (body.size() > kMaxRelayBody) {
         throw TransferError::transport(UsbMuxRelayError::payloadTooLarge);
     }
-    // Kept for the one retry; a 4 MiB copy is small next to the tunnel's round trip.
-    Bytes retryBody = body;
-    RelayAnswer answer = co_await relay_->send(code, std::move(body));
+    RelayAnswer answer = co_await relay_->send(code, body);
     const auto lost = [](std::int64_t status) {
         return status == static_cast<std::int64_t>(UsbMuxRelayError::notConnected) ||
                status == static_cast<std::int64_t>(UsbMuxRelayError::transportFailed);
     };
     if (lost(answer.status)) {
         co_await relay_->reestablish();
-        answer = co_await relay_->send(code, std::move(retryBody));
+        answer = co_await relay_->send(code, std::move(body));
     }
     if (answer.status == static_cast<std::int64_t>(UsbMuxRelayError::ok)) {
         co_return std::move(answer.data);
@@ -382,7 +380,7 @@ asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, Bytes body)
     throw TransferError::transport(error.value_or(UsbMuxRelayError::internalError));
 }
 
-asio::awaitable<void> TransferCoordinator::sendAhead(std::uint16_t code, Bytes body,
+asio::awaitable<void> TransferCoordinator::sendAhead(std::uint16_t code, SharedBytes body,
                                                      runtime::OnceReply<Bytes> reply,
                                                      std::shared_ptr<bool> stopped) {
     assertIsolated();

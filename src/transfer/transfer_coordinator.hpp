@@ -10,10 +10,10 @@
 // kChunksInFlight chunk requests in flight, each sent by a task of its own on the strand,
 // and takes their answers in the order it sent them; different transfers interleave at
 // their co_awaits.
-// Memory per transfer: each chunk in flight (a push's body and the copy kept for its one
-// retry, a fetch's answer as it arrives) plus the one chunk being written to or read from
-// its file: at most 2 * kChunksInFlight + 1 chunks of kChunkSize for a push, and
-// kChunksInFlight + 1 for a fetch.
+// Memory per transfer: one buffer per chunk in flight (a push's body, shared by its send,
+// its one retry and the socket write; a fetch's answer as it arrives) plus, for a fetch, the
+// answer being written to its file: at most kChunksInFlight chunks of kChunkSize for a
+// push, and kChunksInFlight + 1 for a fetch.
 // Ownership: made with std::make_shared (the bodies hold it while they run). It holds the
 // relay sender and the storage, the progress sink weakly; the clean-up loop holds the
 // coordinator until stopCleanup() or the executor's end.
@@ -48,10 +48,11 @@ struct RelayAnswer {
 // The coordinator's way to the companion app. send() addresses the app's port and marks
 // the last contact with the phone whenever a reply arrives; reestablish() drops the tunnel
 // so that the next send connects anew. Both are awaited from the coordinator's strand.
+// The body is shared, never copied: the retry after a lost tunnel sends the same buffer.
 class RelaySender {
 public:
     virtual ~RelaySender() = default;
-    virtual asio::awaitable<RelayAnswer> send(std::uint16_t code, Bytes body) = 0;
+    virtual asio::awaitable<RelayAnswer> send(std::uint16_t code, SharedBytes body) = 0;
     virtual asio::awaitable<void> reestablish() = 0;
 };
 
@@ -175,11 +176,11 @@ private:
     // The one send step: size check, one retry after re-establishing a lost tunnel.
     // Returns the app's body for an ok answer; throws TransferError otherwise, with
     // deviceRejected for an answer that carries a device status.
-    asio::awaitable<Bytes> send(std::uint16_t code, Bytes body);
+    asio::awaitable<Bytes> send(std::uint16_t code, SharedBytes body);
     // One chunk request of a window, run as a task: send() into reply, unless an earlier
     // request of the same window failed (stopped), which it then marks.
-    asio::awaitable<void> sendAhead(std::uint16_t code, Bytes body, runtime::OnceReply<Bytes> reply,
-                                    std::shared_ptr<bool> stopped);
+    asio::awaitable<void> sendAhead(std::uint16_t code, SharedBytes body,
+                                    runtime::OnceReply<Bytes> reply, std::shared_ptr<bool> stopped);
 
     std::shared_ptr<RelaySender> relay_;
     mutable std::mutex sinkLock_;

@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdint>
 #include <limits>
 
@@ -33,17 +34,20 @@ SocketTunnelTransport::SocketTunnelTransport(asio::any_io_executor executor, int
     }
 }
 
-asio::awaitable<void> SocketTunnelTransport::send(Bytes data) {
-    return isolated(shared_from_this(), &SocketTunnelTransport::doSend, std::move(data));
+asio::awaitable<void> SocketTunnelTransport::send(Bytes head, SharedBytes tail) {
+    return isolated(shared_from_this(), &SocketTunnelTransport::doSend, std::move(head),
+                    std::move(tail));
 }
 
-asio::awaitable<void> SocketTunnelTransport::doSend(Bytes data) {
+asio::awaitable<void> SocketTunnelTransport::doSend(Bytes head, SharedBytes tail) {
     auto turn = co_await sending_.lock();
     asio::error_code error;
     if (!socket_.is_open()) {
         error = asio::error::bad_descriptor;
     } else {
-        co_await asio::async_write(socket_, asio::buffer(data),
+        const std::array<asio::const_buffer, 2> pieces{asio::buffer(head),
+                                                       asio::buffer(tail.bytes())};
+        co_await asio::async_write(socket_, pieces,
                                    asio::redirect_error(asio::use_awaitable, error));
     }
     if (error) {

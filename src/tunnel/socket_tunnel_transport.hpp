@@ -20,12 +20,12 @@ public:
     // call fail with disconnected.
     SocketTunnelTransport(asio::any_io_executor executor, int fd);
 
-    asio::awaitable<void> send(Bytes data) override;
+    asio::awaitable<void> send(Bytes head, SharedBytes tail) override;
     asio::awaitable<Bytes> receive(std::size_t count) override;
     asio::awaitable<void> close() override;
 
 private:
-    asio::awaitable<void> doSend(Bytes data);
+    asio::awaitable<void> doSend(Bytes head, SharedBytes tail);
     asio::awaitable<Bytes> doReceive(std::size_t count);
     asio::awaitable<void> doClose();
 

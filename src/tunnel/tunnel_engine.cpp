@@ -80,7 +80,7 @@ void TunnelEngine::failAllPendingNow(const TunnelEngineError& error) {
     unbindNow();
 }
 
-asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, Bytes payload) {
+asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, SharedBytes payload) {
     return awaitResponse(
         isolated(shared_from_this(), &TunnelEngine::doRequest, code, std::move(payload)));
 }
@@ -92,7 +92,7 @@ asio::awaitable<TunnelMessage> TunnelEngine::awaitResponse(
 }
 
 asio::awaitable<runtime::OnceReply<TunnelMessage>> TunnelEngine::doRequest(std::uint16_t code,
-                                                                           Bytes payload) {
+                                                                           SharedBytes payload) {
     if (!transport_ || role_ != TunnelEndpointRole::client) {
         throw engineError(TunnelEngineError::Case::notBound);
     }
@@ -100,14 +100,14 @@ asio::awaitable<runtime::OnceReply<TunnelMessage>> TunnelEngine::doRequest(std::
         throw engineError(TunnelEngineError::Case::payloadTooLarge);
     }
     std::uint32_t flow = takeFlowValue(nextFlowID_);
-    auto frame = encodeFrame(FrameKind::request, code, flow, payload);
-    if (!frame) {
+    auto header = encodeFrameHeader(FrameKind::request, code, flow, payload.size());
+    if (!header) {
         throw engineError(TunnelEngineError::Case::invalidFrame);
     }
     runtime::OnceReply<TunnelMessage> caller;
     registerPending(flow, caller);
     spawnIsolated(shared_from_this(), &TunnelEngine::sendRequest, transport_, flow,
-                  std::move(*frame));
+                  std::move(*header), std::move(payload));
     co_return caller;
 }
 
@@ -118,10 +118,10 @@ void TunnelEngine::registerPending(std::uint32_t flow,
 }
 
 asio::awaitable<void> TunnelEngine::sendRequest(Transport transport, std::uint32_t flow,
-                                                Bytes frame) {
+                                                Bytes header, SharedBytes payload) {
     std::exception_ptr failure;
     try {
-        co_await transport->send(std::move(frame));
+        co_await transport->send(std::move(header), std::move(payload));
     } catch (...) {
         failure = std::current_exception();
     }
@@ -201,9 +201,10 @@ asio::awaitable<void> TunnelEngine::answerRequest(Transport transport, std::uint
         if (auto handler = requestHandler_) {
             answer = co_await handler(code, std::move(payload));
         }
-        auto frame = encodeFrame(FrameKind::response, answer.code, flow, answer.payload);
-        if (frame) {
-            co_await transport->send(std::move(*frame));
+        auto header =
+            encodeFrameHeader(FrameKind::response, answer.code, flow, answer.payload.size());
+        if (header) {
+            co_await transport->send(std::move(*header), std::move(answer.payload));
         } else {
             failed = true;
         }
@@ -243,15 +244,15 @@ asio::awaitable<void> TunnelEngine::flushNotifyQueue() {
         TunnelMessage item = std::move(notifyQueue_.front());
         notifyQueue_.pop_front();
         std::uint32_t flow = takeFlowValue(nextFlowID_);
-        auto frame = encodeFrame(FrameKind::push, item.code, flow, item.payload);
-        if (!frame) {
+        auto header = encodeFrameHeader(FrameKind::push, item.code, flow, item.payload.size());
+        if (!header) {
             continue;
         }
         isSending_ = true;
         Transport transport = transport_;
         bool sent = true;
         try {
-            co_await transport->send(std::move(*frame));
+            co_await transport->send(std::move(*header), std::move(item.payload));
         } catch (...) {
             sent = false;
         }

@@ -59,8 +59,9 @@ public:
     asio::awaitable<void> failAllPending(TunnelEngineError error);
 
     // Client role: sends a request and waits for its response. Throws TunnelEngineError,
-    // or the transport's own TunnelTransportError when writing this request failed.
-    asio::awaitable<TunnelMessage> request(std::uint16_t code, Bytes payload);
+    // or the transport's own TunnelTransportError when writing this request failed. The
+    // payload goes to the transport as it is, behind a separate header: never copied.
+    asio::awaitable<TunnelMessage> request(std::uint16_t code, SharedBytes payload);
 
     // Server role: queues a push and sends what the queue holds unless requests are in
     // hand. A failed or refused send is dropped (the read loop notices a dead tunnel).
@@ -77,14 +78,16 @@ private:
     // their owner, so an engine dropped by its owner lives until they are done.
     asio::awaitable<void> doBind(TunnelBinding binding);
     asio::awaitable<void> doUnbind();
-    asio::awaitable<runtime::OnceReply<TunnelMessage>> doRequest(std::uint16_t code, Bytes payload);
+    asio::awaitable<runtime::OnceReply<TunnelMessage>> doRequest(std::uint16_t code,
+                                                                 SharedBytes payload);
     asio::awaitable<void> doEnqueuePush(std::uint16_t code, Bytes payload);
     asio::awaitable<void> doFailAllPending(TunnelEngineError error);
     asio::awaitable<std::optional<std::string>> doTunnelKey();
     asio::awaitable<std::optional<TunnelEndpointRole>> doRole();
     asio::awaitable<int> doHandlingRequestCount();
     asio::awaitable<void> readLoop(Transport transport, std::uint64_t binding);
-    asio::awaitable<void> sendRequest(Transport transport, std::uint32_t flow, Bytes frame);
+    asio::awaitable<void> sendRequest(Transport transport, std::uint32_t flow, Bytes header,
+                                      SharedBytes payload);
     asio::awaitable<void> answerRequest(Transport transport, std::uint64_t binding,
                                         std::uint16_t code, std::uint32_t flow, Bytes payload);
     asio::awaitable<void> flushNotifyQueue();

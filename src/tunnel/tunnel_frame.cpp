@@ -21,20 +21,28 @@ std::uint32_t readLE(std::span<const std::uint8_t> in, std::size_t offset, int w
 
 }  // namespace
 
-std::optional<Bytes> encodeFrame(FrameKind kind, std::uint16_t code, std::uint32_t flow,
-                                 std::span<const std::uint8_t> payload) {
-    if (payload.size() > maxFramePayload || flow == 0) {
+std::optional<Bytes> encodeFrameHeader(FrameKind kind, std::uint16_t code, std::uint32_t flow,
+                                       std::size_t payloadLength) {
+    if (payloadLength > maxFramePayload || flow == 0) {
         return std::nullopt;
     }
-    Bytes frame;
-    frame.reserve(kFrameHeaderSize + payload.size());
-    appendLE(frame, kFrameMagic, 4);
-    frame.push_back(static_cast<std::uint8_t>(kind));
-    frame.push_back(0);
-    appendLE(frame, code, 2);
-    appendLE(frame, flow, 4);
-    appendLE(frame, static_cast<std::uint32_t>(payload.size()), 4);
-    frame.insert(frame.end(), payload.begin(), payload.end());
+    Bytes header;
+    header.reserve(kFrameHeaderSize);
+    appendLE(header, kFrameMagic, 4);
+    header.push_back(static_cast<std::uint8_t>(kind));
+    header.push_back(0);
+    appendLE(header, code, 2);
+    appendLE(header, flow, 4);
+    appendLE(header, static_cast<std::uint32_t>(payloadLength), 4);
+    return header;
+}
+
+std::optional<Bytes> encodeFrame(FrameKind kind, std::uint16_t code, std::uint32_t flow,
+                                 std::span<const std::uint8_t> payload) {
+    auto frame = encodeFrameHeader(kind, code, flow, payload.size());
+    if (frame) {
+        frame->insert(frame->end(), payload.begin(), payload.end());
+    }
     return frame;
 }
 

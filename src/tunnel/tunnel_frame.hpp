@@ -44,6 +44,11 @@ struct FrameHeader {
 };
 
 // Nothing when the payload is over maxFramePayload or flow is 0.
+// The header alone, for a payload sent after it from its own buffer (megabyte bodies are
+// not copied behind their header).
+std::optional<Bytes> encodeFrameHeader(FrameKind kind, std::uint16_t code, std::uint32_t flow,
+                                       std::size_t payloadLength);
+// The whole frame in one buffer.
 std::optional<Bytes> encodeFrame(FrameKind kind, std::uint16_t code, std::uint32_t flow,
                                  std::span<const std::uint8_t> payload);
 

@@ -12,9 +12,11 @@ class TunnelTransport {
 public:
     virtual ~TunnelTransport() = default;
 
-    // Writes every byte of one buffer. Whole buffers never interleave on the wire, so a
-    // frame handed over in one piece stays in one piece. Throws TunnelTransportError.
-    virtual asio::awaitable<void> send(Bytes data) = 0;
+    // Writes every byte of head and then of tail, as one unit: units never interleave on the
+    // wire, so a frame handed over as its header and its body stays in one piece. The body
+    // is written from where it lies, not copied behind the header. Throws
+    // TunnelTransportError.
+    virtual asio::awaitable<void> send(Bytes head, SharedBytes tail) = 0;
 
     // Returns exactly count bytes (count fits in 32 bits). Throws TunnelTransportError,
     // disconnected when the peer has gone.

@@ -25,11 +25,14 @@ UsbMuxTunnelTransport::UsbMuxTunnelTransport(tunnel_id tunnel)
       sendQueue_(queueLabel(tunnel.port, ".send")),
       recvQueue_(queueLabel(tunnel.port, ".recv")) {}
 
-asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes data) {
-    // An empty buffer still reaches the native layer, which ensures the tunnel.
+asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes head, SharedBytes tail) {
+    // An empty unit still reaches the native layer, which ensures the tunnel. One native
+    // call for both pieces, so that they go to one connection with no other send between.
     // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
-    auto write = [tunnel = tunnel_, data = std::move(data)] {
-        return usbmux_tunnel_send(tunnel, data.data(), static_cast<std::uint32_t>(data.size()));
+    auto write = [tunnel = tunnel_, head = std::move(head), tail = std::move(tail)] {
+        return usbmux_tunnel_send_pair(tunnel, head.data(), static_cast<std::uint32_t>(head.size()),
+                                       tail.bytes().data(),
+                                       static_cast<std::uint32_t>(tail.size()));
     };
     bool sent = co_await sendQueue_.run(std::move(write));
     if (!sent) {

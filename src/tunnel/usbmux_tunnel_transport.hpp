@@ -18,7 +18,7 @@ public:
     // tunnel must already have been ensured.
     explicit UsbMuxTunnelTransport(tunnel_id tunnel);
 
-    asio::awaitable<void> send(Bytes data) override;
+    asio::awaitable<void> send(Bytes head, SharedBytes tail) override;
     asio::awaitable<Bytes> receive(std::size_t count) override;
     asio::awaitable<void> close() override;
 

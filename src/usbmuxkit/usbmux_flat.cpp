@@ -100,6 +100,16 @@ bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length) {
     return withTunnel(id, [&](TunnelSession& session) { return session.sendAll(data, length); });
 }
 
+bool usbmux_tunnel_send_pair(tunnel_id id, const void* head, uint32_t headLength, const void* body,
+                             uint32_t bodyLength) {
+    if ((head == nullptr && headLength != 0) || (body == nullptr && bodyLength != 0)) {
+        return false;
+    }
+    return withTunnel(id, [&](TunnelSession& session) {
+        return session.sendAll(head, headLength) && session.sendAll(body, bodyLength);
+    });
+}
+
 bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length) {
     if (buffer == nullptr && length != 0) {
         return false;

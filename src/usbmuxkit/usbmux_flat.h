@@ -49,6 +49,10 @@ void usbmux_mgr_invalidate_tunnel(tunnel_id id);
 
 bool usbmux_tunnel_ensure(tunnel_id id);
 bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length);
+/* head and then body, both to the one connection the tunnel has when the call starts:
+ * a frame's header and body never land on different connections. */
+bool usbmux_tunnel_send_pair(tunnel_id id, const void* head, uint32_t headLength, const void* body,
+                             uint32_t bodyLength);
 bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length);
 
 bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs);

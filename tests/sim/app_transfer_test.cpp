@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <asio.hpp>
 #include <filesystem>
@@ -117,9 +118,20 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     EXPECT_EQ(readFile(root_ / "docs/a.txt"), "HELLO!");
     EXPECT_EQ(summary->contentVersion, contentVersion("docs/a.txt"));
     EXPECT_NE(summary->contentVersion, before);
+    // The replaced content is handed over still open, for its storage to be freed later.
+    const auto replaced = transfer_.takeReplaced();
+    ASSERT_EQ(replaced.size(), 1u);
+    std::string old(5, '\0');
+    EXPECT_EQ(::pread(replaced[0].get(), old.data(), old.size(), 0), 5);
+    EXPECT_EQ(old, "hello");
     ASSERT_EQ(transfer_.commitWrite(commitBody("docs/new.txt")).code, 0);
     EXPECT_EQ(readFile(root_ / "docs/new.txt"), "new");
+<<<<<<< HEAD
     EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 3);
+=======
+    EXPECT_TRUE(transfer_.takeReplaced().empty());
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
+>>>>>>> push
 
     // A commit ends the staged write.
     EXPECT_EQ(transfer_.writeChunk(writeBody("docs/a.txt", 0, "x")).code, 4);

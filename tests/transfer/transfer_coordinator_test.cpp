@@ -62,6 +62,9 @@ public:
     int failReadChunk = 0;
     // The next this many sends find the tunnel lost.
     int lostSends = 0;
+    // The n-th write-chunk send (1-based, retries included) finds the tunnel lost.
+    int loseWriteChunkSend = 0;
+    std::vector<Bytes> writeChunkBodies;  // every write-chunk body sent, retries included
     // Write-chunk replies name this offset instead of the true next one.
     std::optional<std::uint64_t> stuckNextOffset;
     // The n-th write chunk (1-based) is refused.
@@ -74,8 +77,14 @@ public:
     std::optional<RelayAnswer> always;
     std::vector<std::uint64_t> answeredWriteOffsets;
 
-    asio::awaitable<RelayAnswer> send(std::uint16_t code, Bytes body) override {
+    asio::awaitable<RelayAnswer> send(std::uint16_t code, SharedBytes body) override {
         codes.push_back(code);
+        if (code == 11) {
+            writeChunkBodies.push_back(body.bytes());
+            if (static_cast<int>(writeChunkBodies.size()) == loseWriteChunkSend) {
+                co_return RelayAnswer{raw(UsbMuxRelayError::transportFailed), 0, {}};
+            }
+        }
         if (lostSends > 0) {
             --lostSends;
             co_return RelayAnswer{raw(UsbMuxRelayError::notConnected), 0, {}};
@@ -97,7 +106,7 @@ public:
                 held->cancel();
             }
         }
-        co_return answer(code, body);
+        co_return answer(code, body.bytes());
     }
     asio::awaitable<void> reestablish() override {
         ++reestablished;
@@ -343,6 +352,29 @@ TEST_F(TransferCoordinatorTest, PushSendsTheFileInOrderAndKeepsItUntilReleased) 
     EXPECT_FALSE(fs::exists(containerPath / "upload.src"));
 }
 
+TEST_F(TransferCoordinatorTest, ChunkLostWithTheTunnelIsSentAgainWithTheSameBytes) {
+    const Bytes content = pattern(2 * kChunkSize + 7);
+    storage->create("upload.src", 0);
+    std::ofstream(containerPath / "upload.src", std::ios::binary)
+        .write(reinterpret_cast<const char*>(content.data()),
+               static_cast<std::streamsize>(content.size()));
+    phone->loseWriteChunkSend = 2;
+    push({"doc", session, {}, "tok", "upload.src", content.size()});
+
+    EXPECT_EQ(phone->reestablished, 1);
+    ASSERT_EQ(phone->writeChunkBodies.size(), 4u);
+    // Which chunk the lost send carried depends on how the window interleaves; its retry
+    // is the next send of the same offset.
+    const Bytes& lost = phone->writeChunkBodies[1];
+    const auto offsetOf = [](const Bytes& body) { return decodeWriteChunkRequest(body)->offset; };
+    const auto retry =
+        std::find_if(phone->writeChunkBodies.begin() + 2, phone->writeChunkBodies.end(),
+                     [&](const Bytes& b) { return offsetOf(b) == offsetOf(lost); });
+    ASSERT_NE(retry, phone->writeChunkBodies.end());
+    EXPECT_EQ(*retry, lost);
+    EXPECT_EQ(phone->items["doc"].content, content);
+}
+
 TEST_F(TransferCoordinatorTest, PushRefusals) {
     phone->items["doc"] = {pattern(10), {'v', '1'}};
     storage->create("src", 10);
@@ -394,7 +426,22 @@ TEST_F(TransferCoordinatorTest, ShortAnswerRealignsTheChunksInFlight) {
     }
 }
 
+<<<<<<< HEAD
 TEST_F(TransferCoordinatorTest, ARefusalCarriesTheAppsRecordAsItCameAndItsMappedStatus) {
+=======
+// A phone that answers every request the same way.
+class OneAnswerPhone : public RelaySender {
+public:
+    explicit OneAnswerPhone(RelayAnswer answer) : answer_(std::move(answer)) {}
+    asio::awaitable<RelayAnswer> send(std::uint16_t, SharedBytes) override { co_return answer_; }
+    asio::awaitable<void> reestablish() override { co_return; }
+
+private:
+    RelayAnswer answer_;
+};
+
+TEST(TransferRefusal, CarriesTheAppsRecordAsItCameAndItsMappedStatus) {
+>>>>>>> push
     const auto deviceStatus = raw(UsbMuxRelayError::deviceStatus);
     struct Case {
         const char* name;

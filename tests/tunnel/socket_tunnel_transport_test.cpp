@@ -37,10 +37,13 @@ TEST_F(SocketTunnelTransportTest, ConcurrentSendsNeverInterleave) {
     constexpr int kSenders = 8;
     constexpr std::size_t kSize = 256 * 1024;
     std::vector<std::future<void>> sends;
+    // Each unit is a head and a tail from separate buffers, as a frame's header and body.
     for (int i = 0; i < kSenders; ++i) {
-        sends.push_back(asio::co_spawn(runtime.executor(),
-                                       transport->send(Bytes(kSize, static_cast<std::uint8_t>(i))),
-                                       asio::use_future));
+        const auto mark = static_cast<std::uint8_t>(i);
+        sends.push_back(asio::co_spawn(
+            runtime.executor(),
+            transport->send(Bytes(kSize / 4, mark), SharedBytes(Bytes(kSize - kSize / 4, mark))),
+            asio::use_future));
     }
     std::vector<bool> seen(kSenders, false);
     for (int i = 0; i < kSenders; ++i) {
@@ -76,7 +79,7 @@ TEST_F(SocketTunnelTransportTest, PeerCloseOrOwnCloseFailsReceiveWithDisconnecte
     auto waiting = asio::co_spawn(runtime.executor(), other->receive(4), asio::use_future);
     runSync(runtime.executor(), other->close());
     EXPECT_TRUE(disconnectedOf(waiting));
-    EXPECT_THROW(runSync(runtime.executor(), other->send(Bytes{1})), TunnelTransportError);
+    EXPECT_THROW(runSync(runtime.executor(), other->send(Bytes{1}, {})), TunnelTransportError);
 }
 
 }  // namespace

@@ -111,11 +111,11 @@ public:
 
     std::atomic<bool> failSends = false;
 
-    asio::awaitable<void> send(Bytes data) override {
+    asio::awaitable<void> send(Bytes head, SharedBytes tail) override {
         if (failSends) {
             throw TunnelTransportError(TunnelTransportError::Case::ioFailed);
         }
-        co_await inner_->send(std::move(data));
+        co_await inner_->send(std::move(head), std::move(tail));
     }
     asio::awaitable<Bytes> receive(std::size_t count) override {
         co_return co_await inner_->receive(count);

@@ -30,8 +30,8 @@ TEST(UsbMuxTunnelTransport, NativeFailuresMeanDisconnected) {
             [&] { runSync(runtime.executor(), call()); });
     };
     const auto disconnected = TunnelTransportError::Case::disconnected;
-    EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}); }), disconnected);
-    EXPECT_EQ(caseOf([&] { return transport->send({}); }), disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->send(Bytes{1, 2}, Bytes{3}); }), disconnected);
+    EXPECT_EQ(caseOf([&] { return transport->send({}, {}); }), disconnected);
     EXPECT_EQ(caseOf([&] { return transport->receive(16); }), disconnected);
     EXPECT_NO_THROW(runSync(runtime.executor(), transport->close()));
     transport.reset();
