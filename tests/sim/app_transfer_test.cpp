@@ -126,12 +126,8 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     EXPECT_EQ(old, "hello");
     ASSERT_EQ(transfer_.commitWrite(commitBody("docs/new.txt")).code, 0);
     EXPECT_EQ(readFile(root_ / "docs/new.txt"), "new");
-<<<<<<< HEAD
-    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 3);
-=======
     EXPECT_TRUE(transfer_.takeReplaced().empty());
-    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 2);
->>>>>>> push
+    EXPECT_EQ(std::distance(fs::directory_iterator(root_ / "docs"), fs::directory_iterator()), 3);
 
     // A commit ends the staged write.
     EXPECT_EQ(transfer_.writeChunk(writeBody("docs/a.txt", 0, "x")).code, 4);

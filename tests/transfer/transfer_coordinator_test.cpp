@@ -426,22 +426,7 @@ TEST_F(TransferCoordinatorTest, ShortAnswerRealignsTheChunksInFlight) {
     }
 }
 
-<<<<<<< HEAD
 TEST_F(TransferCoordinatorTest, ARefusalCarriesTheAppsRecordAsItCameAndItsMappedStatus) {
-=======
-// A phone that answers every request the same way.
-class OneAnswerPhone : public RelaySender {
-public:
-    explicit OneAnswerPhone(RelayAnswer answer) : answer_(std::move(answer)) {}
-    asio::awaitable<RelayAnswer> send(std::uint16_t, SharedBytes) override { co_return answer_; }
-    asio::awaitable<void> reestablish() override { co_return; }
-
-private:
-    RelayAnswer answer_;
-};
-
-TEST(TransferRefusal, CarriesTheAppsRecordAsItCameAndItsMappedStatus) {
->>>>>>> push
     const auto deviceStatus = raw(UsbMuxRelayError::deviceStatus);
     struct Case {
         const char* name;
