@@ -113,9 +113,7 @@ public:
 
     HarborBridgeHostProtocol& host() { return *host_; }
     void invalidate() {
-        auto handler = std::move(invalidation_);
-        invalidation_ = nullptr;
-        if (handler) {
+        if (auto handler = std::exchange(invalidation_, nullptr)) {
             handler();
         }
     }
