@@ -547,20 +547,19 @@ TEST(NoticeQueueTest, PastTheBoundNoticesAreDroppedAndTheRestKeepTheirOrder) {
     runtime.start();
     auto connection = BusConnection::open(runtime.executor(), bus.address());
     connection->start([] {});
+    Events events;
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<std::int64_t> sent;
     // Hold the strand so that nothing drains while the queue fills; held before the queue
     // registers itself, since registering drains too.
     std::promise<void> release;
-    auto released = release.get_future().share();
-    connection->post([released] { released.wait(); });
+    connection->post([released = release.get_future().share()] { released.wait(); });
     auto queue = NoticeQueue::create(
         connection, "test",
         [&](BusConnection&, std::int64_t m, const Bytes&) {
             std::lock_guard guard(mutex);
             sent.push_back(m);
-            changed.notify_all();
+            events.note("sent");
             return 0;
         },
         100);
@@ -570,16 +569,12 @@ TEST(NoticeQueueTest, PastTheBoundNoticesAreDroppedAndTheRestKeepTheirOrder) {
     EXPECT_FALSE(queue->offer(3, Bytes(40)));
     EXPECT_TRUE(queue->offer(4, Bytes(20)));
     release.set_value();
-    {
-        std::unique_lock lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, kWait, [&] { return sent.size() == 3; }));
-        EXPECT_EQ(sent, (std::vector<std::int64_t>{1, 2, 4}));
-    }
+    ASSERT_TRUE(events.waitFor("sent", 3));
     EXPECT_TRUE(queue->offer(5, Bytes(100)));  // drained: room again
-    std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, kWait, [&] { return sent.size() == 4; }));
-    lock.unlock();
+    EXPECT_TRUE(events.waitFor("sent", 4));
     connection->close();
+    std::lock_guard guard(mutex);
+    EXPECT_EQ(sent, (std::vector<std::int64_t>{1, 2, 4, 5}));
 }
 
 }  // namespace
