@@ -115,7 +115,7 @@ void writeNotes(const std::string& storage) {
     std::ofstream(storage + "/Documents/notes.txt") << "twelve bytes";
 }
 
-RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role) {
+RegisteredClient registerRecorded(ServiceStack& stack, std::int64_t role) {
     RegisteredClient registered;
     registered.recorder = std::make_shared<NotificationRecorder>();
     registered.client = stack.connect(std::make_shared<service::dbus::AnsweringClient>(
@@ -125,6 +125,11 @@ RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role) {
     if (!registered.client->registerClient(role)) {
         throw std::runtime_error("the service refused the registration");
     }
+    return registered;
+}
+
+RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role) {
+    auto registered = registerRecorded(stack, role);
     if (!registered.recorder->waitForState({2, true})) {
         std::string seen;
         for (const auto& n : registered.recorder->notifications()) {

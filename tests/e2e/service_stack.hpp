@@ -25,7 +25,6 @@ inline constexpr auto kE2eWait = std::chrono::seconds(30);
 struct BridgeState {
     std::int64_t source = 0;
     bool connected = false;
-    friend bool operator==(const BridgeState&, const BridgeState&) = default;
 };
 
 // Records the notifications a client receives (the sink of its client object).
@@ -97,12 +96,13 @@ Bytes lookupBody(const std::string& identifier);
 // Storage for the stack: Documents/notes.txt holding "twelve bytes".
 void writeNotes(const std::string& storage);
 
-// Registers a client under `role` whose notifications are recorded and waits until the service has
-// told it that the phone is attached, so that relays can start.
+// A client registered under `role` whose notifications are recorded.
 struct RegisteredClient {
     std::shared_ptr<NotificationRecorder> recorder;
     std::unique_ptr<service::dbus::HarborClient> client;
 };
+RegisteredClient registerRecorded(ServiceStack& stack, std::int64_t role);
+// The same, once the service has told it that the phone is attached, so that relays can start.
 RegisteredClient registerWithPhone(ServiceStack& stack, std::int64_t role);
 
 }  // namespace skiff::test

@@ -4,14 +4,13 @@
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string_view>
 
 #include "common/bridge_protocols.hpp"
 #include "common/json.hpp"
 #include "e2e/skiffctl_fixture.hpp"
 #include "relay/relay_schema.hpp"
+#include "support/file_text.hpp"
 
 namespace skiff::test {
 namespace {
@@ -39,18 +38,6 @@ constexpr std::string_view kPhoneCame =
 constexpr std::string_view kBridgeDown =
     R"({"message":0,"name":"bridgeStateChanged","payload":{"source":2,"connected":false}})";
 
-TEST_F(SkiffctlE2eTest, WatchPrintsThePhoneLeavingAsAJsonLine) {
-    // The service must have the phone before it can tell of it leaving.
-    auto desktop = registerWithPhone(stack_, kDesktopApp);
-    auto watch = start({"watch", "--count", "1"});
-    // The first line comes once the subscriptions are in place.
-    ASSERT_TRUE(watch->waitForOutput(kServiceRunning, kE2eWait)) << watch->output();
-    stack_.phone().detach(ServiceStack::kDevice);
-    const auto watched = finish(*watch);
-    EXPECT_EQ(watched.exitStatus, 0);
-    EXPECT_EQ(linesEqualTo(watched.output, kBridgeDown), 1u) << watched.output;
-}
-
 TEST_F(SkiffctlE2eTest, WatchersOutliveOtherCommandsAndSeeThePhoneComeAndGo) {
     auto desktop = registerWithPhone(stack_, kDesktopApp);
     std::unique_ptr<ChildProcess> watchers[] = {start({"watch"}), start({"watch"})};
@@ -75,7 +62,13 @@ TEST_F(SkiffctlE2eTest, WatchersOutliveOtherCommandsAndSeeThePhoneComeAndGo) {
     EXPECT_EQ(lookup.exitStatus, 0) << lookup.output;
     EXPECT_EQ(run({"--role", "fileprovider", "ping", "desktop"}).exitStatus, 1);
 
+    // One more that ends after its first line, which is the phone leaving.
+    auto once = start({"watch", "--count", "1"});
+    ASSERT_TRUE(once->waitForOutput(kServiceRunning, kE2eWait)) << once->output();
     stack_.phone().detach(ServiceStack::kDevice);
+    const auto watchedOnce = finish(*once);
+    EXPECT_EQ(watchedOnce.exitStatus, 0);
+    EXPECT_EQ(linesEqualTo(watchedOnce.output, kBridgeDown), 1u) << watchedOnce.output;
     for (auto& watch : watchers) {
         EXPECT_TRUE(watch->waitForOutput(kPhoneLeft, kE2eWait)) << watch->output();
         EXPECT_TRUE(watch->waitForOutput(kBridgeDown, kE2eWait)) << watch->output();
@@ -125,130 +118,154 @@ TEST_F(SkiffctlE2eTest, WatchWaitsForSkiffdOrExitsWhenItGoes) {
     EXPECT_EQ(linesEqualTo(early->output(), kServiceRunning), 1u) << early->output();
 }
 
-TEST_F(SkiffctlE2eTest, RelayCarriesBodiesBeyondWhatSuitsABusMessage) {
+// One-shot commands on one running stack, in sections; the item commands come last, as
+// they move the notes.
+TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly) {
     auto desktop = registerWithPhone(stack_, kDesktopApp);
-    TempDir dir("skiff-relay-bodies");
+    TempDir dir("skiff-ctl-files");
     auto writeBody = [&](const std::string& name, const Bytes& body) {
-        const auto path = dir.path() + "/" + name;
-        std::ofstream(path, std::ios::binary)
-            .write(reinterpret_cast<const char*>(body.data()),
-                   static_cast<std::streamsize>(body.size()));
-        return path;
+        writeFile(dir.path() + "/" + name, std::string(body.begin(), body.end()));
+        return dir.path() + "/" + name;
     };
-
-    // A look-up whose JSON trails 100 KiB of white space: the app still reads it, so its
-    // answer shows that the whole body went out and the reply came back.
-    auto lookup = json::encode(relay::RelayLookupRequest{
-        "Documents/notes.txt", relay::RelayLookupSource::fsGetAttributes});
-    ASSERT_TRUE(lookup);
-    lookup->insert(lookup->end(), 100 * 1024, ' ');
-    const auto found = run({"--json", "relay", "2", "--body", writeBody("lookup", *lookup)});
-    ASSERT_EQ(found.exitStatus, 0) << found.output;
-    const auto answer = jsonLines(found.output).at(0);
-    EXPECT_EQ(answer.value("status", -1), 0);
-    EXPECT_EQ(answer.at("body").value("filename", ""), "notes.txt") << found.output;
-
-    // One byte over the service's limit gets the size status, as it would over the bus.
-    const auto tooLarge = run({"--json", "relay", "2", "--body",
-                               writeBody("large", Bytes(service::kMaxRelayBodyBytes + 1, ' '))});
-    EXPECT_EQ(tooLarge.exitStatus, 1) << tooLarge.output;
-    EXPECT_EQ(jsonLines(tooLarge.output).at(0).value("status", -1), 7) << tooLarge.output;
-}
-
-TEST_F(SkiffctlE2eTest, LookupPrintsTheSummaryOrTheAppsAnswer) {
-    const auto found = run({"--role", "fileprovider", "--json", "lookup", "Documents/notes.txt"});
-    ASSERT_EQ(found.exitStatus, 0) << found.output;
-    const auto summary = jsonLines(found.output);
-    ASSERT_EQ(summary.size(), 1u) << found.output;
-    EXPECT_EQ(summary[0].value("size", 0), 12);
-    EXPECT_EQ(summary[0].value("filename", ""), "notes.txt");
-
-    const auto missing = run({"--role", "fileprovider", "lookup", "Documents/none"});
-    EXPECT_EQ(missing.exitStatus, 1);
-    EXPECT_NE(missing.output.find("status 9 (deviceStatus), detail 1 (notFound)"),
-              std::string::npos)
-        << missing.output;
-
-    // Without registering, the service refuses to relay.
-    const auto refused = run({"--role", "none", "--json", "relay", "2"});
-    EXPECT_EQ(refused.exitStatus, 1);
-    EXPECT_NE(refused.output.find(R"("status":1)"), std::string::npos) << refused.output;
-
-    // sdbus-c++ 1.2.0 leaks its half-made connection when the bus cannot be reached.
-    const auto noBus = run({"--bus", "unix:path=" + stack_.storage() + "/no-bus", "version"},
-                           {"ASAN_OPTIONS=detect_leaks=0"});
-    EXPECT_EQ(noBus.exitStatus, 2) << noBus.output;
-}
-
-TEST_F(SkiffctlE2eTest, MeasurementsNeedAFileProviderAndSkiffctlCanBeOne) {
-    for (const char* command : {"host-to-ext", "ext-to-host"}) {
-        const auto measured = run({"--role", "fileprovider", "--json", command, "64K", "4"});
-        ASSERT_EQ(measured.exitStatus, 0) << command << ": " << measured.output;
-        const auto result = jsonLines(measured.output);
-        ASSERT_EQ(result.size(), 1u) << measured.output;
-        EXPECT_GE(result[0].value("seconds", -1.0), 0.0) << command;
-
-        const auto alone = run({"--role", "none", command, "64K", "4"});
-        EXPECT_EQ(alone.exitStatus, 1) << command << ": " << alone.output;
+    {
+        // First, while no file provider has come and gone.
+        SCOPED_TRACE("exit statuses");
+        const auto missing = dir.path() + "/missing";
+        struct Case {
+            std::vector<std::string> args;
+            int status;
+            std::string says;
+        };
+        const std::vector<Case> cases = {
+            {{"--version"}, 0, "skiffctl "},
+            {{"status", "--json"}, 0, "\"fileProviderRegistered\":false"},
+            {{"no-such-command"}, 4, ""},
+            {{"pull"}, 4, "identifier is required"},
+            {{"echo", "--count", "-5"}, 4, ""},
+            {{"ingest", "65M"}, 4, "one bus message carries no more"},
+            {{"--bogus", "version"}, 4, ""},
+            {{"push", missing, "Documents/x"}, 3, "cannot read"},
+            {{"relay", "2", "--body", missing}, 3, "cannot read"},
+            {{"pull", "Documents/notes.txt", missing + "/in/no/folder"}, 3, "cannot write"},
+            {{"pull", "Documents/absent.txt", dir.path()}, 1, "not found on the phone"},
+        };
+        for (const auto& c : cases) {
+            const auto ran = run(c.args);
+            EXPECT_EQ(ran.exitStatus, c.status) << c.args.front() << ": " << ran.output;
+            EXPECT_NE(ran.output.find(c.says), std::string::npos) << ran.output;
+        }
+        // sdbus-c++ 1.2.0 leaks its half-made connection when the bus cannot be reached.
+        const auto noBus = run({"--bus", "unix:path=" + dir.path() + "/no-bus", "version"},
+                               {"ASAN_OPTIONS=detect_leaks=0"});
+        EXPECT_EQ(noBus.exitStatus, 2) << noBus.output;
     }
-    const auto ping = run({"--role", "fileprovider", "ext-to-host-ping", "0"});
-    EXPECT_EQ(ping.exitStatus, 0) << ping.output;
-    const auto ingest = run({"--role", "none", "--json", "ingest", "1M"});
-    ASSERT_EQ(ingest.exitStatus, 0) << ingest.output;
-    EXPECT_EQ(jsonLines(ingest.output).at(0).value("byteCount", 0), 1048576);
-}
+    {
+        SCOPED_TRACE("relay bodies beyond what suits a bus message");
+        // A look-up whose JSON trails 100 KiB of white space: the app still reads it, so its
+        // answer shows that the whole body went out and the reply came back.
+        auto lookup = json::encode(relay::RelayLookupRequest{
+            "Documents/notes.txt", relay::RelayLookupSource::fsGetAttributes});
+        ASSERT_TRUE(lookup);
+        lookup->insert(lookup->end(), 100 * 1024, ' ');
+        const auto found = run({"--json", "relay", "2", "--body", writeBody("lookup", *lookup)});
+        ASSERT_EQ(found.exitStatus, 0) << found.output;
+        const auto answer = jsonLines(found.output).at(0);
+        EXPECT_EQ(answer.value("status", -1), 0);
+        EXPECT_EQ(answer.at("body").value("filename", ""), "notes.txt") << found.output;
 
-}  // namespace
-}  // namespace skiff::test
-
-namespace skiff::test {
-namespace {
-
-TEST_F(SkiffctlE2eTest, ItemCommandsChangeThePhonesStorageAndSayWhyWhenRefused) {
-    namespace fs = std::filesystem;
-    const fs::path storage = stack_.storage();
-    ASSERT_EQ(run({"mkdir", "Documents/new"}).exitStatus, 0);
-    EXPECT_TRUE(fs::is_directory(storage / "Documents/new"));
-
-    const auto moved = run({"--json", "mv", "Documents/notes.txt", "Documents/new/n.txt"});
-    ASSERT_EQ(moved.exitStatus, 0) << moved.output;
-    const auto movedLines = jsonLines(moved.output);
-    ASSERT_EQ(movedLines.size(), 1u) << moved.output;
-    EXPECT_EQ(movedLines[0]["item"].value("identifier", ""), "Documents/new/n.txt");
-    EXPECT_EQ(movedLines[0].value("status", -1), 0);
-
-    const auto listed = run({"ls", "-l", "Documents"});
-    EXPECT_EQ(listed.exitStatus, 0) << listed.output;
-    EXPECT_TRUE(listed.output.starts_with("d ")) << listed.output;
-    EXPECT_TRUE(listed.output.ends_with(" UTC  new/\n")) << listed.output;
-    const auto inside = run({"--json", "ls", "Documents/new"});
-    ASSERT_EQ(jsonLines(inside.output).size(), 1u) << inside.output;
-    const auto items = jsonLines(inside.output)[0]["items"];
-    ASSERT_EQ(items.size(), 1u) << inside.output;
-    EXPECT_EQ(items[0].value("size", 0), 12);
-
-    // Refusals: in words, and the numbers with --json.
-    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
-        {{"rm", "Documents"}, "directory not empty"},
-        {{"mkdir", "Documents/new"}, "already exists on the phone"},
-        {{"ls", "Documents/none"}, "not found on the phone"},
-        {{"ls", "Documents/new/n.txt"}, "not a directory"},
-        {{"mv", "Documents/new/n.txt", "Documents"}, "is a directory"},
-        {{"rm", "/Documents"}, "not a valid identifier"},
-    };
-    for (const auto& [args, words] : refusals) {
-        const auto refused = run(args);
-        EXPECT_EQ(refused.exitStatus, 1) << refused.output;
-        EXPECT_NE(refused.output.find(words), std::string::npos) << refused.output;
+        // One byte over the service's limit gets the size status, as it would over the bus.
+        const auto tooLarge =
+            run({"--json", "relay", "2", "--body",
+                 writeBody("large", Bytes(service::kMaxRelayBodyBytes + 1, ' '))});
+        EXPECT_EQ(tooLarge.exitStatus, 1) << tooLarge.output;
+        EXPECT_EQ(jsonLines(tooLarge.output).at(0).value("status", -1), 7) << tooLarge.output;
     }
-    EXPECT_EQ(linesEqualTo(run({"--json", "rm", "Documents"}).output,
-                           R"({"status":9,"detail":3,"error":"directory not empty"})"),
-              1u);
+    {
+        SCOPED_TRACE("lookup");
+        const auto found =
+            run({"--role", "fileprovider", "--json", "lookup", "Documents/notes.txt"});
+        ASSERT_EQ(found.exitStatus, 0) << found.output;
+        const auto summary = jsonLines(found.output);
+        ASSERT_EQ(summary.size(), 1u) << found.output;
+        EXPECT_EQ(summary[0].value("size", 0), 12);
+        EXPECT_EQ(summary[0].value("filename", ""), "notes.txt");
 
-    ASSERT_EQ(run({"rm", "Documents/new/n.txt"}).exitStatus, 0);
-    ASSERT_EQ(run({"rm", "Documents/new"}).exitStatus, 0);
-    EXPECT_EQ(run({"ls", "Documents"}).output, "");
-    EXPECT_FALSE(fs::exists(storage / "Documents/new"));
+        const auto missing = run({"--role", "fileprovider", "lookup", "Documents/none"});
+        EXPECT_EQ(missing.exitStatus, 1);
+        EXPECT_NE(missing.output.find("status 9 (deviceStatus), detail 1 (notFound)"),
+                  std::string::npos)
+            << missing.output;
+
+        // Without registering, the service refuses to relay.
+        const auto refused = run({"--role", "none", "--json", "relay", "2"});
+        EXPECT_EQ(refused.exitStatus, 1);
+        EXPECT_NE(refused.output.find(R"("status":1)"), std::string::npos) << refused.output;
+    }
+    {
+        SCOPED_TRACE("measurements need a file provider, and skiffctl can be one");
+        for (const char* command : {"host-to-ext", "ext-to-host"}) {
+            const auto measured = run({"--role", "fileprovider", "--json", command, "64K", "4"});
+            ASSERT_EQ(measured.exitStatus, 0) << command << ": " << measured.output;
+            const auto result = jsonLines(measured.output);
+            ASSERT_EQ(result.size(), 1u) << measured.output;
+            EXPECT_GE(result[0].value("seconds", -1.0), 0.0) << command;
+
+            const auto alone = run({"--role", "none", command, "64K", "4"});
+            EXPECT_EQ(alone.exitStatus, 1) << command << ": " << alone.output;
+        }
+        const auto ping = run({"--role", "fileprovider", "ext-to-host-ping", "0"});
+        EXPECT_EQ(ping.exitStatus, 0) << ping.output;
+        const auto ingest = run({"--role", "none", "--json", "ingest", "1M"});
+        ASSERT_EQ(ingest.exitStatus, 0) << ingest.output;
+        EXPECT_EQ(jsonLines(ingest.output).at(0).value("byteCount", 0), 1048576);
+    }
+    {
+        SCOPED_TRACE("item commands");
+        namespace fs = std::filesystem;
+        const fs::path storage = stack_.storage();
+        ASSERT_EQ(run({"mkdir", "Documents/new"}).exitStatus, 0);
+        EXPECT_TRUE(fs::is_directory(storage / "Documents/new"));
+
+        const auto moved = run({"--json", "mv", "Documents/notes.txt", "Documents/new/n.txt"});
+        ASSERT_EQ(moved.exitStatus, 0) << moved.output;
+        const auto movedLines = jsonLines(moved.output);
+        ASSERT_EQ(movedLines.size(), 1u) << moved.output;
+        EXPECT_EQ(movedLines[0]["item"].value("identifier", ""), "Documents/new/n.txt");
+        EXPECT_EQ(movedLines[0].value("status", -1), 0);
+
+        const auto listed = run({"ls", "-l", "Documents"});
+        EXPECT_EQ(listed.exitStatus, 0) << listed.output;
+        EXPECT_TRUE(listed.output.starts_with("d ")) << listed.output;
+        EXPECT_TRUE(listed.output.ends_with(" UTC  new/\n")) << listed.output;
+        const auto inside = run({"--json", "ls", "Documents/new"});
+        ASSERT_EQ(jsonLines(inside.output).size(), 1u) << inside.output;
+        const auto items = jsonLines(inside.output)[0]["items"];
+        ASSERT_EQ(items.size(), 1u) << inside.output;
+        EXPECT_EQ(items[0].value("size", 0), 12);
+
+        // Refusals: in words, and the numbers with --json.
+        const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
+            {{"rm", "Documents"}, "directory not empty"},
+            {{"mkdir", "Documents/new"}, "already exists on the phone"},
+            {{"ls", "Documents/none"}, "not found on the phone"},
+            {{"ls", "Documents/new/n.txt"}, "not a directory"},
+            {{"mv", "Documents/new/n.txt", "Documents"}, "is a directory"},
+            {{"rm", "/Documents"}, "not a valid identifier"},
+        };
+        for (const auto& [args, words] : refusals) {
+            const auto refused = run(args);
+            EXPECT_EQ(refused.exitStatus, 1) << refused.output;
+            EXPECT_NE(refused.output.find(words), std::string::npos) << refused.output;
+        }
+        EXPECT_EQ(linesEqualTo(run({"--json", "rm", "Documents"}).output,
+                               R"({"status":9,"detail":3,"error":"directory not empty"})"),
+                  1u);
+
+        ASSERT_EQ(run({"rm", "Documents/new/n.txt"}).exitStatus, 0);
+        ASSERT_EQ(run({"rm", "Documents/new"}).exitStatus, 0);
+        EXPECT_EQ(run({"ls", "Documents"}).output, "");
+        EXPECT_FALSE(fs::exists(storage / "Documents/new"));
+    }
 }
 
 }  // namespace

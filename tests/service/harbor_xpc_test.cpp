@@ -25,9 +25,7 @@
 namespace skiff::service {
 namespace {
 
-using skiff::testing::eventually;
 using testing::FakeConnection;
-using RelayResult = std::tuple<Bytes, std::int64_t, std::int64_t>;
 
 constexpr std::size_t kLimit = 5'242'880;
 
@@ -45,18 +43,15 @@ protected:
         collaborators.volumeListener = listener;
     }
 
-    std::future<std::pair<Bytes, std::int64_t>> fileIO(FakeConnection& from, std::int64_t op,
-                                                       std::string_view json) {
-        auto promise = std::make_shared<std::promise<std::pair<Bytes, std::int64_t>>>();
-        from.host().requestFileIO(op, Bytes(json.begin(), json.end()),
-                                  [promise](Bytes data, std::int64_t status) {
-                                      promise->set_value({std::move(data), status});
-                                  });
-        return promise->get_future();
-    }
-    static std::int64_t fileIOStatusOf(std::future<std::pair<Bytes, std::int64_t>> reply) {
-        EXPECT_TRUE(skiff::testing::readyInTime(reply));
-        auto [data, status] = reply.get();
+    using FileIOAnswer = testing::Answer<Bytes, std::int64_t>;
+    using RelayAnswer = testing::Answer<Bytes, std::int64_t, std::int64_t>;
+    using SpeedAnswer = testing::Answer<bool, std::string>;
+
+    // The status of a failed file operation, which answers no data.
+    static std::int64_t fileIOStatus(FakeConnection& from, std::int64_t op, std::string_view json) {
+        FileIOAnswer answer;
+        from.host().requestFileIO(op, Bytes(json.begin(), json.end()), answer.reply());
+        auto [data, status] = answer.get();
         EXPECT_TRUE(data.empty());
         return status;
     }
@@ -70,28 +65,23 @@ protected:
         return connection;
     }
 
-    std::future<RelayResult> relay(FakeConnection& from, std::size_t size) {
-        auto promise = std::make_shared<std::promise<RelayResult>>();
-        from.host().relayToUsbMux(2, Bytes(size, 0x5A),
-                                  [promise](Bytes data, std::int64_t status, std::int64_t code) {
-                                      promise->set_value({std::move(data), status, code});
-                                  });
-        return promise->get_future();
+    static RelayAnswer relay(FakeConnection& from, std::size_t size) {
+        RelayAnswer answer;
+        from.host().relayToUsbMux(2, Bytes(size, 0x5A), answer.reply());
+        return answer;
     }
-    static std::int64_t statusOf(std::future<RelayResult> reply) {
-        EXPECT_TRUE(skiff::testing::readyInTime(reply));
-        auto [data, status, code] = reply.get();
+    // The status of a relay answered with nothing.
+    static std::int64_t statusOf(RelayAnswer answer) {
+        auto [data, status, code] = answer.get();
         EXPECT_TRUE(data.empty());
         EXPECT_EQ(code, 0);
         return status;
     }
 
-    std::future<std::pair<bool, std::string>> speedTest(FakeConnection& from) {
-        auto promise = std::make_shared<std::promise<std::pair<bool, std::string>>>();
-        from.host().runUsbMuxSpeedTest([promise](bool ok, std::string text) {
-            promise->set_value({ok, std::move(text)});
-        });
-        return promise->get_future();
+    static SpeedAnswer speedTest(FakeConnection& from) {
+        SpeedAnswer answer;
+        from.host().runUsbMuxSpeedTest(answer.reply());
+        return answer;
     }
 
     std::shared_ptr<relay::testing::FakeOpener> opener;
@@ -118,18 +108,15 @@ TEST_F(HarborXpcTest, RelayChecksCallerThenSizeThenPhone) {
     core->handleUsbDeviceEvent(1, "PHONE");
     auto reply = relay(*extension, kLimit);
     EXPECT_EQ(opener->answer(0, 0, {1, 2, 3}).size(), kLimit);
-    ASSERT_TRUE(skiff::testing::readyInTime(reply));
-    EXPECT_EQ(std::get<0>(reply.get()), (Bytes{1, 2, 3}));
+    EXPECT_EQ(reply.first(), (Bytes{1, 2, 3}));
 }
 
 TEST_F(HarborXpcTest, StatusFollowsPhonesInArrivalOrderAndTheFileProvider) {
     auto stranger = client(std::nullopt);
     auto statusNow = [&] {
-        std::promise<Bytes> answer;
-        stranger->host().getStatus([&](Bytes body) { answer.set_value(std::move(body)); });
-        auto future = answer.get_future();
-        EXPECT_TRUE(skiff::testing::readyInTime(future));
-        return json::decode<ServiceStatus>(future.get()).value_or(ServiceStatus{-1, {}, false});
+        testing::Answer<Bytes> answer;
+        stranger->host().getStatus(answer.reply());
+        return json::decode<ServiceStatus>(answer.first()).value_or(ServiceStatus{-1, {}, false});
     };
     EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {}, false}));
 
@@ -142,39 +129,30 @@ TEST_F(HarborXpcTest, StatusFollowsPhonesInArrivalOrderAndTheFileProvider) {
     EXPECT_EQ(statusNow().attachedDevices, std::vector<std::string>{"A"});
 }
 
-TEST_F(HarborXpcTest, PingReachesOtherRolesThroughTheirEcho) {
+TEST_F(HarborXpcTest, PingsAndMeasurementsReachOnlyARegisteredOtherRole) {
     auto stranger = client(std::nullopt);
     auto app = client(HarborBridgeClientRole::desktopApp);
-    std::optional<bool> answer;
-    auto ping = [&](FakeConnection& from, HarborBridgeClientRole target) {
-        answer.reset();
-        from.host().ping(static_cast<std::int64_t>(target), [&](bool ok) { answer = ok; });
-        return answer;
-    };
-
-    EXPECT_EQ(ping(*stranger, HarborBridgeClientRole::desktopApp), false);
-    EXPECT_EQ(ping(*app, HarborBridgeClientRole::desktopApp), true);
-    EXPECT_EQ(ping(*app, HarborBridgeClientRole::fileProvider), false);
-    auto extension = client(HarborBridgeClientRole::fileProvider);
-    EXPECT_EQ(ping(*app, HarborBridgeClientRole::fileProvider), true);
-    EXPECT_EQ(extension->client->echoCount(), 1);
-    EXPECT_EQ(app->client->echoCount(), 0);
-}
-
-TEST_F(HarborXpcTest, ExtensionMeasurementsNeedTheExtension) {
-    auto app = client(HarborBridgeClientRole::desktopApp);
     std::vector<double> results;
-    auto keep = [&](double value) { results.push_back(value); };
+    auto keep = [&](auto value) { results.push_back(static_cast<double>(value)); };
+    auto ping = [&](FakeConnection& from, HarborBridgeClientRole target) {
+        from.host().ping(static_cast<std::int64_t>(target), keep);
+    };
+    ping(*stranger, HarborBridgeClientRole::desktopApp);
+    ping(*app, HarborBridgeClientRole::desktopApp);
+    ping(*app, HarborBridgeClientRole::fileProvider);
     app->host().requestHostToExtThroughput(8, 2, keep);
     app->host().requestExtToHostPing(4, keep);
     app->host().requestExtToHostThroughput(8, 2, keep);
-    EXPECT_EQ(results, (std::vector<double>{-1.0, -1.0, -1.0}));
+    EXPECT_EQ(results, (std::vector<double>{0, 1, 0, -1.0, -1.0, -1.0}));
 
-    client(HarborBridgeClientRole::fileProvider);
+    auto extension = client(HarborBridgeClientRole::fileProvider);
     results.clear();
+    ping(*app, HarborBridgeClientRole::fileProvider);
     app->host().requestExtToHostPing(4, keep);
     app->host().requestExtToHostThroughput(8, 2, keep);
-    EXPECT_EQ(results, (std::vector<double>{2.0, 16.0}));  // the extension's own answers
+    EXPECT_EQ(results, (std::vector<double>{1, 2.0, 16.0}));  // the extension's own answers
+    EXPECT_EQ(extension->client->echoes, 1);                  // the ping's
+    EXPECT_EQ(app->client->echoes, 0);
 }
 
 TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
@@ -201,34 +179,30 @@ TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
     EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
 }
 
-TEST_F(HarborXpcTest, FileIOAnswersItsGuardsBeforeAnyTransfer) {
+TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndThePhonesRefusalAsTheAppSentIt) {
     const std::string beginRead =
         R"({"identifier":"x","sessionID":"00000000-0000-0000-0000-000000000001"})";
     auto stranger = client(std::nullopt);
-    EXPECT_EQ(fileIOStatusOf(fileIO(*stranger, 0, beginRead)), 1);
+    EXPECT_EQ(fileIOStatus(*stranger, 0, beginRead), 1);
     auto usbMuxClient = client(HarborBridgeClientRole::usbMux);
-    EXPECT_EQ(fileIOStatusOf(fileIO(*usbMuxClient, 1, R"({"token":"t"})")), 1);
+    EXPECT_EQ(fileIOStatus(*usbMuxClient, 1, R"({"token":"t"})"), 1);
 
     auto app = client(HarborBridgeClientRole::desktopApp);
-    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 0, R"({"identifier":"x"})")), 3);
-    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 3, "not json")), 3);
-    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 0, beginRead)), 4);  // no phone attached
+    EXPECT_EQ(fileIOStatus(*app, 0, R"({"identifier":"x"})"), 3);
+    EXPECT_EQ(fileIOStatus(*app, 3, "not json"), 3);
+    EXPECT_EQ(fileIOStatus(*app, 0, beginRead), 4);  // no phone attached
     // A release needs no phone, and an unknown token is fine.
-    EXPECT_EQ(fileIOStatusOf(fileIO(*app, 1, R"({"token":"never"})")), 0);
+    EXPECT_EQ(fileIOStatus(*app, 1, R"({"token":"never"})"), 0);
     EXPECT_THROW(app->host().requestFileIO(4, {}, [](Bytes, std::int64_t) {}), InvalidArgs);
-}
 
-TEST_F(HarborXpcTest, APhonesRefusalOfATransferAnswersWithTheAppsRejection) {
-    auto app = client(HarborBridgeClientRole::desktopApp);
     core->handleUsbDeviceEvent(1, "PHONE");
-    auto reply = fileIO(
-        *app, 0, R"({"identifier":"gone","sessionID":"00000000-0000-0000-0000-000000000001"})");
+    FileIOAnswer refused;
+    app->host().requestFileIO(0, Bytes(beginRead.begin(), beginRead.end()), refused.reply());
     const auto rejection = json::encode(transfer::FileIODeviceRejection{6}).value();
     opener->answer(0, 6, rejection);
-    ASSERT_TRUE(skiff::testing::readyInTime(reply));
-    const auto [body, status] = reply.get();
-    EXPECT_EQ(status, static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected));
-    EXPECT_EQ(body, rejection);
+    EXPECT_EQ(refused.get(),
+              std::make_tuple(rejection, static_cast<std::int64_t>(
+                                             transfer::FileIOBridgeError::deviceRejected)));
 }
 
 TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {
@@ -259,9 +233,8 @@ TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmou
             volume->failWith(*c.unmountFailure);
         }
         const int unmountsBefore = listener->unmounts;
-        auto promise = std::make_shared<std::promise<bool>>();
-        app->host().shutdown([promise](bool ok) { promise->set_value(ok); });
-        auto replied = promise->get_future();
+        testing::Answer<bool> replied;
+        app->host().shutdown(replied.reply());
         if (c.phone) {
             auto& app = opener->peer(0);
             auto notice = app.readFrame();
@@ -270,8 +243,7 @@ TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmou
             app.writeFrame(tunnel::FrameKind::response, 0, notice.header.flow);
             ++notices;
         }
-        ASSERT_TRUE(skiff::testing::readyInTime(replied));
-        EXPECT_EQ(replied.get(), c.reply);
+        EXPECT_EQ(replied.first(), c.reply);
         EXPECT_TRUE(capture.contains(c.line));
         EXPECT_EQ(capture.contains("filesystemUnmounted — iOS notified"), c.phone);
         EXPECT_EQ(listener->unmounts, unmountsBefore + 1);
@@ -285,11 +257,10 @@ TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmou
 TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {
     auto app = client(HarborBridgeClientRole::desktopApp);
     usbMux->measurement = {"", 1.234, 100.0, 838.8608, 50.5, 423.6};
-    auto done = speedTest(*app);
-    ASSERT_TRUE(skiff::testing::readyInTime(done));
-    EXPECT_EQ(done.get(), std::make_pair(true, std::string("UDID: unknown\nRTT: 1.23 ms\n"
-                                                           "Download: 100.00 MiB/s (838.9 Mbit/s)\n"
-                                                           "Upload: 50.50 MiB/s (423.6 Mbit/s)")));
+    EXPECT_EQ(speedTest(*app).get(),
+              std::make_tuple(true, std::string("UDID: unknown\nRTT: 1.23 ms\n"
+                                                "Download: 100.00 MiB/s (838.9 Mbit/s)\n"
+                                                "Upload: 50.50 MiB/s (423.6 Mbit/s)")));
     EXPECT_EQ(usbMux->rounds.back(),
               std::make_pair(std::uint16_t{33325}, std::uint64_t{0x3000000}));
 
@@ -300,9 +271,7 @@ TEST_F(HarborXpcTest, SpeedTestReportsAndNamesItsFailures) {
                                         "port 33325"},
                               std::pair{Kind::other, "upload failed"}}) {
         usbMux->failure = SpeedTestError(kind, "upload failed");
-        auto failed = speedTest(*app);
-        ASSERT_TRUE(skiff::testing::readyInTime(failed));
-        EXPECT_EQ(failed.get(), std::make_pair(false, std::string(text)));
+        EXPECT_EQ(speedTest(*app).get(), std::make_tuple(false, std::string(text)));
     }
 }
 
@@ -324,7 +293,7 @@ TEST_F(HarborXpcTest, SpeedTestKeepsTheRelayOffItsConnection) {
     ASSERT_TRUE(skiff::testing::readyInTime(running));
     auto during = relay(*extension, 1);
     roundMayEnd.resume();
-    ASSERT_TRUE(skiff::testing::readyInTime(done));
+    done.get();
 
     opener->answer(1, 0, {});
     EXPECT_EQ(statusOf(std::move(during)), 0);

@@ -5,18 +5,22 @@
 #include <gtest/gtest.h>
 
 #include <asio.hpp>
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "common/bridge_protocols.hpp"
 #include "common/io_runtime.hpp"
+#include "common/run_sync.hpp"
 #include "service/bridge_core.hpp"
 #include "service/service_delegate.hpp"
 #include "service/usbmux_link.hpp"
@@ -28,24 +32,42 @@ struct Notification {
     std::string body;
 };
 
-// A client that records what the service calls on it and answers at once.
+// The arguments a call hands its reply, waited for within the usual bound.
+template <class... Args>
+class Answer {
+public:
+    std::function<void(Args...)> reply() {
+        return [promise = promise_](Args... args) { promise->set_value({std::move(args)...}); };
+    }
+    std::tuple<Args...> get() {
+        if (!skiff::testing::readyInTime(future_)) {
+            throw std::runtime_error("no reply in time");
+        }
+        return future_.get();
+    }
+    auto first() { return std::get<0>(get()); }
+
+private:
+    std::shared_ptr<std::promise<std::tuple<Args...>>> promise_ =
+        std::make_shared<std::promise<std::tuple<Args...>>>();
+    std::future<std::tuple<Args...>> future_ = promise_->get_future();
+};
+
+// A client that records what the service calls on it and answers at once, or holds its
+// ingest replies when told to.
 class FakeClient : public HarborBridgeClientProtocol {
 public:
     void echo(std::function<void()> reply) override {
-        bump(echoes);
+        ++echoes;
         reply();
     }
     void benchmarkIngest(Bytes data, std::function<void(std::uint64_t)> reply) override {
-        {
-            std::lock_guard guard(mutex);
-            ingested.push_back(data.size());
-        }
+        ingested.push_back(data.size());
         if (holdIngest) {
-            std::lock_guard guard(mutex);
             heldIngest = [reply, n = data.size()] { reply(n); };
-            return;
+        } else {
+            reply(data.size());
         }
-        reply(data.size());
     }
     void runExtToHostPing(std::int64_t value, std::function<void(double)> reply) override {
         reply(static_cast<double>(value) / 2);
@@ -63,23 +85,14 @@ public:
         std::lock_guard guard(mutex);
         return notifications;
     }
-    int echoCount() const {
-        std::lock_guard guard(mutex);
-        return echoes;
-    }
 
     mutable std::mutex mutex;
-    std::vector<Notification> notifications;
+    std::vector<Notification> notifications;  // arrive from the core's strand
+    // The rest is filled by calls the core makes on the test's own thread.
     std::vector<std::size_t> ingested;
-    int echoes = 0;
+    std::atomic<int> echoes = 0;
     bool holdIngest = false;
     std::function<void()> heldIngest;
-
-private:
-    void bump(int& counter) {
-        std::lock_guard guard(mutex);
-        ++counter;
-    }
 };
 
 class FakeConnection : public ClientConnection {
@@ -100,9 +113,7 @@ public:
 
     HarborBridgeHostProtocol& host() { return *host_; }
     void invalidate() {
-        auto handler = std::move(invalidation_);
-        invalidation_ = nullptr;
-        if (handler) {
+        if (auto handler = std::exchange(invalidation_, nullptr)) {
             handler();
         }
     }
@@ -120,10 +131,7 @@ public:
         co_return;
     }
     asio::awaitable<void> start() override {
-        {
-            std::lock_guard guard(mutex);
-            ++starts;
-        }
+        ++starts;
         if (failStart) {
             throw std::runtime_error("manager did not start");
         }
@@ -144,14 +152,9 @@ public:
         co_return measurement;
     }
 
-    int startCount() {
-        std::lock_guard guard(mutex);
-        return starts;
-    }
-
     std::mutex mutex;
     DeviceEventHandler handler;
-    int starts = 0;
+    std::atomic<int> starts = 0;
     bool failStart = false;
     std::vector<std::pair<std::uint16_t, std::uint64_t>> rounds;
     SpeedTestMeasurement measurement;

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <stdexcept>
 
 extern char** environ;
@@ -21,17 +22,14 @@ namespace skiff::test {
 namespace {
 
 std::vector<std::string> mergedEnvironment(const std::vector<std::string>& extra) {
+    std::set<std::string_view> replaced;
+    for (const auto& x : extra) {
+        replaced.insert(std::string_view(x).substr(0, x.find('=')));
+    }
     std::vector<std::string> env;
     for (char** e = environ; *e != nullptr; ++e) {
-        std::string_view entry(*e);
-        std::string_view name = entry.substr(0, entry.find('='));
-        bool replaced = false;
-        for (const auto& x : extra) {
-            if (std::string_view(x).substr(0, x.find('=')) == name) {
-                replaced = true;
-            }
-        }
-        if (!replaced) {
+        const std::string_view entry(*e);
+        if (!replaced.contains(entry.substr(0, entry.find('=')))) {
             env.emplace_back(entry);
         }
     }
@@ -48,16 +46,6 @@ std::vector<char*> pointers(std::vector<std::string>& strings) {
     return out;
 }
 
-// Waits until fd is readable or the deadline passes; true when readable.
-bool pollReadable(int fd, std::chrono::milliseconds timeout) {
-    pollfd p{fd, POLLIN, 0};
-    int rc;
-    do {
-        rc = ::poll(&p, 1, int(timeout.count()));
-    } while (rc < 0 && errno == EINTR);
-    return rc > 0;
-}
-
 }  // namespace
 
 ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv) {
@@ -72,8 +60,8 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::strin
     auto env = mergedEnvironment(extraEnv);
     auto argvPtrs = pointers(argv);
     auto envPtrs = pointers(env);
-    int rc = ::posix_spawn(&pid_, argv.at(0).c_str(), &actions, nullptr, argvPtrs.data(),
-                           envPtrs.data());
+    int rc = ::posix_spawnp(&pid_, argv.at(0).c_str(), &actions, nullptr, argvPtrs.data(),
+                            envPtrs.data());
     posix_spawn_file_actions_destroy(&actions);
     ::close(pipeFds[1]);
     if (rc != 0) {
@@ -83,6 +71,7 @@ ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::strin
         throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
     }
     outputFd_ = pipeFds[0];
+    // Waits on it are bounded polls of the exit, without sleeping.
     pidFd_ = int(::syscall(SYS_pidfd_open, pid_, 0));
     reader_ = std::thread([this] { readOutput(); });
 }
@@ -169,12 +158,8 @@ std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) 
         if (left <= std::chrono::milliseconds(0)) {
             return std::nullopt;
         }
-        if (pidFd_ >= 0) {
-            pollReadable(pidFd_, left);
-        } else {
-            // No pidfd on this kernel: poll the exit in short steps up to the deadline.
-            std::this_thread::sleep_for(std::min(left, std::chrono::milliseconds(20)));
-        }
+        pollfd exited{pidFd_, POLLIN, 0};
+        ::poll(&exited, 1, int(left.count()));
     }
 }
 

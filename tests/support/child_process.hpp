@@ -19,8 +19,9 @@ namespace skiff::test {
 // so a test never leaves a process behind.
 class ChildProcess {
 public:
-    // argv[0] is the program path. extraEnv entries ("NAME=value") are added to, or
-    // replace, this process's environment. Throws std::runtime_error when spawning fails.
+    // argv[0] is the program, a path or a name looked up in PATH. extraEnv entries ("NAME=value")
+    // are added to, or replace, this process's environment. Throws std::runtime_error when spawning
+    // fails.
     explicit ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv = {});
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
@@ -36,6 +37,8 @@ public:
 
     // Waits for the process to exit by itself; its wait status, or nullopt on time-out.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout);
+
+    pid_t pid() const { return pid_; }
 
     // SIGTERM, then SIGKILL after grace; returns the wait status. Harmless when already
     // stopped.

@@ -14,13 +14,6 @@ std::string udidArgument(const std::string& udid) {
     return udid.empty() ? "\"\"" : udid;
 }
 
-uint32_t firstNumber(const sim::ControlReply& reply) {
-    if (reply.lines.empty()) {
-        throw std::runtime_error("the simulator answered without a handle");
-    }
-    return uint32_t(std::stoul(reply.lines.front()));
-}
-
 }  // namespace
 
 SimulatedPhone::SimulatedPhone(std::vector<std::string> devices, std::vector<std::string> extraArgs)
@@ -34,7 +27,7 @@ SimulatedPhone::SimulatedPhone(std::vector<std::string> devices, std::vector<std
     argv.insert(argv.end(), extraArgs.begin(), extraArgs.end());
     argv_ = std::move(argv);
     start();
-    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + muxSocketPath()).c_str(), 1);
+    ::setenv("USBMUXD_SOCKET_ADDRESS", ("UNIX:" + dir_.path() + "/usbmuxd.sock").c_str(), 1);
 }
 
 void SimulatedPhone::stop() {
@@ -58,52 +51,45 @@ SimulatedPhone::~SimulatedPhone() {
     process_.reset();
 }
 
-std::string SimulatedPhone::muxSocketPath() const {
-    return dir_.path() + "/usbmuxd.sock";
-}
-
-std::string SimulatedPhone::controlSocketPath() const {
-    return dir_.path() + "/control.sock";
-}
-
 std::string SimulatedPhone::muxEnvironment() const {
-    return "USBMUXD_SOCKET_ADDRESS=UNIX:" + muxSocketPath();
+    return "USBMUXD_SOCKET_ADDRESS=UNIX:" + dir_.path() + "/usbmuxd.sock";
 }
 
 sim::ControlReply SimulatedPhone::command(const std::string& line) {
-    return sim::sendControlCommand(controlSocketPath(), line);
+    return sim::sendControlCommand(dir_.path() + "/control.sock", line);
 }
 
-namespace {
-
-sim::ControlReply mustSucceed(sim::ControlReply reply, const std::string& line) {
+sim::ControlReply SimulatedPhone::mustSucceed(const std::string& line) {
+    auto reply = command(line);
     if (!reply.ok) {
         throw std::runtime_error("simulator refused \"" + line + "\": " + reply.error);
     }
     return reply;
 }
 
-}  // namespace
+std::uint32_t SimulatedPhone::numberAnswering(const std::string& line) {
+    const auto reply = mustSucceed(line);
+    if (reply.lines.empty()) {
+        throw std::runtime_error("the simulator answered \"" + line + "\" without a number");
+    }
+    return std::uint32_t(std::stoul(reply.lines.front()));
+}
 
 uint32_t SimulatedPhone::attach(const std::string& udid) {
-    std::string line = "attach " + udidArgument(udid);
-    return firstNumber(mustSucceed(command(line), line));
+    return numberAnswering("attach " + udidArgument(udid));
 }
 
 void SimulatedPhone::detach(const std::string& udid) {
-    std::string line = "detach " + udidArgument(udid);
-    mustSucceed(command(line), line);
+    mustSucceed("detach " + udidArgument(udid));
 }
 
 uint32_t SimulatedPhone::replug(const std::string& udid) {
-    std::string line = "replug " + udidArgument(udid);
-    return firstNumber(mustSucceed(command(line), line));
+    return numberAnswering("replug " + udidArgument(udid));
 }
 
 std::vector<SimulatedConnection> SimulatedPhone::connections() {
-    auto reply = mustSucceed(command("connections"), "connections");
     std::vector<SimulatedConnection> out;
-    for (const auto& line : reply.lines) {
+    for (const auto& line : mustSucceed("connections").lines) {
         size_t first = line.find(' ');
         size_t second = line.find(' ', first + 1);
         out.push_back({uint32_t(std::stoul(line.substr(0, first))),
@@ -114,8 +100,7 @@ std::vector<SimulatedConnection> SimulatedPhone::connections() {
 }
 
 size_t SimulatedPhone::drop(const std::string& udid) {
-    std::string line = udid.empty() ? "drop" : "drop " + udid;
-    return firstNumber(mustSucceed(command(line), line));
+    return numberAnswering(udid.empty() ? "drop" : "drop " + udid);
 }
 
 }  // namespace skiff::test

@@ -28,8 +28,6 @@ public:
     SimulatedPhone(const SimulatedPhone&) = delete;
     SimulatedPhone& operator=(const SimulatedPhone&) = delete;
 
-    std::string muxSocketPath() const;
-    std::string controlSocketPath() const;
     // "USBMUXD_SOCKET_ADDRESS=UNIX:..." for child processes that should see this phone.
     std::string muxEnvironment() const;
 
@@ -47,12 +45,16 @@ public:
     // it is ready. stop() is harmless when stopped.
     void stop();
     void start();
-    bool running() const { return process_ != nullptr; }
 
     // Precondition: running().
     ChildProcess& process() { return *process_; }
 
 private:
+    // The reply to `line`, or std::runtime_error when the simulator refuses it.
+    sim::ControlReply mustSucceed(const std::string& line);
+    // The number a command answers with first (a handle or a count).
+    std::uint32_t numberAnswering(const std::string& line);
+
     TempDir dir_;
     std::vector<std::string> argv_;
     std::unique_ptr<ChildProcess> process_;

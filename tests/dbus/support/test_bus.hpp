@@ -2,16 +2,16 @@
 // A private session bus for tests: its own dbus-daemon on a socket in a temporary
 // directory, stopped (and the directory removed) when the object goes away.
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
+
+#include "support/child_process.hpp"
 
 namespace skiff::testing {
 
 class TestBus {
 public:
     TestBus();  // throws std::runtime_error when the daemon does not come up
-    ~TestBus();
     TestBus(const TestBus&) = delete;
     TestBus& operator=(const TestBus&) = delete;
 
@@ -22,12 +22,9 @@ public:
     void kill();
 
 private:
-    void stopDaemon(int signal);
-    void shutdown();
-
-    std::string dir_;
+    test::TempDir dir_{"skiff-bus"};
+    std::unique_ptr<test::ChildProcess> daemon_;
     std::string address_;
-    pid_t pid_ = -1;
 };
 
 }  // namespace skiff::testing
