@@ -62,7 +62,8 @@ public:
     void setLostHandler(std::function<void()> onLost);
 
     // The host with callbacks: replies and errors arrive on the client's bus thread;
-    // a failed call reaches `errorHandler` and never its reply.
+    // a failed call reaches `errorHandler` and never its reply. It shares the bus
+    // connection, so the service sees this client leave only once the host is gone too.
     std::shared_ptr<HarborBridgeHostProtocol> host(
         std::function<void(const BusError&)> errorHandler);
 
