@@ -156,8 +156,8 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
     }
     std::shared_ptr<tunnel::TunnelTransport> transport;
     try {
-        // Whatever was bound before is dead or for another key: drop it first, since
-        // closing it later would invalidate the fresh tunnel under the same key.
+        // Whatever was bound before is dead or for another key: drop its connection first,
+        // so that the open below connects anew instead of finding the dead one.
         co_await unbindAndClose();
         transport = co_await opener_->open(port);
         if (transport) {
