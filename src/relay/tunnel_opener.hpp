@@ -22,7 +22,8 @@ public:
 };
 
 // Over usbmux_tunnel_ensure and usbmux_mgr_invalidate_tunnel; both may block, so they
-// run on a serial queue of their own.
+// run on a serial queue of their own. A transport it opens keeps to the connection it
+// was opened on.
 class UsbMuxTunnelOpener : public TunnelOpener {
 public:
     UsbMuxTunnelOpener();

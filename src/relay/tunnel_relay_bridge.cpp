@@ -154,10 +154,13 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
     if (current == key) {
         co_return binding_;
     }
+    // The old binding's number is retired before the first co_await: a failure of one of its
+    // requests that arrives while this one binds must not unbind or close the new one.
+    const std::uint64_t number = ++binding_;
     std::shared_ptr<tunnel::TunnelTransport> transport;
     try {
-        // Whatever was bound before is dead or for another key: drop it first, since
-        // closing it later would invalidate the fresh tunnel under the same key.
+        // Whatever was bound before is dead or for another key: drop its connection first,
+        // so that the open below connects anew instead of finding the dead one.
         co_await unbindAndClose();
         transport = co_await opener_->open(port);
         if (transport) {
@@ -171,9 +174,8 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
                     self->handlePush(code, std::move(body));
                 }
             };
-            co_await engine_->bind(std::move(binding));
             transport_ = transport;
-            ++binding_;
+            co_await engine_->bind(std::move(binding));
         }
     } catch (const std::exception& e) {
         log::xpc().error("relay tunnel bind failed: %{public}s", e.what());
@@ -182,13 +184,14 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
     if (!transport) {
         co_return std::nullopt;
     }
-    co_return binding_;
+    co_return number;
 }
 
 asio::awaitable<void> TunnelRelayBridge::unbindAndClose() {
+    // Taken before the co_await: a binding made meanwhile keeps its own transport.
+    auto transport = std::exchange(transport_, nullptr);
     co_await engine_->unbind();
-    if (auto transport = std::move(transport_)) {
-        transport_.reset();
+    if (transport) {
         co_await transport->close();
     }
 }

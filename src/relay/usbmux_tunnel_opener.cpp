@@ -17,12 +17,15 @@ UsbMuxTunnelOpener::UsbMuxTunnelOpener() : queue_("Mox.Harbor.relay-tunnel-opene
 asio::awaitable<std::shared_ptr<tunnel::TunnelTransport>> UsbMuxTunnelOpener::open(
     std::uint16_t port) {
     const tunnel_id id = firstDeviceTunnel(port);
-    auto ensure = [id] { return usbmux_tunnel_ensure(id); };
-    const bool ensured = co_await queue_.run(ensure);
-    if (!ensured) {
-        co_return nullptr;
-    }
-    co_return std::make_shared<tunnel::UsbMuxTunnelTransport>(id);
+    // The transport takes the connection just ensured, in the same job: no other caller's
+    // drop or reconnect can come between.
+    auto ensure = [id]() -> std::shared_ptr<tunnel::TunnelTransport> {
+        if (!usbmux_tunnel_ensure(id)) {
+            return nullptr;
+        }
+        return std::make_shared<tunnel::UsbMuxTunnelTransport>(id);
+    };
+    co_return co_await queue_.run(ensure);
 }
 
 asio::awaitable<void> UsbMuxTunnelOpener::invalidate(std::uint16_t port) {

@@ -22,17 +22,17 @@ TunnelTransportError disconnected() {
 
 UsbMuxTunnelTransport::UsbMuxTunnelTransport(tunnel_id tunnel)
     : tunnel_(tunnel),
+      connection_(usbmux_tunnel_conn_acquire(tunnel), &usbmux_tunnel_conn_release),
       sendQueue_(queueLabel(tunnel.port, ".send")),
       recvQueue_(queueLabel(tunnel.port, ".recv")) {}
 
 asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes head, SharedBytes tail) {
-    // An empty unit still reaches the native layer, which ensures the tunnel. One native
-    // call for both pieces, so that they go to one connection with no other send between.
+    // One native call for both pieces, so that no other send comes between them.
     // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
-    auto write = [tunnel = tunnel_, head = std::move(head), tail = std::move(tail)] {
-        return usbmux_tunnel_send_pair(tunnel, head.data(), static_cast<std::uint32_t>(head.size()),
-                                       tail.bytes().data(),
-                                       static_cast<std::uint32_t>(tail.size()));
+    auto write = [connection = connection_, head = std::move(head), tail = std::move(tail)] {
+        return usbmux_tunnel_conn_send_pair(
+            connection.get(), head.data(), static_cast<std::uint32_t>(head.size()),
+            tail.bytes().data(), static_cast<std::uint32_t>(tail.size()));
     };
     bool sent = co_await sendQueue_.run(std::move(write));
     if (!sent) {
@@ -44,9 +44,10 @@ asio::awaitable<Bytes> UsbMuxTunnelTransport::receive(std::size_t count) {
     if (count > std::numeric_limits<std::uint32_t>::max()) {
         fatalError("receive count over 32 bits");
     }
-    auto read = [tunnel = tunnel_, count] {
+    auto read = [connection = connection_, count] {
         Bytes buffer(count);
-        bool ok = usbmux_tunnel_recv(tunnel, buffer.data(), static_cast<std::uint32_t>(count));
+        bool ok = usbmux_tunnel_conn_recv(connection.get(), buffer.data(),
+                                          static_cast<std::uint32_t>(count));
         return ok ? std::optional<Bytes>(std::move(buffer)) : std::nullopt;
     };
     std::optional<Bytes> received = co_await recvQueue_.run(std::move(read));
@@ -57,7 +58,9 @@ asio::awaitable<Bytes> UsbMuxTunnelTransport::receive(std::size_t count) {
 }
 
 asio::awaitable<void> UsbMuxTunnelTransport::close() {
-    auto invalidate = [tunnel = tunnel_] { usbmux_mgr_invalidate_tunnel(tunnel); };
+    auto invalidate = [connection = connection_] {
+        usbmux_tunnel_conn_invalidate(connection.get());
+    };
     co_await sendQueue_.run(std::move(invalidate));
 }
 

@@ -26,6 +26,7 @@ void TunnelSession::close() {
 }
 
 void TunnelSession::interrupt() {
+    interrupted_.store(true, std::memory_order_release);
     const int32_t fd = fd_.load(std::memory_order_acquire);
     if (fd >= 0) {
         ::shutdown(fd, SHUT_RDWR);
@@ -40,11 +41,18 @@ bool TunnelSession::sendAll(const void* data, uint32_t length) {
         return false;
     }
     if (length == 0) {
-        return true;
+        return !interrupted();
     }
     const char* bytes = static_cast<const char*>(data);
     uint32_t sentTotal = 0;
     for (;;) {
+        if (interrupted()) {
+            skiff::log::usbMuxNative().error(
+                "[UsbTunnelManager] sendAll failed: connection dropped fd=%{public}d "
+                "sentTotal=%{public}u total=%{public}u",
+                fd, sentTotal, length);
+            return false;
+        }
         const uint32_t requestChunk = std::min(length - sentTotal, kChunkSize);
         uint32_t chunk = 0;
         const int rc = usbmuxBackend().send(fd, bytes + sentTotal, requestChunk, &chunk);
@@ -71,11 +79,18 @@ bool TunnelSession::recvAll(void* buffer, uint32_t length) {
         return false;
     }
     if (length == 0) {
-        return true;
+        return !interrupted();
     }
     char* bytes = static_cast<char*>(buffer);
     uint32_t recvTotal = 0;
     for (;;) {
+        if (interrupted()) {
+            skiff::log::usbMuxNative().error(
+                "[UsbTunnelManager] recvAll failed: connection dropped fd=%{public}d "
+                "recvTotal=%{public}u total=%{public}u",
+                fd, recvTotal, length);
+            return false;
+        }
         const uint32_t requestChunk = std::min(length - recvTotal, kChunkSize);
         uint32_t got = 0;
         const int st = usbmuxBackend().recv(fd, bytes + recvTotal, requestChunk, &got);
@@ -104,6 +119,9 @@ bool TunnelSession::readLine(std::string& line) {
     }
     line.clear();
     for (;;) {
+        if (interrupted()) {
+            return false;
+        }
         char byte = 0;
         uint32_t got = 0;
         // One byte per call: payload bytes may follow the line directly.

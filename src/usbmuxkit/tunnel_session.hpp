@@ -4,9 +4,9 @@
 //
 // No lock: at most one sender and one receiver at a time (the socket is full duplex).
 // The tunnel manager shares sessions with running transfers: to drop one it calls
-// interrupt(), which wakes a blocked transfer but keeps the descriptor, and the
-// socket is disconnected only when the last owner lets go, so a transfer never
-// touches a descriptor number that was handed out again.
+// interrupt(), which wakes a blocked transfer and fails every later one but keeps the
+// descriptor, and the socket is disconnected only when the last owner lets go, so a
+// transfer never touches a descriptor number that was handed out again.
 
 #include <atomic>
 #include <cstdint>
@@ -26,7 +26,8 @@ public:
 
     // Disconnects the socket; a closed session stays closed. Harmless twice.
     void close();
-    // Shuts the socket down both ways so a blocked transfer returns with a failure;
+    // Shuts the socket down both ways so a blocked transfer returns with a failure, and
+    // fails every later transfer (bytes still buffered on the socket are not handed out);
     // the descriptor itself stays open until close() or destruction.
     void interrupt();
 
@@ -36,12 +37,14 @@ public:
     bool readLine(std::string& line);
 
     int32_t fd() const { return fd_.load(std::memory_order_acquire); }
+    bool interrupted() const { return interrupted_.load(std::memory_order_acquire); }
     const std::string& udid() const { return udid_; }
     int32_t deviceHandle() const { return deviceHandle_; }
     uint16_t port() const { return port_; }
 
 private:
     std::atomic<int32_t> fd_;
+    std::atomic<bool> interrupted_{false};
     std::string udid_;
     int32_t deviceHandle_;
     uint16_t port_;

@@ -490,4 +490,19 @@ void UsbTunnelManager::invalidateSession(const std::string& udid, uint16_t port)
     release(dropped);
 }
 
+void UsbTunnelManager::invalidateSession(const std::shared_ptr<TunnelSession>& session) {
+    if (!session) {
+        return;
+    }
+    Dropped dropped{session};
+    {
+        std::lock_guard lock(impl_->mutex);
+        const auto it = impl_->tunnels.find(TunnelKey{session->udid(), session->port()});
+        if (it != impl_->tunnels.end() && it->second == session) {
+            impl_->tunnels.erase(it);
+        }
+    }
+    release(dropped);
+}
+
 }  // namespace usbmuxkit

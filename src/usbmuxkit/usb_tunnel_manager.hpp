@@ -6,7 +6,8 @@
 // the watcher thread that follows the daemon (subscribing, reporting removals) share the device
 // list and the tunnel table under one mutex, never held while the device-event callback runs nor
 // during a transfer. The table holds sessions by shared_ptr; sessionFor hands out a share, so a
-// transfer keeps its session alive. Dropping a session from the table (invalidate, prune, stale
+// transfer keeps its session alive, and a holder of a share keeps to that session even after
+// the table has moved on to a new one. Dropping a session from the table (invalidate, prune, stale
 // replace, shutdown) interrupts its socket to wake a blocked transfer; the last owner disconnects
 // it.
 
@@ -68,6 +69,9 @@ public:
     bool ensureTunnel(const std::string& udid, uint16_t port);
     std::shared_ptr<TunnelSession> sessionFor(const std::string& udid, uint16_t port);
     void invalidateSession(const std::string& udid, uint16_t port);
+    // Interrupts session, and drops it from the table only if it is still its tunnel's:
+    // a session that was replaced meanwhile must not take its successor down with it.
+    void invalidateSession(const std::shared_ptr<TunnelSession>& session);
 
     // The measurement line protocol; results go to the out pointers (when given)
     // only on success, and the figures to standard output, failures to standard error.

@@ -3,12 +3,19 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <string>
 
 #include "usbmuxkit/usb_tunnel_manager.hpp"
 
 using usbmuxkit::TunnelSession;
 using usbmuxkit::UsbTunnelManager;
+
+// A share of one session: the socket stays open until the last share goes.
+struct usbmux_tunnel_conn {
+    std::shared_ptr<TunnelSession> session;
+};
 
 namespace {
 
@@ -100,21 +107,46 @@ bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length) {
     return withTunnel(id, [&](TunnelSession& session) { return session.sendAll(data, length); });
 }
 
-bool usbmux_tunnel_send_pair(tunnel_id id, const void* head, uint32_t headLength, const void* body,
-                             uint32_t bodyLength) {
-    if ((head == nullptr && headLength != 0) || (body == nullptr && bodyLength != 0)) {
-        return false;
-    }
-    return withTunnel(id, [&](TunnelSession& session) {
-        return session.sendAll(head, headLength) && session.sendAll(body, bodyLength);
-    });
-}
-
 bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length) {
     if (buffer == nullptr && length != 0) {
         return false;
     }
     return withTunnel(id, [&](TunnelSession& session) { return session.recvAll(buffer, length); });
+}
+
+usbmux_tunnel_conn* usbmux_tunnel_conn_acquire(tunnel_id id) {
+    std::shared_ptr<TunnelSession> session =
+        UsbTunnelManager::shared().sessionFor(udidOf(id), id.port);
+    if (!session) {
+        return nullptr;
+    }
+    return new (std::nothrow) usbmux_tunnel_conn{std::move(session)};
+}
+
+bool usbmux_tunnel_conn_send_pair(usbmux_tunnel_conn* conn, const void* head, uint32_t headLength,
+                                  const void* body, uint32_t bodyLength) {
+    if (conn == nullptr || (head == nullptr && headLength != 0) ||
+        (body == nullptr && bodyLength != 0)) {
+        return false;
+    }
+    return conn->session->sendAll(head, headLength) && conn->session->sendAll(body, bodyLength);
+}
+
+bool usbmux_tunnel_conn_recv(usbmux_tunnel_conn* conn, void* buffer, uint32_t length) {
+    if (conn == nullptr || (buffer == nullptr && length != 0)) {
+        return false;
+    }
+    return conn->session->recvAll(buffer, length);
+}
+
+void usbmux_tunnel_conn_invalidate(usbmux_tunnel_conn* conn) {
+    if (conn != nullptr) {
+        UsbTunnelManager::shared().invalidateSession(conn->session);
+    }
+}
+
+void usbmux_tunnel_conn_release(usbmux_tunnel_conn* conn) {
+    delete conn;
 }
 
 bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs) {

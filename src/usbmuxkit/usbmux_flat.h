@@ -47,13 +47,29 @@ void usbmux_mgr_free_tunnels(tunnel_id* tunnels, int32_t count);
 bool usbmux_mgr_check_connected(tunnel_id id);
 void usbmux_mgr_invalidate_tunnel(tunnel_id id);
 
+/* The transfers by tunnel_id ensure first, so after a drop they go to a new connection. */
 bool usbmux_tunnel_ensure(tunnel_id id);
 bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length);
-/* head and then body, both to the one connection the tunnel has when the call starts:
- * a frame's header and body never land on different connections. */
-bool usbmux_tunnel_send_pair(tunnel_id id, const void* head, uint32_t headLength, const void* body,
-                             uint32_t bodyLength);
 bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length);
+
+/* One connection of a tunnel, for a user that must never follow the tunnel to a new
+ * connection: what it still sends or reads after the connection was dropped fails, even
+ * once the tunnel has been connected anew, so a request given up on is never answered
+ * into its successor. The handle keeps the connection alive until it is released; any
+ * thread may use it, with at most one sending and one receiving thread at a time. */
+typedef struct usbmux_tunnel_conn usbmux_tunnel_conn;
+
+/* The connection the tunnel has now, or null when it has none; it does not connect. */
+usbmux_tunnel_conn* usbmux_tunnel_conn_acquire(tunnel_id id);
+/* head and then body, to this connection only, with no other send between them. */
+bool usbmux_tunnel_conn_send_pair(usbmux_tunnel_conn* conn, const void* head, uint32_t headLength,
+                                  const void* body, uint32_t bodyLength);
+bool usbmux_tunnel_conn_recv(usbmux_tunnel_conn* conn, void* buffer, uint32_t length);
+/* Drops this connection and wakes its transfers; the tunnel forgets it unless another
+ * connection has replaced it already, which stays. */
+void usbmux_tunnel_conn_invalidate(usbmux_tunnel_conn* conn);
+/* Null is harmless. */
+void usbmux_tunnel_conn_release(usbmux_tunnel_conn* conn);
 
 bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs);
 bool usbmux_mgr_run_download_test(tunnel_id id, uint64_t bytes, double* seconds);

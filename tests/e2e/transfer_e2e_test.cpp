@@ -111,6 +111,21 @@ TEST_F(TransferE2eTest, PulledAndPushedBytesMatchAtChunkBoundaries) {
     }
 }
 
+TEST_F(TransferE2eTest, AFetchWhoseTunnelDropsMidwayReconnectsAndCompletes) {
+    const auto onPhone = pattern(3 * kChunk, 3);
+    writeFile(fs::path(stack_.storage()) / "Documents/big.bin", onPhone);
+    const auto pulledTo = (fs::path(local_.path()) / "big.bin").string();
+
+    // The app closes the tunnel on the second chunk while the next one is already asked
+    // for: what was still under way on the dropped connection must not spoil the new one.
+    stack_.phone().command("fault drop-at-chunk 2");
+    const auto cut = run({"--json", "pull", "Documents/big.bin", pulledTo});
+    stack_.phone().command("fault clear");
+    ASSERT_EQ(cut.exitStatus, 0) << cut.output;
+    EXPECT_EQ(readFile(pulledTo), onPhone);
+    EXPECT_TRUE(leftovers(stack_).empty()) << leftovers(stack_).front();
+}
+
 TEST_F(TransferE2eTest, APhoneUnpluggedMidFetchFailsItAndTheNextFetchWorks) {
     const auto onPhone = pattern(4 * kChunk, 4);
     writeFile(fs::path(stack_.storage()) / "Documents/big.bin", onPhone);
