@@ -4,10 +4,13 @@
 // skiffd makes one in main; tests make their own and stop them. start() and
 // stop() may be called from any thread but one of the pool's own. stop() stops the context
 // and joins the threads; handlers still queued are destroyed with the context, so a
-// coroutine suspended at that point is destroyed, never resumed. Declare the runtime
-// before (so that it outlives) every object that uses its executor.
+// coroutine suspended at that point is destroyed, never resumed. drain() first waits for
+// the completions that blocking jobs on other threads (SerialQueue's) still owe the
+// context, so that none is posted into it once it is gone. Declare the runtime before (so
+// that it outlives) every object that uses its executor.
 
 #include <asio.hpp>
+#include <chrono>
 #include <cstddef>
 #include <mutex>
 #include <optional>
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "common/check.hpp"
+#include "common/runtime_detail.hpp"
 
 namespace skiff::runtime {
 
@@ -39,6 +43,13 @@ public:
         for (std::size_t i = 0; i < threadCount_; ++i) {
             threads_.emplace_back([this] { context_.run(); });
         }
+    }
+
+    // Waits up to `limit` for the completions jobs on other threads still owe, while the
+    // pool runs on, then stops.
+    void drain(std::chrono::milliseconds limit) {
+        asio::use_service<detail::OwedCompletions>(context_).waitSettled(limit);
+        stop();
     }
 
     // Stops the context and joins the pool; does nothing when it is not running.

@@ -34,6 +34,10 @@
 
 namespace {
 
+// How long the last tasks get to end once the graph is taken down; what still waits then
+// (nothing, normally) is dropped with the runtime.
+constexpr std::chrono::milliseconds kDrainLimit{5000};
+
 // A socket address that names no socket is usually a typo or a daemon not started yet;
 // skiffd waits for it either way, but says so, since nothing else would.
 void warnIfUsbmuxdMissing() {
@@ -175,6 +179,7 @@ int main(int argc, char** argv) {
     // The USB layer stops while the runtime still runs its last tasks, so no device event
     // is delivered into a torn-down graph.
     asio::co_spawn(runtime.executor(), usbMux.shutdown(), asio::use_future).get();
-    runtime.stop();
+    // A tunnel's blocking receive ends with the USB layer and still posts its completion.
+    runtime.drain(kDrainLimit);
     return status;
 }
