@@ -10,6 +10,18 @@
 #include "usbmuxkit/usbmux_backend.hpp"
 
 namespace usbmuxkit {
+namespace {
+
+// A dropped connection fails every later transfer, even with bytes still buffered.
+bool droppedMidway(const char* call, int32_t fd, uint32_t done, uint32_t total) {
+    skiff::log::usbMuxNative().error(
+        "[UsbTunnelManager] %{public}s failed: connection dropped fd=%{public}d "
+        "done=%{public}u total=%{public}u",
+        call, fd, done, total);
+    return false;
+}
+
+}  // namespace
 
 TunnelSession::TunnelSession(int32_t fd, std::string udid, int32_t deviceHandle, uint16_t port)
     : fd_(fd), udid_(std::move(udid)), deviceHandle_(deviceHandle), port_(port) {}
@@ -47,11 +59,7 @@ bool TunnelSession::sendAll(const void* data, uint32_t length) {
     uint32_t sentTotal = 0;
     for (;;) {
         if (interrupted()) {
-            skiff::log::usbMuxNative().error(
-                "[UsbTunnelManager] sendAll failed: connection dropped fd=%{public}d "
-                "sentTotal=%{public}u total=%{public}u",
-                fd, sentTotal, length);
-            return false;
+            return droppedMidway("sendAll", fd, sentTotal, length);
         }
         const uint32_t requestChunk = std::min(length - sentTotal, kChunkSize);
         uint32_t chunk = 0;
@@ -85,11 +93,7 @@ bool TunnelSession::recvAll(void* buffer, uint32_t length) {
     uint32_t recvTotal = 0;
     for (;;) {
         if (interrupted()) {
-            skiff::log::usbMuxNative().error(
-                "[UsbTunnelManager] recvAll failed: connection dropped fd=%{public}d "
-                "recvTotal=%{public}u total=%{public}u",
-                fd, recvTotal, length);
-            return false;
+            return droppedMidway("recvAll", fd, recvTotal, length);
         }
         const uint32_t requestChunk = std::min(length - recvTotal, kChunkSize);
         uint32_t got = 0;
