@@ -6,12 +6,19 @@
 
 #include <asio.hpp>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/run_sync.hpp"
+#include "relay/item_requests.hpp"
+#include "relay/volume_records.hpp"
+#include "sim/app_items.hpp"
+#include "sim/app_link.hpp"
 #include "sim/app_storage_fixture.hpp"
+#include "sim/app_volume.hpp"
 #include "sim/companion_app.hpp"
 #include "transfer/file_io_records.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
@@ -141,6 +148,31 @@ TEST_F(AppTransferTest, WritesStayInvisibleUntilTheCommit) {
     EXPECT_NE(contentVersion("docs/a.txt"), current);
 }
 
+TEST_F(AppTransferTest, AStageStartsFromTheItemsContentSoUnsentRangesKeepThePhonesBytes) {
+    struct Case {
+        const char* id;
+        std::uint64_t size;
+        std::uint64_t offset;
+        const char* chunk;  // nullptr: none sent
+        std::string after;
+    };
+    const Case cases[] = {
+        {"docs/a.txt", 5, 1, "EL", "hELlo"},
+        {"docs/a.txt", 3, 0, nullptr, "hel"},
+        {"docs/a.txt", 8, 6, "!", std::string("hello\0!\0", 8)},
+        {"docs/new.txt", 4, 2, "ab", std::string("\0\0ab", 4)},  // a new item starts empty
+    };
+    for (const auto& [id, size, offset, chunk, after] : cases) {
+        populate();
+        ASSERT_EQ(transfer_.stageWrite(stageBody(id, size, contentVersion(id))).code, 0) << after;
+        if (chunk != nullptr) {
+            ASSERT_EQ(transfer_.writeChunk(writeBody(id, offset, chunk)).code, 0) << after;
+        }
+        ASSERT_EQ(transfer_.commitWrite(commitBody(id)).code, 0) << after;
+        EXPECT_EQ(readFile(root_ / id), after);
+    }
+}
+
 TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
     const auto seen = contentVersion("docs/a.txt");
     writeFile(root_ / "docs/a.txt", "changed by hand");
@@ -235,6 +267,129 @@ TEST_F(FramedTransferTest, ChunkFaultsHitTheNthChunkRequestOnly) {
     } catch (const tunnel::TunnelEngineError& error) {
         EXPECT_EQ(error.errorCase(), tunnel::TunnelEngineError::Case::disconnected);
     }
+}
+
+// Holds the requests its handler is given until opened; used on the app's thread only.
+struct Gate {
+    explicit Gate(asio::any_io_executor executor) : timer(executor) {}
+    asio::steady_timer timer;
+    bool open = false;
+};
+
+asio::awaitable<tunnel::TunnelMessage> afterGate(std::shared_ptr<Gate> gate,
+                                                 AppRequestHandler inner, Bytes body) {
+    while (!gate->open) {
+        gate->timer.expires_after(std::chrono::hours(1));
+        std::error_code cancelled;
+        co_await gate->timer.async_wait(asio::redirect_error(asio::use_awaitable, cancelled));
+    }
+    co_return co_await inner(std::move(body));
+}
+
+TEST_F(FramedTransferTest, RequestsOfOneItemAreHandledInArrivalOrderWhileOthersGoOn) {
+    installLookupHandler(app_.handlers(), root_);
+    // The stage is held back: without the order, its chunks and commit would overtake it.
+    auto gate = std::make_shared<Gate>(io_.get_executor());
+    auto& stage = app_.handlers()[kStageWriteRequestCode];
+    stage = [gate, inner = stage](Bytes body) { return afterGate(gate, inner, std::move(body)); };
+
+    const std::pair<std::uint16_t, Bytes> pipelined[] = {
+        {kStageWriteRequestCode, stageBody("docs/a.txt", 6, contentVersion("docs/a.txt"))},
+        {kWriteChunkRequestCode, writeBody("docs/a.txt", 0, "HE")},
+        {kWriteChunkRequestCode, writeBody("docs/a.txt", 4, "O!")},
+        {kCommitWriteRequestCode, commitBody("docs/a.txt")},
+    };
+    std::vector<std::future<tunnel::TunnelMessage>> answers;
+    for (const auto& [code, body] : pipelined) {
+        answers.push_back(asio::co_spawn(io_, engine_->request(code, body), asio::use_future));
+    }
+    // Another item is answered meanwhile; once it is, every request above has arrived.
+    const std::string lookup = R"({"identifier":"file.txt","source":"fsGetAttributes"})";
+    EXPECT_EQ(request(kLookupRequestCode, Bytes(lookup.begin(), lookup.end())), 0);
+    asio::post(io_, [gate] {
+        gate->open = true;
+        gate->timer.cancel();
+    });
+    for (auto& answer : answers) {
+        ASSERT_TRUE(skiff::testing::readyInTime(answer));
+        EXPECT_EQ(answer.get().code, 0);
+    }
+    EXPECT_EQ(readFile(root_ / "docs/a.txt"), "HEllO!");
+}
+
+TEST_F(FramedTransferTest, AnswerFaultsLieAsTheirSwitchSays) {
+    installItemHandlers(app_.handlers(), root_);
+    installVolumeHandlers(app_.handlers(), root_);
+    const auto listDocs = *json::encode(relay::RelayListRequest{"docs", std::nullopt});
+    const auto listed = [](const tunnel::TunnelMessage& answer) {
+        return json::decode<relay::RelayListReply>(answer.payload)
+            .value_or(relay::RelayListReply{});
+    };
+    const auto identifiers = [&](const tunnel::TunnelMessage& answer) {
+        std::vector<std::string> ids;
+        for (const auto& item : listed(answer).items) {
+            ids.push_back(item.identifier);
+        }
+        return ids;
+    };
+    struct Case {
+        const char* fault;
+        std::uint16_t code;
+        Bytes body;
+        std::function<void(const tunnel::TunnelMessage&)> check;
+    };
+    const Case cases[] = {
+        {"short-chunk", kReadChunkRequestCode, *encodeReadChunkRequest("docs/a.txt", 0),
+         [](const auto& answer) {
+             EXPECT_EQ(answer.payload, Bytes({'h', 'e'}));
+         }},
+        {"short-chunk", 10,
+         *relay::encodeRangeReadRequest({"docs/a.txt", 1, 4, contentVersion("docs/a.txt")}),
+         [](const auto& answer) {
+             EXPECT_EQ(answer.payload, Bytes({'e', 'l'}));
+         }},
+        {"endless-list", 3, *json::encode(relay::RelayListRequest{"empty", std::nullopt}),
+         [&](const auto& answer) {
+             const auto cursor = listed(answer).nextCursor;
+             ASSERT_TRUE(cursor);
+             const auto next = skiff::testing::runSync(
+                 io_.get_executor(),
+                 engine_->request(3, *json::encode(relay::RelayListRequest{"empty", cursor})));
+             EXPECT_EQ(listed(next).nextCursor, cursor);  // again and again
+         }},
+        {"bad-names", 3, listDocs,
+         [&](const auto& answer) {
+             EXPECT_EQ(
+                 identifiers(answer),
+                 (std::vector<std::string>{"docs/a.txt", "docs/sub", "docs/", "docs/.", "docs/..",
+                                           "docs/a/b", std::string("docs/n\0ul", 9)}));
+         }},
+        {"foreign-entry", 3, listDocs,
+         [&](const auto& answer) { EXPECT_EQ(identifiers(answer).back(), "other/foreign"); }},
+        {"non-utf8-name", 3, listDocs,
+         [](const auto& answer) {
+             EXPECT_FALSE(json::parse(answer.payload));
+             const std::string text(answer.payload.begin(), answer.payload.end());
+             EXPECT_NE(text.find("\"filename\":\"bad\xff\xfe\""), std::string::npos);
+         }},
+    };
+    for (const auto& [fault, code, body, check] : cases) {
+        control(std::string("fault ") + fault + " on");
+        SCOPED_TRACE(fault);
+        check(skiff::testing::runSync(io_.get_executor(), engine_->request(code, body)));
+        control(std::string("fault ") + fault + " off");
+        EXPECT_EQ(
+            identifiers(skiff::testing::runSync(io_.get_executor(), engine_->request(3, listDocs))),
+            (std::vector<std::string>{"docs/a.txt", "docs/sub"}));
+    }
+}
+
+TEST(LinkPacer, BooksEachDirectionsBytesOneAfterAnotherAtTheRate) {
+    LinkPacer pacer(35'000'000);
+    const auto first = pacer.book(35'000'000);
+    EXPECT_EQ(pacer.book(3'500'000) - first, std::chrono::milliseconds(100));
+    EXPECT_EQ(linkPreset("usb2")->bytesPerSecond, 35'000'000u);
+    EXPECT_FALSE(linkPreset("usb1"));
 }
 
 }  // namespace

@@ -44,6 +44,14 @@ TEST(ControlCommand, ParsesCommandsTheirUdidAndTheAppsTexts) {
     EXPECT_EQ(parsed("fault fail-chunk 3").app.chunk, 3u);
     EXPECT_EQ(parsed("fault drop-at-chunk 18446744073709551615").app.fault, AppFault::dropAtChunk);
     EXPECT_FALSE(parsed("fault drop-at-chunk off").app.on);
+    const std::pair<const char*, AppFault> switches[] = {
+        {"endless-list", AppFault::endlessList},  {"bad-names", AppFault::badNames},
+        {"non-utf8-name", AppFault::nonUtf8Name}, {"foreign-entry", AppFault::foreignEntry},
+        {"short-chunk", AppFault::shortChunk},    {"silent", AppFault::silent}};
+    for (const auto& [name, fault] : switches) {
+        EXPECT_EQ(parsed(std::string("fault ") + name + " on").app.fault, fault) << name;
+        EXPECT_FALSE(parsed(std::string("fault ") + name + " off").app.on) << name;
+    }
 
     using Kind = service::ItemMutationNotifyPayload::Kind;
     auto created = parsed("poke created docs/my notes.txt ");
@@ -107,6 +115,8 @@ TEST(ControlCommand, RejectsWrongShapes) {
                                   "fault delay",
                                   "fault silent maybe",
                                   "fault close on now",
+                                  "fault short-chunk",
+                                  "fault endless-list yes",
                                   "fault pong",
                                   "fault clear all",
                                   "fault fail-chunk 0",
