@@ -35,11 +35,8 @@ TEST(ControlCommand, ParsesBlankUdidsAndTextsThatKeepTheirSpaces) {
 
 TEST(ControlCommand, FloodSizeAndDurationStayInRange) {
     auto flood = parsed(" flood 2 5242880\t600 ").app;
-    EXPECT_EQ(flood.verb, AppVerb::flood);
-    EXPECT_EQ(flood.code, 2);
     EXPECT_EQ(flood.floodBytes, 5'242'880u);
     EXPECT_EQ(flood.floodSeconds, 600u);
-    EXPECT_EQ(parsed("flood 65535 0 1").app.floodBytes, 0u);
 
     struct Case {
         std::string_view line;
@@ -66,16 +63,6 @@ TEST(ControlCommand, RejectsWrongShapes) {
           "inject bad-header 2", "received all"}) {
         EXPECT_TRUE(std::holds_alternative<std::string>(parseControlCommand(line))) << line;
     }
-}
-
-TEST(ControlCommand, RepliesEndWithOkOrError) {
-    ControlReply ok;
-    ok.lines = {"1 a", "2 b"};
-    EXPECT_EQ(formatControlReply(ok), "1 a\n2 b\nok\n");
-    ControlReply failed;
-    failed.ok = false;
-    failed.error = "a is not attached";
-    EXPECT_EQ(formatControlReply(failed), "error: a is not attached\n");
 }
 
 }  // namespace
