@@ -1,6 +1,9 @@
 #include "sim/app_command.hpp"
 
+#include <algorithm>
 #include <charconv>
+#include <iterator>
+#include <utility>
 
 #include "tunnel/tunnel_frame.hpp"
 
@@ -58,8 +61,19 @@ std::variant<AppCommand, std::string> parseFault(std::string_view rest) {
         return value.empty() ? std::variant<AppCommand, std::string>(command)
                              : std::string("fault clear takes nothing");
     }
-    if (name == "silent" || name == "close") {
-        command.fault = name == "silent" ? AppFault::silent : AppFault::close;
+    static constexpr std::pair<std::string_view, AppFault> kSwitches[] = {
+        {"silent", AppFault::silent},
+        {"close", AppFault::close},
+        {"endless-list", AppFault::endlessList},
+        {"bad-names", AppFault::badNames},
+        {"non-utf8-name", AppFault::nonUtf8Name},
+        {"foreign-entry", AppFault::foreignEntry},
+        {"short-chunk", AppFault::shortChunk},
+    };
+    const auto* found = std::find_if(std::begin(kSwitches), std::end(kSwitches),
+                                     [&](const auto& entry) { return entry.first == name; });
+    if (found != std::end(kSwitches)) {
+        command.fault = found->second;
         if (!single || (value != "on" && value != "off")) {
             return "fault " + std::string(name) + " takes on or off";
         }

@@ -20,6 +20,18 @@
 //                           from 1 after this command) with ioError (5)
 //   fault drop-at-chunk N|off
 //                           close the connection when the N-th chunk request arrives
+//   fault endless-list on|off
+//                           every listing page has a next cursor: the listing never ends
+//   fault bad-names on|off  listing pages also carry entries named "", ".", "..", "a/b"
+//                           and one holding a NUL byte
+//   fault non-utf8-name on|off
+//                           listing pages also carry an entry whose name is not UTF-8
+//                           (raw bytes in the JSON text)
+//   fault foreign-entry on|off
+//                           listing pages also carry an entry of another folder
+//   fault short-chunk on|off
+//                           chunk reads (9) and range reads (10) answer half the bytes
+//                           they have, though not at the item's end
 //   fault clear             every fault off
 //   inject unknown-flow     a response frame for a flow nobody asked for, to every
 //                           framed connection; data line: how many
@@ -40,7 +52,22 @@ namespace skiff::sim {
 inline constexpr std::uint32_t kFloodMaxSeconds = 600;
 
 enum class AppVerb { push, poke, flood, fault, inject, received };
-enum class AppFault { silent, close, status, delay, pong, ack, failChunk, dropAtChunk, clear };
+enum class AppFault {
+    silent,
+    close,
+    status,
+    delay,
+    pong,
+    ack,
+    failChunk,
+    dropAtChunk,
+    endlessList,
+    badNames,
+    nonUtf8Name,
+    foreignEntry,
+    shortChunk,
+    clear,
+};
 enum class AppInjection { unknownFlow, badHeader };
 
 struct AppCommand {

@@ -17,14 +17,34 @@ using relay::RelayDeviceStatus;
 // the place where the app learns that the connection has ended.
 class AppTransport : public tunnel::TunnelTransport {
 public:
-    AppTransport(std::shared_ptr<FramedConnection> connection, std::string head)
-        : connection_(connection), inner_(connection->socketTransport), head_(std::move(head)) {}
+    AppTransport(std::shared_ptr<FramedConnection> connection, std::string head,
+                 const LinkModel& link)
+        : connection_(connection),
+          inner_(connection->socketTransport),
+          head_(std::move(head)),
+          paced_(link.bytesPerSecond > 0),
+          out_(link.bytesPerSecond),
+          in_(link.bytesPerSecond) {}
 
     asio::awaitable<void> send(Bytes head, SharedBytes tail) override {
-        return inner_->send(std::move(head), std::move(tail));
+        if (paced_) {
+            co_await waitUntil(out_.book(head.size() + tail.size()));
+        }
+        co_await inner_->send(std::move(head), std::move(tail));
     }
 
     asio::awaitable<Bytes> receive(std::size_t count) override {
+        Bytes bytes = co_await receiveHead(count);
+        if (paced_) {
+            co_await waitUntil(in_.book(bytes.size()));
+        }
+        co_return bytes;
+    }
+
+    asio::awaitable<void> close() override { return inner_->close(); }
+
+private:
+    asio::awaitable<Bytes> receiveHead(std::size_t count) {
         if (head_.empty()) {
             // Past the first bytes, as every chunk body is: straight from the socket.
             co_return co_await receiveRest(count);
@@ -40,9 +60,6 @@ public:
         co_return out;
     }
 
-    asio::awaitable<void> close() override { return inner_->close(); }
-
-private:
     asio::awaitable<Bytes> receiveRest(std::size_t count) {
         bool failed = false;
         Bytes rest;
@@ -67,6 +84,9 @@ private:
     std::weak_ptr<FramedConnection> connection_;
     std::shared_ptr<tunnel::SocketTunnelTransport> inner_;
     std::string head_;
+    bool paced_;
+    LinkPacer out_;
+    LinkPacer in_;
 };
 
 enum class ChunkFault { none, fail, drop };
@@ -83,13 +103,9 @@ ChunkFault takeChunkFault(AppFaults& faults, std::uint16_t code) {
     return faults.failAtChunk == faults.chunkRequests ? ChunkFault::fail : ChunkFault::none;
 }
 
-asio::awaitable<tunnel::TunnelMessage> answer(std::weak_ptr<CompanionApp::State> weakState,
+asio::awaitable<tunnel::TunnelMessage> handle(std::shared_ptr<CompanionApp::State> state,
                                               std::weak_ptr<FramedConnection> weak,
                                               std::uint16_t code, Bytes payload) {
-    auto state = weakState.lock();
-    if (!state) {
-        co_return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ioError), {}};
-    }
     const ChunkFault chunkFault = takeChunkFault(state->faults, code);
     if (state->faults.closeOnRequest || chunkFault == ChunkFault::drop) {
         if (auto connection = weak.lock()) {
@@ -117,7 +133,34 @@ asio::awaitable<tunnel::TunnelMessage> answer(std::weak_ptr<CompanionApp::State>
     }
     // A copy: the table may change while the handler is suspended.
     AppRequestHandler handler = it->second;
-    co_return co_await handler(std::move(payload));
+    if (!state->faults.answers.any()) {
+        co_return co_await handler(std::move(payload));
+    }
+    auto answer = co_await handler(payload);
+    distortAnswer(state->faults.answers, code, payload, answer);
+    co_return answer;
+}
+
+asio::awaitable<tunnel::TunnelMessage> answer(std::weak_ptr<CompanionApp::State> weakState,
+                                              std::weak_ptr<FramedConnection> weak,
+                                              std::uint16_t code, Bytes payload) {
+    const auto arrived = std::chrono::steady_clock::now();
+    auto state = weakState.lock();
+    if (!state) {
+        co_return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ioError), {}};
+    }
+    // The first suspension: turns are taken in arrival order.
+    std::optional<ItemOrder::Turn> turn;
+    if (auto item = itemOfRequest(code, payload)) {
+        turn = co_await state->order.turn(std::move(*item));
+    }
+    auto answer = co_await handle(state, weak, code, std::move(payload));
+    turn.reset();
+    // Held back outside the turn: the link delays answers, not the app's work.
+    if (state->link.latency.count() > 0) {
+        co_await waitUntil(arrived + state->link.latency);
+    }
+    co_return answer;
 }
 
 }  // namespace
@@ -143,7 +186,7 @@ asio::awaitable<void> serveFrames(std::shared_ptr<CompanionApp::State> state,
 
     std::weak_ptr<FramedConnection> weak = connection;
     tunnel::TunnelBinding binding;
-    binding.transport = std::make_shared<AppTransport>(connection, std::move(head));
+    binding.transport = std::make_shared<AppTransport>(connection, std::move(head), state->link);
     binding.role = tunnel::TunnelEndpointRole::server;
     binding.tunnelKey = "app";
     // The engine holds the handler and the state holds the engine: the handler's hold on

@@ -12,7 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "sim/app_answer_faults.hpp"
 #include "sim/app_handlers.hpp"
+#include "sim/app_link.hpp"
+#include "sim/app_order.hpp"
 #include "sim/companion_app.hpp"
 #include "tunnel/socket_tunnel_transport.hpp"
 #include "tunnel/tunnel_engine.hpp"
@@ -30,6 +33,7 @@ struct AppFaults {
     std::uint64_t chunkRequests = 0;
     std::optional<std::uint64_t> failAtChunk;  // answered with ioError
     std::optional<std::uint64_t> dropAtChunk;  // the connection is closed instead
+    AnswerFaults answers;
 };
 
 struct FramedConnection {
@@ -44,6 +48,8 @@ struct CompanionApp::State {
     Reporter report;
     AppFaults faults;
     AppHandlerTable handlers;
+    ItemOrder order;
+    LinkModel link;  // set before the first connection
     std::deque<std::string> received;
     // Requests held while the app is silent; cancelled to let them go.
     std::vector<std::weak_ptr<asio::steady_timer>> parked;

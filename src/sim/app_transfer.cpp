@@ -88,6 +88,30 @@ int linkOver(int file, int folder, const std::string& name, UniqueFd& replaced) 
     return 0;
 }
 
+// Copies the item's first `limit` bytes (or all it has) into file; errno set on failure.
+// copy_file_range lets the file system share the blocks rather than copy them.
+bool copyContent(const StorageItem& item, int file, std::uint64_t limit) {
+    const UniqueFd source(::openat(item.folder.get(), item.name.c_str(),
+                                   O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (source.get() < 0) {
+        return false;
+    }
+    loff_t in = 0;
+    loff_t out = 0;
+    while (static_cast<std::uint64_t>(in) < limit) {
+        const auto want = static_cast<std::size_t>(
+            std::min<std::uint64_t>(limit - static_cast<std::uint64_t>(in), 1ULL << 30));
+        const ssize_t copied = ::copy_file_range(source.get(), &in, file, &out, want, 0);
+        if (copied < 0) {
+            return false;
+        }
+        if (copied == 0) {
+            break;  // the item ends before the limit
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 AppTransfer::AppTransfer(std::filesystem::path storageRoot) : root_(std::move(storageRoot)) {}
@@ -153,7 +177,8 @@ tunnel::TunnelMessage AppTransfer::stageWrite(const Bytes& body) {
     }
     const mode_t mode = exists ? (st.stx_mode & 07777) : 0644;
     UniqueFd file(::openat(item.folder.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
-    if (file.get() < 0 || ::ftruncate(file.get(), static_cast<off_t>(request->size)) != 0) {
+    if (file.get() < 0 || (exists && !copyContent(item, file.get(), request->size)) ||
+        ::ftruncate(file.get(), static_cast<off_t>(request->size)) != 0) {
         return rejection(statusOfError(errno));
     }
     // A second stage of the same item starts the write over.

@@ -35,20 +35,6 @@ Protocol protocolOf(std::string_view head) {
     return couldStillBe ? Protocol::undecided : Protocol::echo;
 }
 
-asio::awaitable<void> echo(std::shared_ptr<AppSocket> socket, std::string head) {
-    std::array<char, 65536> buffer{};
-    try {
-        co_await asio::async_write(*socket, asio::buffer(head), asio::use_awaitable);
-        for (;;) {
-            size_t n = co_await socket->async_read_some(asio::buffer(buffer), asio::use_awaitable);
-            co_await asio::async_write(*socket, asio::buffer(buffer.data(), n),
-                                       asio::use_awaitable);
-        }
-    } catch (const std::system_error&) {
-        // Peer gone.
-    }
-}
-
 asio::awaitable<void> serveConnection(std::shared_ptr<CompanionApp::State> state,
                                       std::shared_ptr<AppSocket> socket) {
     std::string head;
@@ -74,7 +60,7 @@ asio::awaitable<void> serveConnection(std::shared_ptr<CompanionApp::State> state
             co_await serveMeasurement(state, std::move(socket), std::move(head));
             break;
         default:
-            co_await echo(std::move(socket), std::move(head));
+            co_await serveEcho(std::move(socket), std::move(head));
             break;
     }
 }
@@ -125,6 +111,21 @@ ControlReply applyFault(CompanionApp::State& state, const AppCommand& command) {
             break;
         case AppFault::dropAtChunk:
             faults.dropAtChunk = chunkTarget(faults, command);
+            break;
+        case AppFault::endlessList:
+            faults.answers.endlessList = command.on;
+            break;
+        case AppFault::badNames:
+            faults.answers.badNames = command.on;
+            break;
+        case AppFault::nonUtf8Name:
+            faults.answers.nonUtf8Name = command.on;
+            break;
+        case AppFault::foreignEntry:
+            faults.answers.foreignEntry = command.on;
+            break;
+        case AppFault::shortChunk:
+            faults.answers.shortChunks = command.on;
             break;
         case AppFault::clear:
             faults = AppFaults{};
@@ -228,6 +229,10 @@ PortListener CompanionApp::listener() {
 
 asio::any_io_executor CompanionApp::executor() const {
     return state_->executor;
+}
+
+void CompanionApp::setLink(const LinkModel& link) {
+    state_->link = link;
 }
 
 AppHandlerTable& CompanionApp::handlers() {

@@ -14,6 +14,7 @@
 #include "common/bridge_messages.hpp"
 #include "sim/app_command.hpp"
 #include "sim/app_handlers.hpp"
+#include "sim/app_link.hpp"
 #include "sim/control_command.hpp"
 #include "sim/port_listener.hpp"
 #include "sim/reporter.hpp"
@@ -32,6 +33,8 @@ public:
     PortListener listener();
     asio::any_io_executor executor() const;
     AppHandlerTable& handlers();
+    // Shapes the connections made from now on (sim/app_link.hpp).
+    void setLink(const LinkModel& link);
     ControlReply execute(const AppCommand& command);
     // Tells every framed connection that an item changed; the data line says how many.
     ControlReply pushItemMutation(const service::ItemMutationNotifyPayload& payload);

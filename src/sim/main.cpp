@@ -1,6 +1,7 @@
 // skiff-phone-sim: a simulated iPhone behind a usbmuxd-protocol socket.
 //   skiff-phone-sim serve --dir DIR [--device UDID]... [--echo-port PORT | --no-echo]
 //                         [--app-port PORT | --no-app] [--storage DIR] [--watch-storage]
+//                         [--link usb2|usb3] [--link-latency MS] [--link-rate MBPS]
 //   skiff-phone-sim ctl --dir DIR list | attach UDID | detach UDID | replug UDID |
 //                                 connections | drop [UDID] | push CODE [BODY] |
 //                                 flood CODE BYTES SECONDS | fault ... | inject ... |
@@ -115,6 +116,23 @@ int main(int argc, char** argv) {
     serveCommand->add_flag("--watch-storage", options.watchStorage,
                            "Push an itemMutation for each item created or deleted in the storage");
 
+    std::string linkName;
+    double linkLatencyMs = -1;
+    double linkRateMBps = -1;
+    serveCommand
+        ->add_option(
+            "--link", linkName,
+            "Shape the link as a phone on USB: usb2 (1 ms, 35 MB/s) or usb3 (1 ms, 350 MB/s)")
+        ->check(CLI::IsMember({"usb2", "usb3"}));
+    serveCommand
+        ->add_option("--link-latency", linkLatencyMs,
+                     "Hold every answer of the app back by this round trip, in milliseconds")
+        ->check(CLI::Range(0.0, 60'000.0));
+    serveCommand
+        ->add_option("--link-rate", linkRateMBps,
+                     "Pace the tunnel's bytes, each way, at this many MB/s (10^6 bytes)")
+        ->check(CLI::Range(0.001, 1'000'000.0));
+
     std::string ctlDir;
     std::vector<std::string> words;
     auto* ctlCommand = app.add_subcommand(
@@ -129,6 +147,17 @@ int main(int argc, char** argv) {
     if (serveCommand->parsed()) {
         options.echoPort = noEcho ? std::nullopt : std::optional<uint16_t>(echoPort);
         options.appPort = noApp ? std::nullopt : std::optional<uint16_t>(appPort);
+        // A preset first; the numbers given beside it win.
+        if (!linkName.empty()) {
+            options.link = *skiff::sim::linkPreset(linkName);
+        }
+        if (linkLatencyMs >= 0) {
+            options.link.latency =
+                std::chrono::microseconds(static_cast<std::int64_t>(linkLatencyMs * 1000));
+        }
+        if (linkRateMBps > 0) {
+            options.link.bytesPerSecond = static_cast<std::uint64_t>(linkRateMBps * 1e6);
+        }
         return serve(std::move(options));
     }
     return control(ctlDir, words);

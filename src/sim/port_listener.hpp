@@ -39,7 +39,12 @@ private:
     std::map<uint16_t, PortListener> listeners_;
 };
 
-// Sends back every byte it receives until the client closes.
+// Sends back head, then every byte it receives, until the client closes. The one echo of
+// the phone: the echo port's listener and the companion app's answer to a connection
+// that speaks none of its protocols.
+asio::awaitable<void> serveEcho(std::shared_ptr<AppSocket> socket, std::string head);
+
+// Serves each connection with serveEcho.
 PortListener makeEchoListener();
 
 }  // namespace skiff::sim

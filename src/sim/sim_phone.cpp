@@ -3,6 +3,7 @@
 #include "sim/app_items.hpp"
 #include "sim/app_lookup.hpp"
 #include "sim/app_transfer.hpp"
+#include "sim/app_volume.hpp"
 
 namespace skiff::sim {
 SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter report)
@@ -14,6 +15,7 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     for (auto& udid : options.devices) {
         devices_.attach(std::move(udid));
     }
+    app_.setLink(options.link);
     if (options.appPort) {
         listeners_.listen(*options.appPort, app_.listener());
     }
@@ -21,6 +23,7 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
         installLookupHandler(app_.handlers(), options.storage);
         installTransferHandlers(app_.handlers(), options.storage);
         installItemHandlers(app_.handlers(), options.storage);
+        installVolumeHandlers(app_.handlers(), options.storage);
         if (options.watchStorage) {
             watchedStorage_ = options.storage;
         }

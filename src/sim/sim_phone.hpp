@@ -28,6 +28,7 @@ struct SimPhoneOptions {
     std::string storage;  // the folder the app's look-ups and transfers use; none when empty
     // Each item created or deleted in storage by hand is pushed as an itemMutation.
     bool watchStorage = false;
+    LinkModel link;  // the USB link the app's framed connections go through
 };
 
 // The whole simulated phone on one io_context: the device table, the apps by port,

@@ -46,10 +46,10 @@ protected:
         return entries;
     }
 
-    tunnel::TunnelMessage lookUp(const std::string& id, const char* source = "fsGetAttributes") {
-        const std::string body =
-            R"({"identifier":)" + json::Json(id).dump() + R"(,"source":")" + source + "\"}";
-        return lookUpItem(root_, Bytes(body.begin(), body.end()));
+    tunnel::TunnelMessage lookUp(
+        const std::string& id,
+        relay::RelayLookupSource source = relay::RelayLookupSource::fsGetAttributes) {
+        return lookUpItem(root_, *json::encode(relay::RelayLookupRequest{id, source}));
     }
     relay::RelayItemSummary summary(const std::string& id) {
         const auto answer = lookUp(id);

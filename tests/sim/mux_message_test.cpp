@@ -1,6 +1,5 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <plist/plist.h>
 
 #include <string>
 
@@ -32,36 +31,6 @@ MuxRequest decode(const std::vector<uint8_t>& bytes) {
     auto header = parseMuxHeader(bytes);
     EXPECT_TRUE(header.has_value());
     return decodeMuxRequest(*header, std::span(bytes).subspan(16));
-}
-
-// Decodes one of our own messages back into a plist for inspection.
-plist_t bodyOf(const std::vector<uint8_t>& message, uint32_t* tag = nullptr) {
-    auto header = parseMuxHeader(message);
-    EXPECT_TRUE(header.has_value());
-    EXPECT_EQ(header->length, message.size());
-    EXPECT_EQ(header->version, 1u);
-    EXPECT_EQ(header->message, 8u);
-    if (tag != nullptr) {
-        *tag = header->tag;
-    }
-    plist_t out = nullptr;
-    plist_from_xml(reinterpret_cast<const char*>(message.data() + 16),
-                   uint32_t(message.size() - 16), &out);
-    return out;
-}
-
-uint64_t uintAt(plist_t dict, const char* key) {
-    uint64_t v = 0;
-    plist_get_uint_val(plist_dict_get_item(dict, key), &v);
-    return v;
-}
-
-std::string stringAt(plist_t dict, const char* key) {
-    char* s = nullptr;
-    plist_get_string_val(plist_dict_get_item(dict, key), &s);
-    std::string out = s ? s : "";
-    free(s);
-    return out;
 }
 
 TEST(MuxMessage, HeaderRejectsShortInputAndImpossibleLengths) {
@@ -126,36 +95,6 @@ TEST(MuxMessage, RequestsDecodeToTheirKindOrToTheErrorToAnswer) {
     auto header = parseMuxHeader(bytes);
     EXPECT_EQ(decodeMuxRequest(*header, std::span(bytes).subspan(17)).kind,
               MuxRequestKind::malformed);
-}
-
-TEST(MuxMessage, RepliesCarryTheFieldsTheClientReads) {
-    uint32_t tag = 0;
-    plist_t result = bodyOf(encodeResult(9, MuxResult::connectionRefused), &tag);
-    EXPECT_EQ(tag, 9u);
-    EXPECT_EQ(stringAt(result, "MessageType"), "Result");
-    EXPECT_EQ(uintAt(result, "Number"), 3u);
-    plist_free(result);
-
-    SimDevice a{5, "udid-a"}, b{6, ""};
-    plist_t list = bodyOf(encodeDeviceList(2, {a, b}), &tag);
-    EXPECT_EQ(tag, 2u);
-    // Only DeviceList: a MessageType would turn the reply into an event for the client.
-    EXPECT_EQ(plist_dict_get_size(list), 1u);
-    plist_t devices = plist_dict_get_item(list, "DeviceList");
-    ASSERT_EQ(plist_array_get_size(devices), 2u);
-    plist_t first = plist_array_get_item(devices, 0);
-    EXPECT_EQ(stringAt(first, "MessageType"), "Attached");
-    plist_t props = plist_dict_get_item(first, "Properties");
-    EXPECT_EQ(stringAt(props, "SerialNumber"), "udid-a");
-    EXPECT_EQ(stringAt(props, "ConnectionType"), "USB");
-    EXPECT_EQ(uintAt(props, "DeviceID"), 5u);
-    EXPECT_NE(plist_dict_get_item(props, "ProductID"), nullptr);
-    plist_free(list);
-
-    plist_t detached = bodyOf(encodeDetached(6));
-    EXPECT_EQ(stringAt(detached, "MessageType"), "Detached");
-    EXPECT_EQ(uintAt(detached, "DeviceID"), 6u);
-    plist_free(detached);
 }
 
 }  // namespace
