@@ -4,8 +4,11 @@
 //
 // co_await queue.run(f) runs f() there and resumes on the caller's executor (through a
 // post, never on the queue's thread) with its result or its exception; run() may be
-// awaited from any executor. The queue owns f until it has run. The destructor runs the
-// jobs already queued, then joins; it must not run on the queue's own thread.
+// awaited from any executor. The queue owns f until it has run. queue.post(f) runs f() there
+// with nobody waiting, for work whose end concerns no one (closing files after an answer):
+// no coroutine is tied to it, so nothing that owns the queue can end on the queue's thread.
+// The destructor runs the jobs already queued, then joins; it must not run on the queue's
+// own thread.
 
 #include <pthread.h>
 #include <asio.hpp>
@@ -74,6 +77,12 @@ public:
         if constexpr (!std::is_void_v<R>) {
             co_return std::move(value);
         }
+    }
+
+    // Runs f() on the queue's thread after every job queued before it; nobody waits for it.
+    template <class F>
+    void post(F f) {
+        enqueue(detail::Job(std::move(f)));
     }
 
 private:

@@ -256,19 +256,12 @@ struct TransferWorker {
     runtime::SerialQueue releases;
 };
 
-asio::awaitable<void> closeReplaced(std::shared_ptr<TransferWorker> worker,
-                                    std::vector<UniqueFd> files) {
-    auto close = [&files] { files.clear(); };
-    co_await worker->releases.run(close);
-}
-
 // A plain function, so that the coroutine owns its arguments rather than a lambda's captures.
 asio::awaitable<tunnel::TunnelMessage> answerStep(std::shared_ptr<TransferWorker> worker, Step step,
                                                   Bytes body) {
     auto answer = ((worker->transfer).*step)(body);
     if (auto replaced = worker->transfer.takeReplaced(); !replaced.empty()) {
-        runtime::spawnTask(co_await asio::this_coro::executor, worker, &closeReplaced,
-                           std::move(replaced));
+        worker->releases.post([files = std::move(replaced)]() mutable { files.clear(); });
     }
     co_return answer;
 }
