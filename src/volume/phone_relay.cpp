@@ -11,6 +11,7 @@
 #include "common/log.hpp"
 #include "common/uuid.hpp"
 #include "relay/item_requests.hpp"
+#include "relay/volume_records.hpp"
 #include "transfer/file_io_records.hpp"
 
 namespace skiff::volume {
@@ -303,21 +304,44 @@ int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, B
                     out);
 }
 
-// Stand-ins until the records of codes 8, 10 and 12 are in.
-int PhoneRelay::readRange(const std::string&, std::uint64_t, std::uint32_t, const Bytes&, Bytes&,
-                          std::optional<std::uint64_t>) {
-    return EIO;
+int PhoneRelay::readRange(const std::string& identifier, std::uint64_t offset, std::uint32_t length,
+                          const Bytes& version, Bytes& out,
+                          std::optional<std::uint64_t> knownSize) {
+    if (length > relay::kMaxRangeReadBytes) {
+        return EINVAL;
+    }
+    const auto body = relay::encodeRangeReadRequest({identifier, offset, length, version});
+    if (!body) {
+        return ENAMETOOLONG;
+    }
+    const int error =
+        readInto(UsbMuxRelaySelector::readVersionRange, *body, offset, length, knownSize, out);
+    return error == kConflictErrno ? kVersionChangedErrno : error;
 }
 
-Answer<RelayItemSummary> PhoneRelay::setAttributes(const std::string&,
-                                                   std::optional<relay::RelayTimespec>,
-                                                   std::optional<relay::RelayTimespec>,
-                                                   std::optional<std::uint32_t>) {
-    return {EIO, {}};
+Answer<RelayItemSummary> PhoneRelay::setAttributes(const std::string& identifier,
+                                                   std::optional<relay::RelayTimespec> modifyTime,
+                                                   std::optional<relay::RelayTimespec> accessTime,
+                                                   std::optional<std::uint32_t> mode) {
+    return summaryOf(UsbMuxRelaySelector::setAttributes,
+                     relay::RelaySetAttributesRequest{identifier, modifyTime, accessTime, mode});
 }
 
 Answer<PhoneRelay::Space> PhoneRelay::space() {
-    return {EIO, {}};
+    const auto body = json::encode(relay::RelaySpaceRequest{});
+    if (!body) {
+        return {EINVAL, {}};
+    }
+    auto reply = relay(UsbMuxRelaySelector::storageSpace, *body);
+    if (reply.error != 0) {
+        return {reply.error, {}};
+    }
+    const auto space = json::decode<relay::RelaySpaceReply>(reply.body);
+    // Free space above the total is no answer a disk gives.
+    if (!space || space->freeBytes > space->totalBytes) {
+        return {EIO, {}};
+    }
+    return {0, Space{space->totalBytes, space->freeBytes}};
 }
 
 int PhoneRelay::sendRange(const PushPlan& plan, ByteRange range) {
