@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "relay/item_requests.hpp"
+#include "support/child_process.hpp"
 #include "volume/conflict_name.hpp"
 #include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
@@ -95,18 +96,13 @@ TEST(RangeSet, GapsAreWhatIsNotHeldWithinTheAskedRange) {
 
 class PendingStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "skiff-pending-XXXXXX").string();
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(folder_); }
     void writeFile(const std::string& name, const std::string& text) {
         std::ofstream(folder_ / name, std::ios::binary) << text;
     }
     bool exists(const std::string& name) const { return fs::exists(folder_ / name); }
 
-    fs::path folder_;
+    test::TempDir dir_{"skiff-pending"};
+    fs::path folder_{dir_.path()};
 };
 
 TEST_F(PendingStoreTest, RecordsComeBackAsSavedAndReplaceTheirOldSelves) {
