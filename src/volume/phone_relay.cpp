@@ -20,9 +20,10 @@ namespace {
 
 using relay::UsbMuxRelaySelector;
 
-// A slot holds one chunk request (identifier of at most 64 KiB and a few integers) and
-// the largest answer the service writes.
-constexpr std::size_t kParamCapacity = 65'536 + 16;
+// A slot holds one request, at most a write chunk (4 MiB and its header with an identifier
+// of at most 64 KiB), followed by room for the largest answer the service writes. Pages are
+// touched only as far as a request and its answer reach.
+constexpr std::size_t kParamCapacity = 65'536 + 16 + transfer::kChunkSize;
 constexpr std::size_t kSlotBytes = kParamCapacity + service::kMaxRelayBodyBytes;
 constexpr std::size_t kSlotCount = 4;
 // Bodies up to this size go on the bus itself; larger ones through the shared buffer.
@@ -232,12 +233,12 @@ PhoneRelay::Reply PhoneRelay::relayShared(
     const auto room = buffer_->bytes().subspan(base, kSlotBytes);
     Reply reply;
     try {
-        const auto length = fill(room.first(service::kMaxRelayBodyBytes));
+        const auto length = fill(room.first(kParamCapacity));
         if (!length) {
             reply.error = EIO;
         } else {
             // The answer goes right after the request, in the rest of the slot.
-            const auto capacity = std::min(service::kMaxRelayBodyBytes, kSlotBytes - *length);
+            const auto capacity = service::kMaxRelayBodyBytes;
             const auto answer = client_.relayToUsbMuxShared(
                 static_cast<std::int64_t>(selector), *id, base, *length, base + *length, capacity);
             reply.error = errnoOfRelay(answer.status, answer.code);
@@ -256,19 +257,6 @@ PhoneRelay::Reply PhoneRelay::relayShared(
     }
     giveSlot(slot);
     return reply;
-}
-
-PhoneRelay::Reply PhoneRelay::relayAny(UsbMuxRelaySelector selector, const Bytes& body) {
-    if (body.size() <= kBusBodyLimit) {
-        return relay(selector, body);
-    }
-    return relayShared(selector, [&](std::span<std::uint8_t> room) -> std::optional<std::size_t> {
-        if (body.size() > room.size()) {
-            return std::nullopt;
-        }
-        std::memcpy(room.data(), body.data(), body.size());
-        return body.size();
-    });
 }
 
 int PhoneRelay::readInto(UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,

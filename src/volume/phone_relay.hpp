@@ -148,13 +148,11 @@ private:
     Reply relay(relay::UsbMuxRelaySelector selector, const Bytes& body,
                 Operation operation = Operation::other);
     // Writes the request into a slot of the shared buffer (fill gets the room, at most
-    // kMaxRelayBodyBytes, and returns the length written or nothing on failure) and takes
+    // a write chunk, and returns the length written or nothing on failure) and takes
     // the answer from the rest of the slot: large bodies stay off the bus.
     Reply relayShared(
         relay::UsbMuxRelaySelector selector,
         const std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>& fill);
-    // Small bodies go on the bus, large ones through the shared buffer.
-    Reply relayAny(relay::UsbMuxRelaySelector selector, const Bytes& body);
     // Code 9 or 10 answered with bytes; checks the answer's length against what was asked.
     int readInto(relay::UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
                  std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out);
