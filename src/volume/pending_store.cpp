@@ -140,12 +140,14 @@ std::vector<PendingWrite> PendingStore::loadAll() {
             out.push_back(std::move(*record));
             continue;
         }
+        // Set aside, not removed: its local copy still holds what the user wrote.
+        const auto aside =
+            std::string(withoutSuffix(name, kRecordSuffix)) + std::string(kAsideSuffix);
         log::xpc().error(
-            "skiff-fs cannot read the pending write record %{public}s; kept as "
-            "%{public}s%{public}s",
-            name.c_str(), name.c_str(), ".bad");
+            "skiff-fs cannot read the pending write record %{public}s; kept as %{public}s",
+            name.c_str(), aside.c_str());
         std::error_code ignored;
-        fs::rename(it->path(), folder_ / (name + ".bad"), ignored);
+        fs::rename(it->path(), folder_ / aside, ignored);
     }
     return out;
 }
@@ -167,9 +169,9 @@ void PendingStore::removeOrphans(const std::set<std::string>& inUse) {
         }
     }
     for (const auto& path : candidates) {
-        auto name = path.filename().string();
-        const auto copy = endsWith(name, kTempSuffix) ? std::string() : name;
-        if (!copy.empty() && (recorded.contains(copy) || inUse.contains(copy))) {
+        const auto name = path.filename().string();
+        const bool halfWritten = endsWith(name, kTempSuffix);
+        if (!halfWritten && (recorded.contains(name) || inUse.contains(name))) {
             continue;
         }
         std::error_code ignored;
