@@ -13,12 +13,17 @@
 //
 // Threads: any but the client's bus thread. The client must outlive this object.
 
+#include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "common/bytes.hpp"
@@ -26,15 +31,49 @@
 #include "relay/relay_schema.hpp"
 #include "service/dbus/harbor_client.hpp"
 #include "volume/errno_map.hpp"
+#include "volume/range_set.hpp"
 
 namespace skiff::volume {
 
 using relay::RelayItemSummary;
 
+// A read at a version the item no longer has: the caller drops what it cached of it.
+inline constexpr int kVersionChangedErrno = ESTALE;
+
+// Bounds of one listing: past any of them the listing fails with EIO rather than grow
+// without end on a reply that never finishes.
+inline constexpr std::size_t kListItemLimit = 500'000;
+inline constexpr std::size_t kListPageLimit = 5'000;
+inline constexpr std::size_t kListByteLimit = 256 * 1'024 * 1'024;
+inline constexpr std::chrono::seconds kListTimeLimit{120};
+
 template <class T>
 struct Answer {
     int error = 0;  // 0 when value holds the answer
     T value{};
+};
+
+// One listing's pages, checked as they arrive so that a hostile reply costs a bounded
+// amount of memory and time and never names an item outside the folder asked for.
+// A plain value of one listing call; one thread.
+class ListingPages {
+public:
+    ListingPages(std::string folder, std::chrono::steady_clock::time_point deadline);
+
+    // Takes one reply body. 0 and the cursor of the next page (absent: the listing is
+    // complete), or EIO: a bound passed, a body that does not decode, a cursor that does not
+    // move, or an entry that claims another folder.
+    int add(std::span<const std::uint8_t> body, std::optional<std::string>& nextCursor);
+    std::vector<RelayItemSummary> take() { return std::move(items_); }
+
+private:
+    std::string folder_;
+    std::chrono::steady_clock::time_point deadline_;
+    std::optional<std::string> cursor_;
+    std::size_t pages_ = 0;
+    std::size_t bytes_ = 0;
+    std::vector<RelayItemSummary> items_;
+    std::unordered_set<std::string> names_;
 };
 
 class PhoneRelay {
@@ -52,10 +91,32 @@ public:
     bool reattach();
 
     Answer<RelayItemSummary> lookup(const std::string& identifier, relay::RelayLookupSource source);
-    // Every item of the directory, following the app's pages.
+    // Every item of the directory, following the app's pages within the bounds above. Each
+    // entry is filed as identifier + "/" + its own filename whatever identifier the reply
+    // claims; a page with an entry of another folder is EIO; an entry whose name cannot be
+    // a file name here (empty, ".", "..", '/' or NUL in it, not UTF-8, over 255 bytes) is
+    // left out with a log line.
     Answer<std::vector<RelayItemSummary>> list(const std::string& identifier);
-    // The chunk of up to transfer::kChunkSize bytes at offset.
-    int readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out);
+    // The chunk of up to transfer::kChunkSize bytes at offset. With knownSize, a reply
+    // shorter than what the item holds there is EIO, never the end of the file.
+    int readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out,
+                  std::optional<std::uint64_t> knownSize = std::nullopt);
+    // length bytes (at most transfer::kChunkSize) at offset of the item at version; out gets
+    // fewer only at the item's end (EIO when knownSize says more exist).
+    // kVersionChangedErrno when the item no longer has that version.
+    int readRange(const std::string& identifier, std::uint64_t offset, std::uint32_t length,
+                  const Bytes& version, Bytes& out,
+                  std::optional<std::uint64_t> knownSize = std::nullopt);
+    // Times and mode bits of the item; absent ones are left as they are.
+    Answer<RelayItemSummary> setAttributes(const std::string& identifier,
+                                           std::optional<relay::RelayTimespec> modifyTime,
+                                           std::optional<relay::RelayTimespec> accessTime,
+                                           std::optional<std::uint32_t> mode);
+    struct Space {
+        std::uint64_t totalBytes = 0;
+        std::uint64_t freeBytes = 0;
+    };
+    Answer<Space> space();
     int remove(const std::string& identifier);
     Answer<RelayItemSummary> makeDirectory(const std::string& identifier);
     Answer<RelayItemSummary> rename(const std::string& identifier,
@@ -66,12 +127,36 @@ public:
     Answer<RelayItemSummary> push(const std::string& identifier, const Bytes& expectedVersion,
                                   const std::string& containerName, std::uint64_t byteCount);
 
+    // Stages the item at size from the content it has now (a new, empty item when
+    // baseVersion is absent), sends the dirty ranges read from fd, and commits.
+    // kConflictErrno when the phone's copy is no longer baseVersion. Nothing is lost on a
+    // failure: the caller keeps its bytes and its record and tries again.
+    struct PushPlan {
+        std::string identifier;
+        std::optional<Bytes> baseVersion;
+        std::uint64_t size = 0;
+        std::vector<ByteRange> dirty;
+        int fd = -1;  // the local copy, read with pread; the caller keeps it open
+    };
+    Answer<RelayItemSummary> pushRanges(const PushPlan& plan);
+
 private:
     struct Reply {
         int error = 0;
         Bytes body;
     };
-    Reply relay(relay::UsbMuxRelaySelector selector, const Bytes& body, Operation operation);
+    Reply relay(relay::UsbMuxRelaySelector selector, const Bytes& body,
+                Operation operation = Operation::other);
+    // Writes the request into a slot of the shared buffer (fill gets the room, at most
+    // a write chunk, and returns the length written or nothing on failure) and takes
+    // the answer from the rest of the slot: large bodies stay off the bus.
+    Reply relayShared(
+        relay::UsbMuxRelaySelector selector,
+        const std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>& fill);
+    // Code 9 or 10 answered with bytes; checks the answer's length against what was asked.
+    int readInto(relay::UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
+                 std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out);
+    int sendRange(const PushPlan& plan, ByteRange range);
     // A request answered with an item's summary.
     template <class Request>
     Answer<RelayItemSummary> summaryOf(relay::UsbMuxRelaySelector selector, const Request& request);
