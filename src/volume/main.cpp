@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
@@ -179,7 +180,15 @@ int serve(const CommandLine& line, int& readyFd) {
         return 2;
     }
 
-    volume::VolumeFs volumeFs(*phone, transfer::SharedFileStorage());
+    transfer::SharedFileStorage storage;
+    std::filesystem::path copies;
+    try {
+        copies = storage.makeContainer() / "volume";
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "skiff-fs: no folder for local copies: %s\n", e.what());
+        return 1;
+    }
+    volume::VolumeFs volumeFs(*phone, storage, copies);
     std::vector<std::string> args = {"skiff-fs", "-o", "fsname=" + line.source + ",subtype=skiff"};
     for (const auto& option : line.options) {
         args.insert(args.end(), {"-o", option});
@@ -193,16 +202,17 @@ int serve(const CommandLine& line, int& readyFd) {
     }
     fuse_args fuseArgs = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
     const auto ops = volume::VolumeFs::operations();
-    fuse* fs = fuse_new(&fuseArgs, &ops, sizeof ops, &volumeFs);
+    fuse_session* fs = fuse_session_new(&fuseArgs, &ops, sizeof ops, &volumeFs);
     fuse_opt_free_args(&fuseArgs);
     if (!fs) {
         return 1;
     }
-    if (fuse_mount(fs, line.mountPoint.c_str()) != 0) {
-        fuse_destroy(fs);
+    if (fuse_session_mount(fs, line.mountPoint.c_str()) != 0) {
+        fuse_session_destroy(fs);
         return 1;
     }
-    fuse_set_signal_handlers(fuse_get_session(fs));
+    fuse_set_signal_handlers(fs);
+    volumeFs.start(fs);
     log::xpc().info("skiff-fs mounted %{public}s at %{public}s", line.source.c_str(),
                     line.mountPoint.c_str());
     if (readyFd >= 0) {
@@ -212,11 +222,13 @@ int serve(const CommandLine& line, int& readyFd) {
         std::printf("skiff-fs: mounted\n");
         std::fflush(stdout);
     }
-    const int looped = fuse_loop_mt(fs, 0);
+    fuse_loop_config* loop = fuse_loop_cfg_create();
+    const int looped = fuse_session_loop_mt(fs, loop);
+    fuse_loop_cfg_destroy(loop);
     volumeFs.finish();
-    fuse_remove_signal_handlers(fuse_get_session(fs));
-    fuse_unmount(fs);
-    fuse_destroy(fs);
+    fuse_remove_signal_handlers(fs);
+    fuse_session_unmount(fs);
+    fuse_session_destroy(fs);
     try {
         session->client().filesystemDidUnmount();
     } catch (const std::exception&) {
