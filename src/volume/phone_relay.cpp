@@ -145,7 +145,8 @@ void PhoneRelay::giveSlot(std::size_t slot) {
     slotFreed_.notify_one();
 }
 
-int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out) {
+int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out,
+                          std::optional<std::uint64_t>) {
     const auto body = transfer::encodeReadChunkRequest(identifier, offset);
     if (!body) {
         return ENAMETOOLONG;
@@ -223,6 +224,30 @@ Answer<RelayItemSummary> PhoneRelay::push(const std::string& identifier,
         answer.error = EIO;
     }
     return answer;
+}
+
+}  // namespace skiff::volume
+
+namespace skiff::volume {
+
+int PhoneRelay::readRange(const std::string&, std::uint64_t, std::uint32_t, const Bytes&, Bytes&,
+                          std::optional<std::uint64_t>) {
+    return EIO;
+}
+
+Answer<RelayItemSummary> PhoneRelay::setAttributes(const std::string&,
+                                                   std::optional<relay::RelayTimespec>,
+                                                   std::optional<relay::RelayTimespec>,
+                                                   std::optional<std::uint32_t>) {
+    return {EIO, {}};
+}
+
+Answer<PhoneRelay::Space> PhoneRelay::space() {
+    return {EIO, {}};
+}
+
+Answer<RelayItemSummary> PhoneRelay::pushRanges(const PushPlan&) {
+    return {EIO, {}};
 }
 
 }  // namespace skiff::volume

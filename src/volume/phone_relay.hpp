@@ -13,7 +13,9 @@
 //
 // Threads: any but the client's bus thread. The client must outlive this object.
 
+#include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -26,10 +28,21 @@
 #include "relay/relay_schema.hpp"
 #include "service/dbus/harbor_client.hpp"
 #include "volume/errno_map.hpp"
+#include "volume/range_set.hpp"
 
 namespace skiff::volume {
 
 using relay::RelayItemSummary;
+
+// A read at a version the item no longer has: the caller drops what it cached of it.
+inline constexpr int kVersionChangedErrno = ESTALE;
+
+// Bounds of one listing: past any of them the listing fails with EIO rather than grow
+// without end on a reply that never finishes.
+inline constexpr std::size_t kListItemLimit = 1'000'000;
+inline constexpr std::size_t kListPageLimit = 2'000;
+inline constexpr std::size_t kListByteLimit = 1'024 * 1'024 * 1'024;
+inline constexpr std::chrono::seconds kListTimeLimit{120};
 
 template <class T>
 struct Answer {
@@ -52,10 +65,32 @@ public:
     bool reattach();
 
     Answer<RelayItemSummary> lookup(const std::string& identifier, relay::RelayLookupSource source);
-    // Every item of the directory, following the app's pages.
+    // Every item of the directory, following the app's pages within the bounds above. Each
+    // entry is filed as identifier + "/" + its own filename whatever identifier the reply
+    // claims; a page with an entry of another folder is EIO; an entry whose name cannot be
+    // a file name here (empty, ".", "..", '/' or NUL in it, not UTF-8, over 255 bytes) is
+    // left out with a log line.
     Answer<std::vector<RelayItemSummary>> list(const std::string& identifier);
-    // The chunk of up to transfer::kChunkSize bytes at offset.
-    int readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out);
+    // The chunk of up to transfer::kChunkSize bytes at offset. With knownSize, a reply
+    // shorter than what the item holds there is EIO, never the end of the file.
+    int readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out,
+                  std::optional<std::uint64_t> knownSize = std::nullopt);
+    // length bytes (at most transfer::kChunkSize) at offset of the item at version; out gets
+    // fewer only at the item's end (EIO when knownSize says more exist).
+    // kVersionChangedErrno when the item no longer has that version.
+    int readRange(const std::string& identifier, std::uint64_t offset, std::uint32_t length,
+                  const Bytes& version, Bytes& out,
+                  std::optional<std::uint64_t> knownSize = std::nullopt);
+    // Times and mode bits of the item; absent ones are left as they are.
+    Answer<RelayItemSummary> setAttributes(const std::string& identifier,
+                                           std::optional<relay::RelayTimespec> modifyTime,
+                                           std::optional<relay::RelayTimespec> accessTime,
+                                           std::optional<std::uint32_t> mode);
+    struct Space {
+        std::uint64_t totalBytes = 0;
+        std::uint64_t freeBytes = 0;
+    };
+    Answer<Space> space();
     int remove(const std::string& identifier);
     Answer<RelayItemSummary> makeDirectory(const std::string& identifier);
     Answer<RelayItemSummary> rename(const std::string& identifier,
@@ -65,6 +100,19 @@ public:
     // The container file is released (removed) afterwards, whatever the outcome.
     Answer<RelayItemSummary> push(const std::string& identifier, const Bytes& expectedVersion,
                                   const std::string& containerName, std::uint64_t byteCount);
+
+    // Stages the item at size from the content it has now (a new, empty item when
+    // baseVersion is absent), sends the dirty ranges read from fd, and commits.
+    // kConflictErrno when the phone's copy is no longer baseVersion. Nothing is lost on a
+    // failure: the caller keeps its bytes and its record and tries again.
+    struct PushPlan {
+        std::string identifier;
+        std::optional<Bytes> baseVersion;
+        std::uint64_t size = 0;
+        std::vector<ByteRange> dirty;
+        int fd = -1;  // the local copy, read with pread; the caller keeps it open
+    };
+    Answer<RelayItemSummary> pushRanges(const PushPlan& plan);
 
 private:
     struct Reply {

@@ -1,60 +1,64 @@
 #include "volume/range_set.hpp"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace skiff::volume {
 
+namespace {
+
+constexpr auto kMax = std::numeric_limits<std::uint64_t>::max();
+
+std::uint64_t endOf(std::uint64_t offset, std::uint64_t length) {
+    return length > kMax - offset ? kMax : offset + length;
+}
+
+}  // namespace
+
 void RangeSet::add(std::uint64_t offset, std::uint64_t length) {
-    if (length == 0) {
+    auto end = endOf(offset, length);
+    if (end == offset) {
         return;
     }
-    std::uint64_t start = offset;
-    std::uint64_t end = offset + length;
-    std::vector<ByteRange> out;
-    out.reserve(ranges_.size() + 1);
-    bool placed = false;
-    for (const auto& r : ranges_) {
-        const std::uint64_t rEnd = r.offset + r.length;
-        if (rEnd < start) {
-            out.push_back(r);
-        } else if (r.offset > end) {
-            if (!placed) {
-                out.push_back({start, end - start});
-                placed = true;
-            }
-            out.push_back(r);
-        } else {
-            start = std::min(start, r.offset);
-            end = std::max(end, rEnd);
-        }
+    // The first range that ends at or after offset touches or follows the new one.
+    auto first =
+        std::lower_bound(ranges_.begin(), ranges_.end(), offset,
+                         [](const ByteRange& r, std::uint64_t at) { return r.end() < at; });
+    auto last = first;
+    while (last != ranges_.end() && last->offset <= end) {
+        offset = std::min(offset, last->offset);
+        end = std::max(end, last->end());
+        ++last;
     }
-    if (!placed) {
-        out.push_back({start, end - start});
-    }
-    ranges_ = std::move(out);
+    first = ranges_.erase(first, last);
+    ranges_.insert(first, ByteRange{offset, end - offset});
 }
 
 void RangeSet::remove(std::uint64_t offset, std::uint64_t length) {
-    const std::uint64_t end = offset + length;
-    std::vector<ByteRange> out;
+    const auto end = endOf(offset, length);
+    if (end == offset) {
+        return;
+    }
+    std::vector<ByteRange> kept;
+    kept.reserve(ranges_.size() + 1);
     for (const auto& r : ranges_) {
-        const std::uint64_t rEnd = r.offset + r.length;
-        if (rEnd <= offset || r.offset >= end) {
-            out.push_back(r);
+        if (r.end() <= offset || r.offset >= end) {
+            kept.push_back(r);
             continue;
         }
         if (r.offset < offset) {
-            out.push_back({r.offset, offset - r.offset});
+            kept.push_back({r.offset, offset - r.offset});
         }
-        if (rEnd > end) {
-            out.push_back({end, rEnd - end});
+        if (r.end() > end) {
+            kept.push_back({end, r.end() - end});
         }
     }
-    ranges_ = std::move(out);
+    ranges_ = std::move(kept);
 }
 
 void RangeSet::truncate(std::uint64_t size) {
-    remove(size, UINT64_MAX - size);
+    remove(size, kMax - size);
 }
 
 bool RangeSet::covers(std::uint64_t offset, std::uint64_t length) const {
@@ -62,21 +66,20 @@ bool RangeSet::covers(std::uint64_t offset, std::uint64_t length) const {
 }
 
 std::vector<ByteRange> RangeSet::gaps(std::uint64_t offset, std::uint64_t length) const {
+    const auto end = endOf(offset, length);
     std::vector<ByteRange> out;
-    std::uint64_t at = offset;
-    const std::uint64_t end = offset + length;
+    auto at = offset;
     for (const auto& r : ranges_) {
-        if (at >= end) {
+        if (at >= end || r.offset >= end) {
             break;
         }
-        const std::uint64_t rEnd = r.offset + r.length;
-        if (rEnd <= at) {
+        if (r.end() <= at) {
             continue;
         }
         if (r.offset > at) {
-            out.push_back({at, std::min(r.offset, end) - at});
+            out.push_back({at, r.offset - at});
         }
-        at = std::max(at, rEnd);
+        at = r.end();
     }
     if (at < end) {
         out.push_back({at, end - at});
