@@ -15,6 +15,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -154,6 +155,12 @@ int serve(const CommandLine& line, int& readyFd) {
     std::unique_ptr<service::dbus::ClientSession> session;
     // Shared with the session's follower, which may still run while serve() returns.
     std::shared_ptr<volume::PhoneRelay> phone;
+    // The file system the follower tells of the service's return, while there is one.
+    struct Served {
+        std::mutex mutex;
+        volume::VolumeFs* volume = nullptr;
+    };
+    const auto served = std::make_shared<Served>();
     try {
         session = std::make_unique<service::dbus::ClientSession>(std::string(), kCallTimeout);
         auto& client = session->client();
@@ -165,12 +172,17 @@ int serve(const CommandLine& line, int& readyFd) {
         phone = std::make_shared<volume::PhoneRelay>(client);
         // A restarted skiffd knows neither the volume nor its buffer; until it has both
         // back, calls fail with EIO at once.
-        session->keepRegistered(role, [weak = std::weak_ptr(phone)](bool registered) {
+        session->keepRegistered(role, [weak = std::weak_ptr(phone), served](bool registered) {
             const auto relay = weak.lock();
             if (!relay) {
                 return;
             } else if (registered) {
                 relay->reattach();
+                // What waits for the phone goes out now rather than at its next retry.
+                std::lock_guard guard(served->mutex);
+                if (served->volume) {
+                    served->volume->retryNow();
+                }
             } else {
                 relay->detach();
             }
@@ -189,6 +201,15 @@ int serve(const CommandLine& line, int& readyFd) {
         return 1;
     }
     volume::VolumeFs volumeFs(*phone, storage, copies);
+    {
+        std::lock_guard guard(served->mutex);
+        served->volume = &volumeFs;
+    }
+    // Before the file system goes, whatever happens below.
+    const std::unique_ptr<Served, void (*)(Served*)> unserve(served.get(), [](Served* s) {
+        std::lock_guard guard(s->mutex);
+        s->volume = nullptr;
+    });
     std::vector<std::string> args = {"skiff-fs", "-o", "fsname=" + line.source + ",subtype=skiff"};
     for (const auto& option : line.options) {
         args.insert(args.end(), {"-o", option});

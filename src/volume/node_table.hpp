@@ -45,6 +45,8 @@ struct Content {
     std::uint64_t changes = 0;     // counts writes and cuts, so a push sees those made meanwhile
     std::chrono::steady_clock::time_point lastChange{};
     std::chrono::steady_clock::time_point nextRetry{};
+    std::chrono::seconds retryDelay{};
+    std::chrono::steady_clock::time_point lastPush{};
     std::optional<Bytes> kernelCached;  // the version whose pages the kernel may keep
     std::uint32_t writers = 0;          // open handles that may write
 };

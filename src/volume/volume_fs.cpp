@@ -13,6 +13,7 @@
 #include "common/log.hpp"
 #include "common/uuid.hpp"
 #include "transfer/file_io_records.hpp"
+#include "volume/conflict_name.hpp"
 
 namespace skiff::volume {
 
@@ -28,6 +29,7 @@ constexpr double kKernelCacheSeconds = 1.0;
 constexpr auto kQuietBeforePush = std::chrono::seconds(2);
 constexpr auto kPusherTick = std::chrono::milliseconds(250);
 constexpr auto kFirstRetry = std::chrono::seconds(2);
+constexpr auto kLastRetry = std::chrono::seconds(4);
 constexpr std::size_t kNameMax = 255;
 
 // One open file.
@@ -41,6 +43,7 @@ struct Handle {
 // listing agree with each other.
 struct Listing {
     std::vector<RelayItemSummary> items;
+    std::chrono::steady_clock::time_point asked;  // older than a push it must not undo
 };
 
 Handle& handleOf(fuse_file_info* fi) {
@@ -61,6 +64,12 @@ bool nameTooLong(const char* name) {
     return std::strlen(name) > kNameMax;
 }
 
+// Where the user hears of what happened to their files: the log now, and the volume notice
+// of the service once it carries one.
+void tellUser(const std::string& text) {
+    log::xpc().warning("skiff-fs: %{public}s", text.c_str());
+}
+
 }  // namespace
 
 struct VolumeFs::Entry {
@@ -73,7 +82,8 @@ VolumeFs::VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage,
       storage_(std::move(storage)),
       copies_(std::move(copies)),
       owner_(::getuid()),
-      group_(::getgid()) {
+      group_(::getgid()),
+      pending_(copies_) {
     std::error_code error;
     std::filesystem::create_directories(copies_, error);
     std::filesystem::permissions(copies_, std::filesystem::perms::owner_all,
@@ -89,7 +99,63 @@ VolumeFs::~VolumeFs() {
 
 void VolumeFs::start(fuse_session* session) {
     session_ = session;
+    const auto left = pending_.loadAll();
+    std::set<std::string> kept;
+    for (const auto& write : left) {
+        kept.insert(write.copyName);
+    }
+    pending_.removeOrphans(kept);
+    for (const auto& write : left) {
+        resume(write);
+    }
+    if (!left.empty()) {
+        log::xpc().info("skiff-fs has %{public}zu files to send to the phone", left.size());
+    }
     pusher_ = std::thread([this] { pushLoop(); });
+}
+
+void VolumeFs::resume(const PendingWrite& write) {
+    UniqueFd fd(::open((copies_ / write.copyName).c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0) {
+        log::xpc().error("skiff-fs lost the local copy of %{public}s", write.identifier.c_str());
+        pending_.remove(write.copyName);
+        return;
+    }
+    const auto node = nodes_.learn(write.identifier, false, 0);
+    {
+        std::lock_guard guard(node->mutex);
+        auto& content = node->content;
+        content.fd = std::move(fd);
+        content.copyName = write.copyName;
+        content.present = {};
+        content.dirty = {};
+        for (const auto& range : write.dirty) {
+            content.present.add(range.offset, range.length);
+            content.dirty.add(range.offset, range.length);
+        }
+        content.size = write.size;
+        content.version = write.baseVersion;
+        content.onPhone = write.baseVersion.has_value();
+        content.changed = true;
+        node->attributes.identifier = write.identifier;
+        node->attributes.filename = nameOf(write.identifier);
+        node->attributes.mode = write.mode.value_or(0);
+    }
+    markChanged(node);
+}
+
+void VolumeFs::record(Node& node, const std::string& identifier) {
+    PendingWrite write;
+    {
+        std::lock_guard guard(node.mutex);
+        const auto& content = node.content;
+        write.identifier = identifier;
+        write.baseVersion = content.onPhone ? content.version : std::nullopt;
+        write.size = content.size;
+        write.dirty = content.dirty.ranges();
+        write.copyName = content.copyName;
+    }
+    pending_.save(write);
 }
 
 void VolumeFs::finish() {
@@ -135,6 +201,11 @@ void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
         content.present = {};
         content.version = summary.contentVersion;
     }
+    if (content.size != summary.size && content.fd.get() >= 0) {
+        content.present.truncate(summary.size);
+        [[maybe_unused]] const int cut =
+            ::ftruncate(content.fd.get(), static_cast<off_t>(summary.size));
+    }
     content.size = summary.size;
 }
 
@@ -172,6 +243,8 @@ int VolumeFs::refresh(const std::shared_ptr<Node>& node, RelayLookupSource sourc
     if (nodes_.unlinked(*node)) {
         return 0;
     }
+    // After any push in flight: an answer the phone gave before it must not undo it.
+    std::lock_guard io(node->io);
     const auto identifier = nodes_.identifierOf(*node);
     const auto answer = phone_.lookup(identifier, source);
     if (answer.error == ENOENT && node->id != kRootNode) {
@@ -490,6 +563,10 @@ int VolumeFs::ensureCopy(Node& node) {
                          copies_.c_str(), std::strerror(error));
         return EIO;
     }
+    // As long as the file, so that its holes read and copy as the file's length.
+    if (::ftruncate(fd.get(), static_cast<off_t>(content.size)) != 0) {
+        return EIO;
+    }
     content.fd = std::move(fd);
     content.copyName = std::move(name);
     content.present = {};
@@ -499,6 +576,9 @@ int VolumeFs::ensureCopy(Node& node) {
 void VolumeFs::dropCopy(Node& node) {
     std::lock_guard guard(node.mutex);
     auto& content = node.content;
+    if (content.changed && !content.copyName.empty()) {
+        pending_.remove(content.copyName);
+    }
     content.changed = false;
     content.dirty = {};
     content.pushError = 0;
@@ -555,8 +635,15 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         return;
     }
     const bool writable = (fi->flags & O_ACCMODE) != O_RDONLY;
-    // A writer starts from the phone's current version.
-    if (const int error = refresh(node, RelayLookupSource::fsGetAttributes, writable); error != 0) {
+    // A writer starts from the phone's current version; with the phone away, from the one
+    // known here (a push finds out whether the phone's changed meanwhile).
+    const int error = refresh(node, RelayLookupSource::fsGetAttributes, writable);
+    bool known = false;
+    {
+        std::lock_guard guard(node->mutex);
+        known = node->fetched != Clock::time_point{};
+    }
+    if (error == ENOENT || (error != 0 && !known)) {
         fuse_reply_err(req, error);
         return;
     }
@@ -679,6 +766,9 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
     for (const auto& gap : missing) {
         for (std::uint64_t at = std::max(gap.offset, done); at < gap.offset + gap.length;) {
             const std::uint64_t start = at / kChunkSize * kChunkSize;
+            if (start >= phoneSize) {
+                return EIO;  // the phone's copy is shorter than the bytes it must give
+            }
             if (const int error = phone_.readChunk(identifier, start, chunk); error != 0) {
                 return error;
             }
@@ -842,8 +932,25 @@ void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
 
 int VolumeFs::pushWhole(Node& node, const std::string& identifier, bool onPhone,
                         const std::optional<Bytes>& version, std::uint64_t size) {
-    // The phone takes a whole file: what the copy lacks comes from the phone first.
-    if (onPhone) {
+    // The phone takes a whole file: what the copy lacks comes from the phone first, unless
+    // the phone's copy is no longer the one the user started from.
+    bool whole = false;
+    {
+        std::lock_guard guard(node.mutex);
+        whole = node.content.present.covers(0, size);
+    }
+    if (onPhone && !whole) {
+        const auto now = phone_.lookup(identifier, RelayLookupSource::fsGetAttributes);
+        if (now.error != 0) {
+            return now.error;
+        }
+        if (now.value.contentVersion != version) {
+            return kConflictErrno;
+        }
+        {
+            std::lock_guard guard(node.mutex);
+            node.attributes.size = now.value.size;
+        }
         if (const int error = fetch(node, 0, size); error != 0) {
             return error;
         }
@@ -878,6 +985,7 @@ int VolumeFs::pushWhole(Node& node, const std::string& identifier, bool onPhone,
     }
     content.version = answer.value.contentVersion;
     content.onPhone = true;
+    content.lastPush = Clock::now();
     node.attributes = answer.value;
     node.fetched = Clock::now();
     return 0;
@@ -902,23 +1010,89 @@ int VolumeFs::push(const std::shared_ptr<Node>& node) {
         return 0;  // removed before it reached the phone: nothing to keep
     }
     const auto identifier = nodes_.identifierOf(*node);
-    const int error = pushWhole(*node, identifier, onPhone, version, size);
+    // On disk before the phone is asked, so that a crash meanwhile loses nothing.
+    record(*node, identifier);
+    int error = pushWhole(*node, identifier, onPhone, version, size);
+    if (error == kConflictErrno) {
+        error = keepBoth(*node, identifier);
+        if (error == 0) {
+            return kConflictErrno;  // told once: the user's bytes are under another name
+        }
+    }
     std::lock_guard guard(node->mutex);
     auto& content = node->content;
     if (error != 0) {
-        log::xpc().error("skiff-fs push of %{public}s failed: %{public}s", identifier.c_str(),
-                         std::strerror(error));
+        log::xpc().error("skiff-fs push of %{public}s failed, kept to try again: %{public}s",
+                         identifier.c_str(), std::strerror(error));
         content.pushError = error;
-        content.nextRetry = Clock::now() + kFirstRetry;
+        content.retryDelay =
+            std::clamp<std::chrono::seconds>(content.retryDelay * 2, kFirstRetry, kLastRetry);
+        content.nextRetry = Clock::now() + content.retryDelay;
         return error;
     }
     content.pushError = 0;
+    content.retryDelay = {};
     if (content.changes == changes) {
         content.changed = false;
         content.dirty = {};
         content.size = node->attributes.size;
         nodes_.pin(*node, false);
+        pending_.remove(content.copyName);
     }
+    return 0;
+}
+
+int VolumeFs::keepBoth(Node& node, const std::string& identifier) {
+    const auto name = conflictName(nameOf(identifier), std::chrono::system_clock::now());
+    std::uint64_t size = 0;
+    bool whole = false;
+    {
+        std::lock_guard guard(node.mutex);
+        size = node.content.size;
+        whole = node.content.present.covers(0, size);
+    }
+    if (whole) {
+        // A new item beside the phone's: the whole file is here.
+        const auto beside = childOf(parentOf(identifier), name);
+        if (const int error = pushWhole(node, beside, false, std::nullopt, size); error != 0) {
+            return error;
+        }
+        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
+                 "computer's version is kept as \"" + beside + "\"");
+    } else {
+        const auto data =
+            transfer::harborDataPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"));
+        if (!data) {
+            return EIO;
+        }
+        const auto folder = *data / "recovered";
+        std::error_code failed;
+        std::filesystem::create_directories(folder, failed);
+        UniqueFd out(
+            ::open((folder / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        std::lock_guard guard(node.mutex);
+        off_t from = 0;
+        while (out.get() >= 0 && static_cast<std::uint64_t>(from) < size) {
+            if (::copy_file_range(node.content.fd.get(), &from, out.get(), nullptr,
+                                  size - static_cast<std::uint64_t>(from), 0) <= 0) {
+                break;
+            }
+        }
+        if (out.get() < 0 || static_cast<std::uint64_t>(from) < size || ::fsync(out.get()) != 0) {
+            return EIO;
+        }
+        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
+                 "computer's part of it is kept in " + (folder / name).string());
+    }
+    std::lock_guard guard(node.mutex);
+    auto& content = node.content;
+    pending_.remove(content.copyName);
+    content.changed = false;
+    content.dirty = {};
+    content.present = {};
+    content.pushError = 0;
+    node.fetched = {};  // the phone's version is the file's again
+    nodes_.pin(node, false);
     return 0;
 }
 
@@ -971,6 +1145,7 @@ void VolumeFs::opendir(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         return;
     }
     const auto identifier = nodes_.identifierOf(*node);
+    const auto asked = Clock::now();
     auto answer = phone_.list(identifier);
     if (answer.error != 0) {
         fuse_reply_err(req, answer.error);
@@ -978,6 +1153,7 @@ void VolumeFs::opendir(fuse_req_t req, NodeId id, fuse_file_info* fi) {
     }
     auto listing = std::make_unique<Listing>();
     listing->items = std::move(answer.value);
+    listing->asked = asked;
     // Files made here that the phone does not hold yet are in the folder too.
     for (const auto& child : nodes_.children(identifier)) {
         const auto name = nameOf(nodes_.identifierOf(*child));
@@ -1000,7 +1176,8 @@ void VolumeFs::opendir(fuse_req_t req, NodeId id, fuse_file_info* fi) {
 
 void VolumeFs::readdir(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi,
                        bool plus) {
-    const auto& items = reinterpret_cast<Listing*>(fi->fh)->items;
+    const auto& listing = *reinterpret_cast<Listing*>(fi->fh);
+    const auto& items = listing.items;
     std::vector<char> buffer(size);
     std::size_t used = 0;
     for (auto index = static_cast<std::size_t>(offset); index < items.size(); ++index) {
@@ -1012,7 +1189,7 @@ void VolumeFs::readdir(fuse_req_t req, std::size_t size, off_t offset, fuse_file
             fuse_entry_param e{};
             {
                 std::lock_guard guard(node->mutex);
-                if (!node->content.changed) {
+                if (!node->content.changed && listing.asked > node->content.lastPush) {
                     apply(*node, item);
                 }
                 e.attr = attributesOf(*node);

@@ -31,6 +31,7 @@
 
 #include "transfer/shared_file_storage.hpp"
 #include "volume/node_table.hpp"
+#include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
 
 namespace skiff::volume {
@@ -46,8 +47,9 @@ public:
     // The operation table; each operation finds this object as the request's user data.
     static fuse_lowlevel_ops operations();
 
-    // Starts pushing changed nodes in the background; `session` receives the kernel
-    // notices (cached attributes and pages to drop).
+    // Takes back the writes a previous run left on disk (and removes local copies nobody
+    // recorded), then starts pushing changed nodes in the background; `session` receives
+    // the kernel notices (cached attributes and pages to drop).
     void start(fuse_session* session);
     // Once libfuse's loop has ended: stops the pusher and pushes what is still changed.
     void finish();
@@ -97,6 +99,11 @@ private:
     int push(const std::shared_ptr<Node>& node);
     int pushWhole(Node& node, const std::string& identifier, bool onPhone,
                   const std::optional<Bytes>& version, std::uint64_t size);
+    // The phone's copy changed since the user's started: the user's bytes are kept beside
+    // it (or in the recovered folder) and the node follows the phone again. Node::io held.
+    int keepBoth(Node& node, const std::string& identifier);
+    void record(Node& node, const std::string& identifier);
+    void resume(const PendingWrite& write);
     void dropCopy(Node& node);
     void pushLoop();
     void invalidate(NodeId id);
@@ -107,6 +114,7 @@ private:
     const uid_t owner_;
     const gid_t group_;
     NodeTable nodes_;
+    PendingStore pending_;
     fuse_session* session_ = nullptr;
 
     std::mutex changedMutex_;  // guards the members below
