@@ -883,20 +883,16 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
 
 void VolumeFs::flush(fuse_req_t req, fuse_file_info* fi) {
     auto& handle = handleOf(fi);
-    auto& node = handle.node;
     // Shells and dd open the file, duplicate the descriptor and close the first one before
-    // writing: pushing then would send an empty file ahead of the real one.
-    bool last = false;
-    {
-        std::lock_guard guard(node->mutex);
-        last = node->content.writers <= 1;
-    }
-    if (!handle.writable || !handle.written || !last) {
+    // writing: pushing then would send an empty file ahead of the real one. Every close of
+    // a handle that wrote pushes and waits: the kernel tells no close which is the last
+    // (its releases come later, on their own).
+    if (!handle.writable || !handle.written) {
         fuse_reply_err(req, 0);
         return;
     }
-    std::lock_guard io(node->io);
-    fuse_reply_err(req, push(node));
+    std::lock_guard io(handle.node->io);
+    fuse_reply_err(req, push(handle.node));
 }
 
 void VolumeFs::fsync(fuse_req_t req, fuse_file_info* fi) {

@@ -245,11 +245,14 @@ TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) 
          "part\ns\n"},
         {"(ln -s notes.txt l || ln notes.txt l2 || mkfifo p) 2>/dev/null || echo refused",
          "refused\n", "l", nullptr},
+        {"(for i in $(seq 100); do echo A$i >> log; done) & "
+         "(for i in $(seq 100); do echo B$i >> log; done); wait; wc -l < log",
+         "200\n", "", nullptr},
         {"touch $(printf 'n%.0s' $(seq 256)) 2>&1 | grep -c 'too long'", "1\n", "", nullptr},
     };
     const auto docs = mount() / "Documents";
     for (const auto& c : cases) {
-        const auto ran = run("cd '" + docs.string() + "' && " + c.script);
+        const auto ran = run("cd '" + docs.string() + "' && (" + c.script + ")");
         EXPECT_EQ(ran.output, c.printed) << c.script;
         const auto onPhone = storage() / "Documents" / c.file;
         if (c.content) {
@@ -259,6 +262,11 @@ TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) 
             EXPECT_FALSE(fs::exists(onPhone)) << c.script;
         }
     }
+
+    EXPECT_TRUE(testing::eventually([&] {
+        const auto log = readFile(storage() / "Documents/log");
+        return std::count(log.begin(), log.end(), '\n') == 200;
+    }));
 
     // Open, write, unlink, read: the file lives on for its descriptor until the last close.
     const int fd = ::open((docs / "scratch").c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -307,8 +315,10 @@ TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterAResta
     stack_->phone().detach(ServiceStack::kDevice);
     run("echo away > '" + notes.string() + "'");
     stack_->phone().attach(ServiceStack::kDevice);
-    EXPECT_TRUE(testing::eventually(
-        [&] { return readFile(storage() / "Documents/notes.txt") == "away\n"; }));
+    EXPECT_TRUE(testing::eventually([&] {
+        return readFile(storage() / "Documents/notes.txt") == "away\n";
+    })) << readFile(storage() / "Documents/notes.txt")
+        << volume_->output();
 
     // skiff-fs is killed with a push owed; started again, it sends it and removes the local
     // copies nobody recorded.
