@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "common/json.hpp"
+#include "volume/pending_store.hpp"
 
 namespace skiff::ctl {
 
@@ -52,8 +53,9 @@ VolumeStatus localVolumeStatus() {
     if (!path) {
         return {};
     }
+    const auto folder = volume::defaultVolumeFolder();
     return {mount::volumeStateAt("/proc/self/mountinfo", *path, kVolumeAnswerWithin),
-            path->string()};
+            path->string(), folder ? volume::PendingStore::countIn(*folder) : 0};
 }
 
 std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status,
@@ -67,6 +69,8 @@ std::vector<std::pair<std::string, std::string>> statusLines(const service::Serv
         {"phone", phones.empty() ? "none attached" : "attached (" + phones + ")"},
         {"file provider", status.fileProviderRegistered ? "registered" : "not registered"},
         {"volume", volumeLine(volume)},
+        {"waiting to reach the phone",
+         std::to_string(volume.pendingWrites) + (volume.pendingWrites == 1 ? " file" : " files")},
     };
 }
 
@@ -101,6 +105,7 @@ int runStatus(CtlSession& session, const Output& out) {
         document["running"] = true;
         document["volume"] = json::enumText(volume.state);
         document["mountPoint"] = volume.mountPoint;
+        document["pendingWrites"] = volume.pendingWrites;
         printJson(document);
         return kExitOk;
     }

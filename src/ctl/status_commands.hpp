@@ -2,6 +2,7 @@
 // skiffctl devices and status: what the service knows, asked without registering a role
 // and without starting a service that is not running.
 
+#include <cstddef>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,7 +18,8 @@ namespace skiff::ctl {
 // looking at the mount point may wait for the volume, which may be waiting for skiffd.
 struct VolumeStatus {
     mount::VolumeState state = mount::VolumeState::notMounted;
-    std::string mountPoint;  // empty when the environment names no home directory
+    std::string mountPoint;         // empty when the environment names no home directory
+    std::size_t pendingWrites = 0;  // files whose bytes the phone does not have yet
 };
 VolumeStatus localVolumeStatus();
 

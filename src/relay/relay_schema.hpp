@@ -135,7 +135,7 @@ constexpr std::size_t caseCount(RelayDeviceStatus) {
 
 // The client's selector, sent as the frame code of the tunnel request. Codes
 // nobody sends keep placeholder names. The item requests of codes 3, 4, 5 and 7 are
-// in relay/item_requests.hpp.
+// in relay/item_requests.hpp, those of codes 8, 10 and 12 in relay/volume_records.hpp.
 enum class UsbMuxRelaySelector : std::int64_t {
     ping = 0,
     reserved1 = 1,
@@ -145,11 +145,11 @@ enum class UsbMuxRelaySelector : std::int64_t {
     makeDirectory = 5,
     commitWrite = 6,
     renameItem = 7,
-    reserved8 = 8,
+    setAttributes = 8,
     readChunk = 9,
-    reserved10 = 10,
+    readVersionRange = 10,
     writeChunk = 11,
-    reserved12 = 12,
+    storageSpace = 12,
     reserved13 = 13,
     reserved14 = 14,
     truncateWrite = 15,

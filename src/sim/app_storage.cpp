@@ -7,6 +7,8 @@
 #include <optional>
 #include <vector>
 
+#include "common/little_endian.hpp"
+
 namespace skiff::sim {
 namespace {
 
@@ -34,12 +36,6 @@ std::optional<std::vector<std::string>> componentsOf(const std::string& identifi
 
 relay::RelayTimespec timeOf(const struct statx_timestamp& t) {
     return {t.tv_sec, static_cast<std::int32_t>(t.tv_nsec)};
-}
-
-void appendLittleEndian(Bytes& out, std::uint64_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) {
-        out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-    }
 }
 
 Bytes timeAndSize(const struct statx_timestamp& t, std::uint64_t size) {

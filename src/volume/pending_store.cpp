@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -13,6 +14,7 @@
 #include "common/file_io.hpp"
 #include "common/log.hpp"
 #include "common/unique_fd.hpp"
+#include "transfer/shared_file_storage.hpp"
 
 namespace skiff::volume {
 
@@ -70,6 +72,15 @@ std::optional<PendingWrite> readRecord(const fs::path& path) {
 }
 
 }  // namespace
+
+std::optional<fs::path> defaultVolumeFolder() {
+    auto container =
+        transfer::defaultContainerPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"));
+    if (!container) {
+        return std::nullopt;
+    }
+    return *container / "volume";
+}
 
 PendingStore::PendingStore(fs::path folder) : folder_(std::move(folder)) {
     std::error_code error;

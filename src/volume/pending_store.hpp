@@ -53,6 +53,10 @@ constexpr auto jsonFields(const PendingWrite*) {
                       field("mode", &T::mode)};
 }
 
+// The folder of the local copies and their records: "volume" in the shared container.
+// Nothing when the environment names no home directory.
+std::optional<std::filesystem::path> defaultVolumeFolder();
+
 class PendingStore {
 public:
     // Creates folder (mode 0700) when it is missing; a failure shows at the first save.

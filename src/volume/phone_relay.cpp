@@ -1,13 +1,17 @@
 #include "volume/phone_relay.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <unordered_set>
 #include <utility>
 
+#include "common/file_io.hpp"
 #include "common/log.hpp"
 #include "common/uuid.hpp"
 #include "relay/item_requests.hpp"
+#include "relay/volume_records.hpp"
 #include "transfer/file_io_records.hpp"
 
 namespace skiff::volume {
@@ -16,11 +20,14 @@ namespace {
 
 using relay::UsbMuxRelaySelector;
 
-// A slot holds one chunk request (identifier of at most 64 KiB and a few integers) and
-// the largest answer the service writes.
-constexpr std::size_t kParamCapacity = 65'536 + 16;
+// A slot holds one request, at most a write chunk (4 MiB and its header with an identifier
+// of at most 64 KiB), followed by room for the largest answer the service writes. Pages are
+// touched only as far as a request and its answer reach.
+constexpr std::size_t kParamCapacity = 65'536 + 16 + transfer::kChunkSize;
 constexpr std::size_t kSlotBytes = kParamCapacity + service::kMaxRelayBodyBytes;
 constexpr std::size_t kSlotCount = 4;
+// Bodies up to this size go on the bus itself; larger ones through the shared buffer.
+constexpr std::size_t kBusBodyLimit = 65'536;
 
 template <class T>
 Answer<T> decoded(const std::optional<T>& value) {
@@ -30,7 +37,71 @@ Answer<T> decoded(const std::optional<T>& value) {
     return {0, *value};
 }
 
+constexpr std::size_t kMaxNameBytes = 255;
+
+// Whether the app's name can be a file name here: one component, UTF-8, within NAME_MAX.
+bool isFileName(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.size() <= kMaxNameBytes &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos &&
+           json::serialize(json::Json(name)).has_value();
+}
+
+// The folder an identifier names an item of; the root is its own.
+std::string_view folderOf(std::string_view identifier) {
+    const auto slash = identifier.rfind('/');
+    return slash == std::string_view::npos ? std::string_view{} : identifier.substr(0, slash);
+}
+
 }  // namespace
+
+ListingPages::ListingPages(std::string folder, std::chrono::steady_clock::time_point deadline)
+    : folder_(std::move(folder)), deadline_(deadline) {}
+
+int ListingPages::add(std::span<const std::uint8_t> body, std::optional<std::string>& nextCursor) {
+    bytes_ += body.size();
+    if (++pages_ > kListPageLimit || bytes_ > kListByteLimit ||
+        std::chrono::steady_clock::now() > deadline_) {
+        log::xpc().error(
+            "skiff-fs gives up listing \"%{public}s\": %{public}zu pages, %{public}zu bytes",
+            folder_.c_str(), pages_, bytes_);
+        return EIO;
+    }
+    auto page = json::decode<relay::RelayListReply>(body);
+    // A cursor that does not move would page forever.
+    if (!page || (page->nextCursor && page->nextCursor == cursor_)) {
+        return EIO;
+    }
+    for (auto& item : page->items) {
+        if (!isFileName(item.filename)) {
+            log::xpc().error(
+                "skiff-fs leaves out an item of \"%{public}s\" whose name cannot be "
+                "a file name here",
+                folder_.c_str());
+            continue;
+        }
+        if (folderOf(item.identifier) != folder_ || item.identifier.empty()) {
+            log::xpc().error(
+                "skiff-fs refuses a listing of \"%{public}s\" with an item of "
+                "another folder",
+                folder_.c_str());
+            return EIO;
+        }
+        // The entry is filed where it was found, whatever it claims to be.
+        item.identifier = folder_.empty() ? item.filename : folder_ + "/" + item.filename;
+        if (!names_.insert(item.filename).second) {
+            continue;
+        }
+        if (items_.size() >= kListItemLimit) {
+            log::xpc().error("skiff-fs gives up listing \"%{public}s\": over %{public}zu items",
+                             folder_.c_str(), kListItemLimit);
+            return EIO;
+        }
+        items_.push_back(std::move(item));
+    }
+    cursor_ = page->nextCursor;
+    nextCursor = std::move(page->nextCursor);
+    return 0;
+}
 
 PhoneRelay::PhoneRelay(service::dbus::HarborClient& client)
     : client_(client), buffer_(SharedMemory::create(kSlotCount * kSlotBytes, "skiff-fs")) {
@@ -79,7 +150,16 @@ PhoneRelay::Reply PhoneRelay::relay(UsbMuxRelaySelector selector, const Bytes& b
                                     Operation operation) {
     try {
         auto reply = client_.relayToUsbMux(static_cast<std::int64_t>(selector), body);
-        return {errnoOfRelay(reply.status, reply.code, operation), std::move(reply.response)};
+        auto error = errnoOfRelay(reply.status, reply.code, operation);
+        // A stage or a commit refused by the app names its status in a rejection record.
+        if (reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::deviceStatus)) {
+            if (const auto rejection =
+                    json::decode<transfer::FileIODeviceRejection>(reply.response)) {
+                const int named = errnoOfDeviceStatus(rejection->status, operation);
+                error = named == 0 ? EIO : named;
+            }
+        }
+        return {error, std::move(reply.response)};
     } catch (const std::exception& e) {
         log::xpc().error("skiff-fs relay %{public}lld failed: %{public}s",
                          static_cast<long long>(selector), e.what());
@@ -108,27 +188,22 @@ Answer<RelayItemSummary> PhoneRelay::lookup(const std::string& identifier,
 }
 
 Answer<std::vector<RelayItemSummary>> PhoneRelay::list(const std::string& identifier) {
-    Answer<std::vector<RelayItemSummary>> all;
+    ListingPages pages(identifier, std::chrono::steady_clock::now() + kListTimeLimit);
     relay::RelayListRequest request{identifier, std::nullopt};
     do {
         const auto body = json::encode(request);
         if (!body) {
             return {EINVAL, {}};
         }
-        auto reply = relay(UsbMuxRelaySelector::listDirectory, *body, Operation::other);
+        auto reply = relay(UsbMuxRelaySelector::listDirectory, *body);
         if (reply.error != 0) {
             return {reply.error, {}};
         }
-        auto page = json::decode<relay::RelayListReply>(reply.body);
-        // A cursor that does not move would page forever.
-        if (!page || (page->nextCursor && page->nextCursor == request.cursor)) {
-            return {EIO, {}};
+        if (const int error = pages.add(reply.body, request.cursor); error != 0) {
+            return {error, {}};
         }
-        all.value.insert(all.value.end(), std::make_move_iterator(page->items.begin()),
-                         std::make_move_iterator(page->items.end()));
-        request.cursor = std::move(page->nextCursor);
     } while (request.cursor);
-    return all;
+    return {0, pages.take()};
 }
 
 std::size_t PhoneRelay::takeSlot() {
@@ -145,40 +220,184 @@ void PhoneRelay::giveSlot(std::size_t slot) {
     slotFreed_.notify_one();
 }
 
+PhoneRelay::Reply PhoneRelay::relayShared(
+    UsbMuxRelaySelector selector,
+    const std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>& fill) {
+    // Between two skiffds the buffer is nobody's; a call fails at once rather than wait.
+    const auto id = bufferId();
+    if (!id) {
+        return {EIO, {}};
+    }
+    const auto slot = takeSlot();
+    const std::uint64_t base = slot * kSlotBytes;
+    const auto room = buffer_->bytes().subspan(base, kSlotBytes);
+    Reply reply;
+    try {
+        const auto length = fill(room.first(kParamCapacity));
+        if (!length) {
+            reply.error = EIO;
+        } else {
+            // The answer goes right after the request, in the rest of the slot.
+            const auto capacity = service::kMaxRelayBodyBytes;
+            const auto answer = client_.relayToUsbMuxShared(
+                static_cast<std::int64_t>(selector), *id, base, *length, base + *length, capacity);
+            reply.error = errnoOfRelay(answer.status, answer.code);
+            if (reply.error == 0 && answer.replyLength > capacity) {
+                reply.error = EIO;
+            }
+            if (reply.error == 0) {
+                const auto start = room.begin() + static_cast<std::ptrdiff_t>(*length);
+                reply.body.assign(start, start + static_cast<std::ptrdiff_t>(answer.replyLength));
+            }
+        }
+    } catch (const std::exception& e) {
+        log::xpc().error("skiff-fs relay %{public}lld through the shared buffer failed: %{public}s",
+                         static_cast<long long>(selector), e.what());
+        reply.error = EIO;
+    }
+    giveSlot(slot);
+    return reply;
+}
+
+int PhoneRelay::readInto(UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
+                         std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out) {
+    const auto copyIn = [&](std::span<std::uint8_t> room) -> std::optional<std::size_t> {
+        std::memcpy(room.data(), body.data(), body.size());
+        return body.size();
+    };
+    auto reply = relayShared(selector, copyIn);
+    if (reply.error != 0) {
+        return reply.error;
+    }
+    // Fewer bytes than asked mean the item's end only where the caller knows no more exist;
+    // anywhere else they are a fault, and taking them as the end would cut the file short.
+    const std::uint64_t held = knownSize && *knownSize > offset ? *knownSize - offset : 0;
+    const auto expected = std::min<std::uint64_t>(length, held);
+    if (reply.body.size() > length || reply.body.size() < expected) {
+        log::xpc().error("skiff-fs asked for %{public}u bytes at %{public}llu and got %{public}zu",
+                         length, static_cast<unsigned long long>(offset), reply.body.size());
+        return EIO;
+    }
+    out = std::move(reply.body);
+    return 0;
+}
+
 int PhoneRelay::readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out,
-                          std::optional<std::uint64_t>) {
+                          std::optional<std::uint64_t> knownSize) {
     const auto body = transfer::encodeReadChunkRequest(identifier, offset);
     if (!body) {
         return ENAMETOOLONG;
     }
-    // Between two skiffds the buffer is nobody's; a read fails at once rather than wait.
-    const auto id = bufferId();
-    if (!id) {
-        return EIO;
+    return readInto(UsbMuxRelaySelector::readChunk, *body, offset, transfer::kChunkSize, knownSize,
+                    out);
+}
+
+int PhoneRelay::readRange(const std::string& identifier, std::uint64_t offset, std::uint32_t length,
+                          const Bytes& version, Bytes& out,
+                          std::optional<std::uint64_t> knownSize) {
+    if (length > relay::kMaxRangeReadBytes) {
+        return EINVAL;
     }
-    const auto slot = takeSlot();
-    const std::uint64_t base = slot * kSlotBytes;
-    auto bytes = buffer_->bytes();
-    std::memcpy(bytes.data() + base, body->data(), body->size());
-    int error = 0;
-    try {
-        const auto reply = client_.relayToUsbMuxShared(
-            static_cast<std::int64_t>(UsbMuxRelaySelector::readChunk), *id, base, body->size(),
-            base + kParamCapacity, service::kMaxRelayBodyBytes);
-        error = errnoOfRelay(reply.status, reply.code);
-        if (error == 0 && reply.replyLength > service::kMaxRelayBodyBytes) {
-            error = EIO;
-        }
-        if (error == 0) {
-            const auto* start = bytes.data() + base + kParamCapacity;
-            out.assign(start, start + reply.replyLength);
-        }
-    } catch (const std::exception& e) {
-        log::xpc().error("skiff-fs chunk read failed: %{public}s", e.what());
-        error = EIO;
+    const auto body = relay::encodeRangeReadRequest({identifier, offset, length, version});
+    if (!body) {
+        return ENAMETOOLONG;
     }
-    giveSlot(slot);
-    return error;
+    const int error =
+        readInto(UsbMuxRelaySelector::readVersionRange, *body, offset, length, knownSize, out);
+    return error == kConflictErrno ? kVersionChangedErrno : error;
+}
+
+Answer<RelayItemSummary> PhoneRelay::setAttributes(const std::string& identifier,
+                                                   std::optional<relay::RelayTimespec> modifyTime,
+                                                   std::optional<relay::RelayTimespec> accessTime,
+                                                   std::optional<std::uint32_t> mode) {
+    return summaryOf(UsbMuxRelaySelector::setAttributes,
+                     relay::RelaySetAttributesRequest{identifier, modifyTime, accessTime, mode});
+}
+
+Answer<PhoneRelay::Space> PhoneRelay::space() {
+    const auto body = json::encode(relay::RelaySpaceRequest{});
+    if (!body) {
+        return {EINVAL, {}};
+    }
+    auto reply = relay(UsbMuxRelaySelector::storageSpace, *body);
+    if (reply.error != 0) {
+        return {reply.error, {}};
+    }
+    const auto space = json::decode<relay::RelaySpaceReply>(reply.body);
+    // Free space above the total is no answer a disk gives.
+    if (!space || space->freeBytes > space->totalBytes) {
+        return {EIO, {}};
+    }
+    return {0, Space{space->totalBytes, space->freeBytes}};
+}
+
+int PhoneRelay::sendRange(const PushPlan& plan, ByteRange range) {
+    auto at = range.offset;
+    while (at < range.end()) {
+        const auto piece = std::min<std::uint64_t>(transfer::kChunkSize, range.end() - at);
+        auto header = transfer::encodeWriteChunkHeader(plan.identifier, at, piece);
+        if (!header) {
+            return ENAMETOOLONG;
+        }
+        // The chunk is read from the local copy straight into the buffer that carries it.
+        const auto fill = [&](std::span<std::uint8_t> room) -> std::optional<std::size_t> {
+            const auto total = header->size() + piece;
+            if (total > room.size()) {
+                return std::nullopt;
+            }
+            std::memcpy(room.data(), header->data(), header->size());
+            const auto got = readUpTo(plan.fd, room.subspan(header->size(), piece), at);
+            if (got != piece) {
+                log::xpc().error("skiff-fs cannot read the local copy of %{public}s",
+                                 plan.identifier.c_str());
+                return std::nullopt;
+            }
+            return total;
+        };
+        Reply reply;
+        if (header->size() + piece <= kBusBodyLimit) {
+            Bytes body(header->size() + piece);
+            reply = fill(body) ? relay(UsbMuxRelaySelector::writeChunk, body) : Reply{EIO, {}};
+        } else {
+            reply = relayShared(UsbMuxRelaySelector::writeChunk, fill);
+        }
+        if (reply.error != 0) {
+            return reply.error;
+        }
+        // The app says where the next chunk starts; a reply that does not move forward, or
+        // moves past what was sent, would loop or leave a hole.
+        const auto answer = json::decode<transfer::RelayWriteChunkResponse>(reply.body);
+        if (!answer || answer->nextOffset <= at || answer->nextOffset > at + piece) {
+            return EIO;
+        }
+        at = answer->nextOffset;
+    }
+    return 0;
+}
+
+Answer<RelayItemSummary> PhoneRelay::pushRanges(const PushPlan& plan) {
+    const auto stage = json::encode(
+        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    if (!stage) {
+        return {EINVAL, {}};
+    }
+    if (const auto reply = relay(UsbMuxRelaySelector::truncateWrite, *stage); reply.error != 0) {
+        return {reply.error, {}};
+    }
+    // Bytes past the size were cut by the user after writing them: the stage drops them.
+    RangeSet send;
+    for (const auto& range : plan.dirty) {
+        send.add(range.offset, range.length);
+    }
+    send.truncate(plan.size);
+    for (const auto& range : send.ranges()) {
+        if (const int error = sendRange(plan, range); error != 0) {
+            return {error, {}};
+        }
+    }
+    return summaryOf(UsbMuxRelaySelector::commitWrite,
+                     transfer::RelayCommitWriteRequest{plan.identifier});
 }
 
 int PhoneRelay::remove(const std::string& identifier) {
@@ -224,30 +443,6 @@ Answer<RelayItemSummary> PhoneRelay::push(const std::string& identifier,
         answer.error = EIO;
     }
     return answer;
-}
-
-}  // namespace skiff::volume
-
-namespace skiff::volume {
-
-int PhoneRelay::readRange(const std::string&, std::uint64_t, std::uint32_t, const Bytes&, Bytes&,
-                          std::optional<std::uint64_t>) {
-    return EIO;
-}
-
-Answer<RelayItemSummary> PhoneRelay::setAttributes(const std::string&,
-                                                   std::optional<relay::RelayTimespec>,
-                                                   std::optional<relay::RelayTimespec>,
-                                                   std::optional<std::uint32_t>) {
-    return {EIO, {}};
-}
-
-Answer<PhoneRelay::Space> PhoneRelay::space() {
-    return {EIO, {}};
-}
-
-Answer<RelayItemSummary> PhoneRelay::pushRanges(const PushPlan&) {
-    return {EIO, {}};
 }
 
 }  // namespace skiff::volume

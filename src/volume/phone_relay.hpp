@@ -17,10 +17,13 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "common/bytes.hpp"
@@ -39,15 +42,38 @@ inline constexpr int kVersionChangedErrno = ESTALE;
 
 // Bounds of one listing: past any of them the listing fails with EIO rather than grow
 // without end on a reply that never finishes.
-inline constexpr std::size_t kListItemLimit = 1'000'000;
-inline constexpr std::size_t kListPageLimit = 2'000;
-inline constexpr std::size_t kListByteLimit = 1'024 * 1'024 * 1'024;
+inline constexpr std::size_t kListItemLimit = 500'000;
+inline constexpr std::size_t kListPageLimit = 5'000;
+inline constexpr std::size_t kListByteLimit = 256 * 1'024 * 1'024;
 inline constexpr std::chrono::seconds kListTimeLimit{120};
 
 template <class T>
 struct Answer {
     int error = 0;  // 0 when value holds the answer
     T value{};
+};
+
+// One listing's pages, checked as they arrive so that a hostile reply costs a bounded
+// amount of memory and time and never names an item outside the folder asked for.
+// A plain value of one listing call; one thread.
+class ListingPages {
+public:
+    ListingPages(std::string folder, std::chrono::steady_clock::time_point deadline);
+
+    // Takes one reply body. 0 and the cursor of the next page (absent: the listing is
+    // complete), or EIO: a bound passed, a body that does not decode, a cursor that does not
+    // move, or an entry that claims another folder.
+    int add(std::span<const std::uint8_t> body, std::optional<std::string>& nextCursor);
+    std::vector<RelayItemSummary> take() { return std::move(items_); }
+
+private:
+    std::string folder_;
+    std::chrono::steady_clock::time_point deadline_;
+    std::optional<std::string> cursor_;
+    std::size_t pages_ = 0;
+    std::size_t bytes_ = 0;
+    std::vector<RelayItemSummary> items_;
+    std::unordered_set<std::string> names_;
 };
 
 class PhoneRelay {
@@ -119,7 +145,18 @@ private:
         int error = 0;
         Bytes body;
     };
-    Reply relay(relay::UsbMuxRelaySelector selector, const Bytes& body, Operation operation);
+    Reply relay(relay::UsbMuxRelaySelector selector, const Bytes& body,
+                Operation operation = Operation::other);
+    // Writes the request into a slot of the shared buffer (fill gets the room, at most
+    // a write chunk, and returns the length written or nothing on failure) and takes
+    // the answer from the rest of the slot: large bodies stay off the bus.
+    Reply relayShared(
+        relay::UsbMuxRelaySelector selector,
+        const std::function<std::optional<std::size_t>(std::span<std::uint8_t>)>& fill);
+    // Code 9 or 10 answered with bytes; checks the answer's length against what was asked.
+    int readInto(relay::UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
+                 std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out);
+    int sendRange(const PushPlan& plan, ByteRange range);
     // A request answered with an item's summary.
     template <class Request>
     Answer<RelayItemSummary> summaryOf(relay::UsbMuxRelaySelector selector, const Request& request);
