@@ -391,19 +391,61 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
             return;
         }
     }
-    if (toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME)) {
-        // A time change is how the service pokes an item the phone changed: refresh it and
-        // drop what the kernel holds of it. A node holding the user's changes keeps them.
+    // Items belong to whoever mounted the volume; they can be given to nobody else.
+    if (((toSet & FUSE_SET_ATTR_UID) && attr.st_uid != owner_) ||
+        ((toSet & FUSE_SET_ATTR_GID) && attr.st_gid != group_)) {
+        fuse_reply_err(req, EPERM);
+        return;
+    }
+    const int times = toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME);
+    const bool explicitTime =
+        ((toSet & FUSE_SET_ATTR_ATIME) && !(toSet & FUSE_SET_ATTR_ATIME_NOW)) ||
+        ((toSet & FUSE_SET_ATTR_MTIME) && !(toSet & FUSE_SET_ATTR_MTIME_NOW));
+    if (times && !explicitTime && !(toSet & FUSE_SET_ATTR_MODE)) {
+        // A time set to now is how the service pokes an item the phone changed: refresh it
+        // and drop what the kernel holds of it. A node holding the user's changes keeps them.
         const int error = refresh(node, RelayLookupSource::fsSetAttributesRefresh, true);
         invalidate(id);
         if (error != 0) {
             fuse_reply_err(req, error);
             return;
         }
-    }
-    if (toSet & FUSE_SET_ATTR_MODE) {
+    } else if (times || (toSet & FUSE_SET_ATTR_MODE)) {
+        const auto stamp = [](const timespec& t) {
+            return relay::RelayTimespec{static_cast<std::int64_t>(t.tv_sec),
+                                        static_cast<std::int32_t>(t.tv_nsec)};
+        };
+        std::optional<relay::RelayTimespec> modify;
+        std::optional<relay::RelayTimespec> access;
+        std::optional<std::uint32_t> mode;
+        if (toSet & FUSE_SET_ATTR_MTIME) {
+            modify = (toSet & FUSE_SET_ATTR_MTIME_NOW) ? relayNow() : stamp(attr.st_mtim);
+        }
+        if (toSet & FUSE_SET_ATTR_ATIME) {
+            access = (toSet & FUSE_SET_ATTR_ATIME_NOW) ? relayNow() : stamp(attr.st_atim);
+        }
+        if (toSet & FUSE_SET_ATTR_MODE) {
+            mode = attr.st_mode & 07777;
+        }
+        std::lock_guard io(node->io);
+        // The phone sets attributes of what it holds: the user's bytes go first.
+        if (const int error = push(node); error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+        const auto identifier = nodes_.identifierOf(*node);
+        const auto answer = phone_.setAttributes(identifier, modify, access, mode);
         std::lock_guard guard(node->mutex);
-        node->attributes.mode = attr.st_mode & 07777;
+        if (answer.error == 0) {
+            apply(*node, answer.value);
+        } else {
+            // Copying tools stop at a failed time or mode; the file itself is on the phone.
+            log::xpc().error("skiff-fs could not set the times or mode of %{public}s: %{public}s",
+                             identifier.c_str(), std::strerror(answer.error));
+            node->attributes.modifyTime = modify.value_or(node->attributes.modifyTime);
+            node->attributes.accessTime = access.value_or(node->attributes.accessTime);
+            node->attributes.mode = mode.value_or(node->attributes.mode);
+        }
     }
     std::lock_guard guard(node->mutex);
     const auto st = attributesOf(*node);
@@ -1220,17 +1262,18 @@ void VolumeFs::releasedir(fuse_req_t req, fuse_file_info* fi) {
 }
 
 void VolumeFs::statfs(fuse_req_t req) {
-    // The phone's free space is not asked for; a large, mostly free volume lets copies
-    // start, and a full phone answers noSpace (ENOSPC) on the push.
+    const auto answer = phone_.space();
+    if (answer.error != 0) {
+        fuse_reply_err(req, answer.error);
+        return;
+    }
+    constexpr std::uint64_t kBlock = 4096;
     struct statvfs st {};
-    st.f_bsize = 4096;
-    st.f_frsize = 4096;
-    st.f_blocks = (std::uint64_t{1} << 40) / 4096;
-    st.f_bfree = st.f_blocks / 2;
+    st.f_bsize = kBlock;
+    st.f_frsize = kBlock;
+    st.f_blocks = answer.value.totalBytes / kBlock;
+    st.f_bfree = answer.value.freeBytes / kBlock;
     st.f_bavail = st.f_bfree;
-    st.f_files = 1'000'000;
-    st.f_ffree = 500'000;
-    st.f_favail = st.f_ffree;
     st.f_namemax = kNameMax;
     fuse_reply_statfs(req, &st);
 }
