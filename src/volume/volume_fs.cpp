@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -36,7 +37,7 @@ constexpr std::size_t kNameMax = 255;
 struct Handle {
     std::shared_ptr<Node> node;
     bool writable = false;
-    bool written = false;  // by this handle's writes or cuts, since it was opened
+    std::atomic<bool> written = false;  // by this handle's writes or cuts, since it was opened
 };
 
 // One open directory: its entries as listed at open, so that the kernel's pages of one
