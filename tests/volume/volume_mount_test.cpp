@@ -304,7 +304,6 @@ TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterAResta
     stack_->phone().command("fault status 5");
     EXPECT_EQ(::fsync(fd), -1);
     EXPECT_EQ(::close(fd), -1);
-    stack_->phone().command("fault status off");
     EXPECT_EQ(readFile(notes), "new\n");
     EXPECT_EQ(readFile(storage() / "Documents/notes.txt"), "twelve bytes");
     stack_->phone().command("fault clear");
