@@ -13,7 +13,9 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -153,6 +155,12 @@ int serve(const CommandLine& line, int& readyFd) {
     std::unique_ptr<service::dbus::ClientSession> session;
     // Shared with the session's follower, which may still run while serve() returns.
     std::shared_ptr<volume::PhoneRelay> phone;
+    // The file system the follower tells of the service's return, while there is one.
+    struct Served {
+        std::mutex mutex;
+        volume::VolumeFs* volume = nullptr;
+    };
+    const auto served = std::make_shared<Served>();
     try {
         session = std::make_unique<service::dbus::ClientSession>(std::string(), kCallTimeout);
         auto& client = session->client();
@@ -164,12 +172,17 @@ int serve(const CommandLine& line, int& readyFd) {
         phone = std::make_shared<volume::PhoneRelay>(client);
         // A restarted skiffd knows neither the volume nor its buffer; until it has both
         // back, calls fail with EIO at once.
-        session->keepRegistered(role, [weak = std::weak_ptr(phone)](bool registered) {
+        session->keepRegistered(role, [weak = std::weak_ptr(phone), served](bool registered) {
             const auto relay = weak.lock();
             if (!relay) {
                 return;
             } else if (registered) {
                 relay->reattach();
+                // What waits for the phone goes out now rather than at its next retry.
+                std::lock_guard guard(served->mutex);
+                if (served->volume) {
+                    served->volume->retryNow();
+                }
             } else {
                 relay->detach();
             }
@@ -179,7 +192,24 @@ int serve(const CommandLine& line, int& readyFd) {
         return 2;
     }
 
-    volume::VolumeFs volumeFs(*phone, transfer::SharedFileStorage());
+    transfer::SharedFileStorage storage;
+    std::filesystem::path copies;
+    try {
+        copies = storage.makeContainer() / "volume";
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "skiff-fs: no folder for local copies: %s\n", e.what());
+        return 1;
+    }
+    volume::VolumeFs volumeFs(*phone, storage, copies);
+    {
+        std::lock_guard guard(served->mutex);
+        served->volume = &volumeFs;
+    }
+    // Before the file system goes, whatever happens below.
+    const std::unique_ptr<Served, void (*)(Served*)> unserve(served.get(), [](Served* s) {
+        std::lock_guard guard(s->mutex);
+        s->volume = nullptr;
+    });
     std::vector<std::string> args = {"skiff-fs", "-o", "fsname=" + line.source + ",subtype=skiff"};
     for (const auto& option : line.options) {
         args.insert(args.end(), {"-o", option});
@@ -193,16 +223,17 @@ int serve(const CommandLine& line, int& readyFd) {
     }
     fuse_args fuseArgs = FUSE_ARGS_INIT(static_cast<int>(argv.size()), argv.data());
     const auto ops = volume::VolumeFs::operations();
-    fuse* fs = fuse_new(&fuseArgs, &ops, sizeof ops, &volumeFs);
+    fuse_session* fs = fuse_session_new(&fuseArgs, &ops, sizeof ops, &volumeFs);
     fuse_opt_free_args(&fuseArgs);
     if (!fs) {
         return 1;
     }
-    if (fuse_mount(fs, line.mountPoint.c_str()) != 0) {
-        fuse_destroy(fs);
+    if (fuse_session_mount(fs, line.mountPoint.c_str()) != 0) {
+        fuse_session_destroy(fs);
         return 1;
     }
-    fuse_set_signal_handlers(fuse_get_session(fs));
+    fuse_set_signal_handlers(fs);
+    volumeFs.start(fs);
     log::xpc().info("skiff-fs mounted %{public}s at %{public}s", line.source.c_str(),
                     line.mountPoint.c_str());
     if (readyFd >= 0) {
@@ -212,11 +243,13 @@ int serve(const CommandLine& line, int& readyFd) {
         std::printf("skiff-fs: mounted\n");
         std::fflush(stdout);
     }
-    const int looped = fuse_loop_mt(fs, 0);
+    fuse_loop_config* loop = fuse_loop_cfg_create();
+    const int looped = fuse_session_loop_mt(fs, loop);
+    fuse_loop_cfg_destroy(loop);
     volumeFs.finish();
-    fuse_remove_signal_handlers(fuse_get_session(fs));
-    fuse_unmount(fs);
-    fuse_destroy(fs);
+    fuse_remove_signal_handlers(fs);
+    fuse_session_unmount(fs);
+    fuse_session_destroy(fs);
     try {
         session->client().filesystemDidUnmount();
     } catch (const std::exception&) {

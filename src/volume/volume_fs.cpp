@@ -6,638 +6,1277 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <asio/post.hpp>
+#include <atomic>
 #include <cstring>
-#include <optional>
 #include <utility>
+#include <vector>
 
 #include "common/log.hpp"
 #include "common/uuid.hpp"
 #include "transfer/file_io_records.hpp"
+#include "volume/conflict_name.hpp"
 
 namespace skiff::volume {
 
 using relay::RelayLookupSource;
 using transfer::kChunkSize;
-
-// One open handle. Read-only handles read the phone's content of `version`; writable ones
-// keep the whole content in `staged`, a file of the shared container named `stagedName`
-// (empty once a push released that name).
-struct OpenFile {
-    std::string identifier;
-    Bytes version;  // the content version seen at open, then at the last push
-    std::uint64_t size = 0;
-    bool writable = false;
-    std::mutex mutex;
-    UniqueFd staged;
-    std::string stagedName;
-    bool dirty = false;
-    bool written = false;              // by this handle's writes or cuts, since it was opened
-    std::uint64_t nextSequential = 0;  // where a sequential reader reads next
-};
+using Clock = std::chrono::steady_clock;
 
 namespace {
 
 constexpr auto kCacheLifetime = std::chrono::seconds(1);
 constexpr double kKernelCacheSeconds = 1.0;
-// The chunk being copied out, the ones read ahead of it and one spare for a second reader:
-// more only costs memory, since a sequential reader never comes back to an older chunk.
-constexpr std::size_t kCachedChunks = 4;
-// Chunks fetched ahead of a sequential reader, each by a thread of its own: the tunnel
-// carries several requests at once, and one in flight leaves it idle between replies.
-constexpr std::uint64_t kReadAheadChunks = 2;
+// A changed node left alone this long goes to the phone.
+constexpr auto kQuietBeforePush = std::chrono::seconds(2);
+constexpr auto kPusherTick = std::chrono::milliseconds(250);
+constexpr auto kFirstRetry = std::chrono::seconds(2);
+constexpr auto kLastRetry = std::chrono::seconds(4);
+constexpr std::size_t kNameMax = 255;
 
-VolumeFs& self() {
-    return *static_cast<VolumeFs*>(fuse_get_context()->private_data);
-}
+// One open file.
+struct Handle {
+    std::shared_ptr<Node> node;
+    bool writable = false;
+    std::atomic<bool> written = false;  // by this handle's writes or cuts, since it was opened
+};
 
-OpenFile& handle(fuse_file_info* fi) {
-    return *reinterpret_cast<OpenFile*>(fi->fh);
+// One open directory: its entries as listed at open, so that the kernel's pages of one
+// listing agree with each other.
+struct Listing {
+    std::vector<RelayItemSummary> items;
+    std::chrono::steady_clock::time_point asked;  // older than a push it must not undo
+};
+
+Handle& handleOf(fuse_file_info* fi) {
+    return *reinterpret_cast<Handle*>(fi->fh);
 }
 
 timespec timeOf(const relay::RelayTimespec& t) {
     return {static_cast<time_t>(t.tvSec), static_cast<long>(t.tvNsec)};
 }
 
-void fillStat(const RelayItemSummary& item, struct stat* st) {
-    *st = {};
-    const mode_t permissions = item.mode & 07777;
-    st->st_mode = item.isDirectory ? S_IFDIR | (permissions ? permissions : 0755)
-                                   : S_IFREG | (permissions ? permissions : 0644);
-    st->st_nlink = item.linkCount ? item.linkCount : (item.isDirectory ? 2 : 1);
-    // The phone's owners mean nothing here: the items belong to whoever mounted them.
-    st->st_uid = ::getuid();
-    st->st_gid = ::getgid();
-    st->st_size = static_cast<off_t>(item.size);
-    st->st_blocks = static_cast<blkcnt_t>((item.allocSize + 511) / 512);
-    st->st_blksize = kChunkSize;
-    st->st_atim = timeOf(item.accessTime);
-    st->st_mtim = timeOf(item.modifyTime);
-    st->st_ctim = timeOf(item.changeTime);
+relay::RelayTimespec relayNow() {
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return {static_cast<std::int64_t>(now.tv_sec), static_cast<std::int32_t>(now.tv_nsec)};
 }
 
-// A staged file as the kernel should see it: its size is the staged content's.
-void fillStagedStat(const OpenFile& file, struct stat* st) {
-    struct stat staged {};
-    ::fstat(file.staged.get(), &staged);
-    *st = {};
-    st->st_mode = S_IFREG | 0644;
-    st->st_nlink = 1;
-    st->st_uid = ::getuid();
-    st->st_gid = ::getgid();
-    st->st_size = staged.st_size;
-    st->st_blocks = staged.st_blocks;
-    st->st_blksize = kChunkSize;
-    st->st_atim = staged.st_atim;
-    st->st_mtim = staged.st_mtim;
-    st->st_ctim = staged.st_ctim;
+bool nameTooLong(const char* name) {
+    return std::strlen(name) > kNameMax;
 }
 
-std::string stagedFileName() {
-    return "volume_" + Uuid::random().text() + ".stage";
+// Where the user hears of what happened to their files: the log now, and the volume notice
+// of the service once it carries one.
+void tellUser(const std::string& text) {
+    log::xpc().warning("skiff-fs: %{public}s", text.c_str());
 }
 
 }  // namespace
 
-VolumeFs::VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage)
-    : phone_(phone), storage_(std::move(storage)), items_(kCacheLifetime), chunks_(kCachedChunks) {}
+struct VolumeFs::Entry {
+    std::shared_ptr<Node> node;
+};
+
+VolumeFs::VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage,
+                   std::filesystem::path copies)
+    : phone_(phone),
+      storage_(std::move(storage)),
+      copies_(std::move(copies)),
+      owner_(::getuid()),
+      group_(::getgid()),
+      pending_(copies_) {
+    std::error_code error;
+    std::filesystem::create_directories(copies_, error);
+    std::filesystem::permissions(copies_, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace, error);
+    auto root = nodes_.get(kRootNode);
+    root->attributes.isDirectory = true;
+    root->attributes.mode = 0755;
+}
 
 VolumeFs::~VolumeFs() {
     finish();
 }
 
-void VolumeFs::finish() {
-    background_.join();
+void VolumeFs::start(fuse_session* session) {
+    session_ = session;
+    const auto left = pending_.loadAll();
+    std::set<std::string> kept;
+    for (const auto& write : left) {
+        kept.insert(write.copyName);
+    }
+    pending_.removeOrphans(kept);
+    for (const auto& write : left) {
+        resume(write);
+    }
+    if (!left.empty()) {
+        log::xpc().info("skiff-fs has %{public}zu files to send to the phone", left.size());
+    }
+    pusher_ = std::thread([this] { pushLoop(); });
 }
 
-Answer<RelayItemSummary> VolumeFs::item(const std::string& id, RelayLookupSource source,
-                                        bool fresh) {
-    if (!fresh) {
-        if (auto cached = items_.item(id)) {
-            return {0, std::move(*cached)};
-        }
+void VolumeFs::resume(const PendingWrite& write) {
+    UniqueFd fd(::open((copies_ / write.copyName).c_str(), O_RDWR | O_CLOEXEC));
+    if (fd.get() < 0) {
+        log::xpc().error("skiff-fs lost the local copy of %{public}s", write.identifier.c_str());
+        pending_.remove(write.copyName);
+        return;
     }
-    auto answer = phone_.lookup(id, source);
-    if (answer.error == 0) {
-        items_.storeItem(answer.value);
-    } else if (answer.error == ENOENT) {
-        forget(id);
-    }
-    return answer;
-}
-
-void VolumeFs::forget(const std::string& id) {
-    items_.forget(id);
-    chunks_.dropItem(id);
-}
-
-int VolumeFs::getattr(const std::string& id, struct stat* st, fuse_file_info* fi) {
-    if (fi && handle(fi).writable) {
-        auto& file = handle(fi);
-        std::lock_guard guard(file.mutex);
-        fillStagedStat(file, st);
-        return 0;
-    }
+    const auto node = nodes_.learn(write.identifier, false, 0);
     {
-        std::lock_guard guard(openMutex_);
-        if (const auto it = writers_.find(id); it != writers_.end()) {
-            // Unflushed content (or a file not yet on the phone) is what the item is now.
-            std::lock_guard fileGuard(it->second->mutex);
-            fillStagedStat(*it->second, st);
+        std::lock_guard guard(node->mutex);
+        auto& content = node->content;
+        content.fd = std::move(fd);
+        content.copyName = write.copyName;
+        content.present = {};
+        content.dirty = {};
+        for (const auto& range : write.dirty) {
+            content.present.add(range.offset, range.length);
+            content.dirty.add(range.offset, range.length);
+        }
+        content.size = write.size;
+        content.version = write.baseVersion;
+        content.onPhone = write.baseVersion.has_value();
+        content.changed = true;
+        node->attributes.identifier = write.identifier;
+        node->attributes.filename = nameOf(write.identifier);
+        node->attributes.mode = write.mode.value_or(0);
+    }
+    markChanged(node);
+}
+
+void VolumeFs::record(Node& node, const std::string& identifier) {
+    PendingWrite write;
+    {
+        std::lock_guard guard(node.mutex);
+        const auto& content = node.content;
+        write.identifier = identifier;
+        write.baseVersion = content.onPhone ? content.version : std::nullopt;
+        write.size = content.size;
+        write.dirty = content.dirty.ranges();
+        write.copyName = content.copyName;
+    }
+    pending_.save(write);
+}
+
+void VolumeFs::finish() {
+    {
+        std::lock_guard guard(changedMutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    if (pusher_.joinable()) {
+        pusher_.join();
+    }
+    std::set<std::shared_ptr<Node>> left;
+    {
+        std::lock_guard guard(changedMutex_);
+        left.swap(changed_);
+    }
+    for (const auto& node : left) {
+        std::lock_guard io(node->io);
+        push(node);
+    }
+}
+
+void VolumeFs::retryNow() {
+    {
+        std::lock_guard guard(changedMutex_);
+        retry_ = true;
+    }
+    wake_.notify_all();
+}
+
+// --- attributes and look-ups --------------------------------------------------------
+
+void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
+    node.attributes = summary;
+    node.fetched = Clock::now();
+    auto& content = node.content;
+    content.onPhone = true;
+    if (content.changed) {
+        return;  // the user's bytes are what the file is until they reach the phone
+    }
+    if (content.version != summary.contentVersion) {
+        // Bytes of another version must never be served for this one.
+        content.present = {};
+        content.version = summary.contentVersion;
+    }
+    if (content.size != summary.size && content.fd.get() >= 0) {
+        content.present.truncate(summary.size);
+        [[maybe_unused]] const int cut =
+            ::ftruncate(content.fd.get(), static_cast<off_t>(summary.size));
+    }
+    content.size = summary.size;
+}
+
+struct stat VolumeFs::attributesOf(Node& node) {
+    struct stat st {};
+    const auto& item = node.attributes;
+    const mode_t permissions = item.mode & 07777;
+    st.st_ino = node.id;
+    st.st_mode = node.isDirectory ? S_IFDIR | (permissions ? permissions : 0755)
+                                  : S_IFREG | (permissions ? permissions : 0644);
+    st.st_nlink = item.linkCount ? item.linkCount : (node.isDirectory ? 2 : 1);
+    // The phone's owners mean nothing here: the items belong to whoever mounted them.
+    st.st_uid = owner_;
+    st.st_gid = group_;
+    st.st_size = static_cast<off_t>(node.isDirectory ? item.size : node.content.size);
+    st.st_blocks = static_cast<blkcnt_t>((std::max(item.allocSize, node.content.size) + 511) / 512);
+    st.st_blksize = 4096;
+    st.st_atim = timeOf(item.accessTime);
+    st.st_mtim = timeOf(item.modifyTime);
+    st.st_ctim = timeOf(item.changeTime);
+    return st;
+}
+
+int VolumeFs::refresh(const std::shared_ptr<Node>& node, RelayLookupSource source, bool fresh) {
+    {
+        std::lock_guard guard(node->mutex);
+        const bool local = node->content.changed;
+        if (node->id == kRootNode && node->fetched == Clock::time_point{} && !fresh) {
+            // The root answers before the phone does: the mount point stays reachable.
+        } else if ((local && !node->isDirectory) ||
+                   (!fresh && Clock::now() - node->fetched < kCacheLifetime)) {
             return 0;
         }
     }
-    // A handle's own attributes are what the kernel asked about; a path is a look-up.
-    const auto source = fi ? RelayLookupSource::fsGetAttributes : RelayLookupSource::fsLookupByName;
-    const auto answer = item(id, source, false);
+    if (nodes_.unlinked(*node)) {
+        return 0;
+    }
+    // After any push in flight: an answer the phone gave before it must not undo it.
+    std::lock_guard io(node->io);
+    const auto identifier = nodes_.identifierOf(*node);
+    const auto answer = phone_.lookup(identifier, source);
+    if (answer.error == ENOENT && node->id != kRootNode) {
+        std::lock_guard guard(node->mutex);
+        if (!node->content.changed) {
+            nodes_.unlink(identifier);
+        }
+        return node->content.changed ? 0 : ENOENT;
+    }
     if (answer.error != 0) {
-        return -answer.error;
+        return node->id == kRootNode ? 0 : answer.error;
     }
-    fillStat(answer.value, st);
+    if (answer.value.isDirectory != node->isDirectory) {
+        nodes_.unlink(identifier);
+        return ENOENT;
+    }
+    std::lock_guard guard(node->mutex);
+    apply(*node, answer.value);
     return 0;
 }
 
-int VolumeFs::readdir(const std::string& id, void* buffer, fuse_fill_dir_t filler,
-                      fuse_readdir_flags flags) {
-    auto listing = items_.listing(id);
-    if (!listing) {
-        auto answer = phone_.list(id);
-        if (answer.error != 0) {
-            return -answer.error;
+int VolumeFs::entryOf(const std::string& identifier, RelayLookupSource source, Entry& entry) {
+    if (auto known = nodes_.find(identifier)) {
+        if (const int error = refresh(known, source, false); error == 0) {
+            entry.node = nodes_.learn(identifier, known->isDirectory, 1);
+            return 0;
+        } else if (error != ENOENT) {
+            return error;
         }
-        items_.storeListing(id, answer.value);
-        listing = std::move(answer.value);
     }
-    const auto plus = (flags & FUSE_READDIR_PLUS) ? FUSE_FILL_DIR_PLUS : fuse_fill_dir_flags{};
-    filler(buffer, ".", nullptr, 0, fuse_fill_dir_flags{});
-    filler(buffer, "..", nullptr, 0, fuse_fill_dir_flags{});
-    struct stat st {};
-    for (const auto& entry : *listing) {
-        fillStat(entry, &st);
-        if (filler(buffer, entry.filename.c_str(), &st, 0, plus) != 0) {
-            return -ENOMEM;
+    const auto answer = phone_.lookup(identifier, source);
+    if (answer.error != 0) {
+        return answer.error;
+    }
+    entry.node = nodes_.learn(identifier, answer.value.isDirectory, 1);
+    std::lock_guard guard(entry.node->mutex);
+    apply(*entry.node, answer.value);
+    return 0;
+}
+
+void VolumeFs::replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node) {
+    fuse_entry_param e{};
+    e.ino = node->id;
+    e.generation = 1;
+    {
+        std::lock_guard guard(node->mutex);
+        e.attr = attributesOf(*node);
+    }
+    e.attr_timeout = kKernelCacheSeconds;
+    e.entry_timeout = kKernelCacheSeconds;
+    if (fuse_reply_entry(req, &e) != 0) {
+        forget(node->id, 1);
+    }
+}
+
+void VolumeFs::lookup(fuse_req_t req, NodeId parent, const char* name) {
+    if (nameTooLong(name)) {
+        fuse_reply_err(req, ENAMETOOLONG);
+        return;
+    }
+    const auto directory = nodes_.get(parent);
+    if (!directory) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    Entry entry;
+    const auto identifier = childOf(nodes_.identifierOf(*directory), name);
+    if (const int error = entryOf(identifier, RelayLookupSource::fsLookupByName, entry);
+        error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    replyEntry(req, entry.node);
+}
+
+void VolumeFs::forget(NodeId id, std::uint64_t count) {
+    nodes_.forget(id, count);
+}
+
+void VolumeFs::getattr(fuse_req_t req, NodeId id) {
+    const auto node = nodes_.get(id);
+    if (!node) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (nodes_.unlinked(*node) && nodes_.opens(*node) == 0) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (const int error = refresh(node, RelayLookupSource::fsGetAttributes, false); error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    std::lock_guard guard(node->mutex);
+    auto st = attributesOf(*node);
+    if (nodes_.unlinked(*node)) {
+        st.st_nlink = 0;
+    }
+    fuse_reply_attr(req, &st, kKernelCacheSeconds);
+}
+
+void VolumeFs::invalidate(NodeId id) {
+    if (session_) {
+        fuse_lowlevel_notify_inval_inode(session_, id, 0, 0);
+    }
+}
+
+void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int toSet,
+                       fuse_file_info* fi) {
+    const auto node = nodes_.get(id);
+    if (!node) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (toSet & FUSE_SET_ATTR_SIZE) {
+        if (node->isDirectory) {
+            fuse_reply_err(req, EISDIR);
+            return;
+        }
+        if (attr.st_size < 0) {
+            fuse_reply_err(req, EINVAL);
+            return;
+        }
+        std::lock_guard io(node->io);
+        int error = 0;
+        bool pushNow = false;
+        {
+            std::lock_guard guard(node->mutex);
+            error = cut(*node, static_cast<std::uint64_t>(attr.st_size));
+            if (fi) {
+                handleOf(fi).written = true;
+            }
+            // A cut by path with no writer open has nobody to push it later.
+            pushNow = !fi && node->content.writers == 0;
+        }
+        if (error == 0) {
+            markChanged(node);
+            if (pushNow) {
+                error = push(node);
+            }
+        }
+        if (error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+    }
+    // Items belong to whoever mounted the volume; they can be given to nobody else.
+    if (((toSet & FUSE_SET_ATTR_UID) && attr.st_uid != owner_) ||
+        ((toSet & FUSE_SET_ATTR_GID) && attr.st_gid != group_)) {
+        fuse_reply_err(req, EPERM);
+        return;
+    }
+    const int times = toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME);
+    const bool explicitTime =
+        ((toSet & FUSE_SET_ATTR_ATIME) && !(toSet & FUSE_SET_ATTR_ATIME_NOW)) ||
+        ((toSet & FUSE_SET_ATTR_MTIME) && !(toSet & FUSE_SET_ATTR_MTIME_NOW));
+    if (times && !explicitTime && !(toSet & FUSE_SET_ATTR_MODE)) {
+        // A time set to now is how the service pokes an item the phone changed: refresh it
+        // and drop what the kernel holds of it. A node holding the user's changes keeps them.
+        const int error = refresh(node, RelayLookupSource::fsSetAttributesRefresh, true);
+        invalidate(id);
+        if (error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+    } else if (times || (toSet & FUSE_SET_ATTR_MODE)) {
+        const auto stamp = [](const timespec& t) {
+            return relay::RelayTimespec{static_cast<std::int64_t>(t.tv_sec),
+                                        static_cast<std::int32_t>(t.tv_nsec)};
+        };
+        std::optional<relay::RelayTimespec> modify;
+        std::optional<relay::RelayTimespec> access;
+        std::optional<std::uint32_t> mode;
+        if (toSet & FUSE_SET_ATTR_MTIME) {
+            modify = (toSet & FUSE_SET_ATTR_MTIME_NOW) ? relayNow() : stamp(attr.st_mtim);
+        }
+        if (toSet & FUSE_SET_ATTR_ATIME) {
+            access = (toSet & FUSE_SET_ATTR_ATIME_NOW) ? relayNow() : stamp(attr.st_atim);
+        }
+        if (toSet & FUSE_SET_ATTR_MODE) {
+            mode = attr.st_mode & 07777;
+        }
+        std::lock_guard io(node->io);
+        // The phone sets attributes of what it holds: the user's bytes go first.
+        if (const int error = push(node); error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+        const auto identifier = nodes_.identifierOf(*node);
+        const auto answer = phone_.setAttributes(identifier, modify, access, mode);
+        std::lock_guard guard(node->mutex);
+        if (answer.error == 0) {
+            apply(*node, answer.value);
+        } else {
+            // Copying tools stop at a failed time or mode; the file itself is on the phone.
+            log::xpc().error("skiff-fs could not set the times or mode of %{public}s: %{public}s",
+                             identifier.c_str(), std::strerror(answer.error));
+            node->attributes.modifyTime = modify.value_or(node->attributes.modifyTime);
+            node->attributes.accessTime = access.value_or(node->attributes.accessTime);
+            node->attributes.mode = mode.value_or(node->attributes.mode);
+        }
+    }
+    std::lock_guard guard(node->mutex);
+    const auto st = attributesOf(*node);
+    fuse_reply_attr(req, &st, kKernelCacheSeconds);
+}
+
+// --- the tree ----------------------------------------------------------------------
+
+void VolumeFs::mkdir(fuse_req_t req, NodeId parent, const char* name) {
+    const auto directory = nodes_.get(parent);
+    if (nameTooLong(name) || !directory) {
+        fuse_reply_err(req, directory ? ENAMETOOLONG : ENOENT);
+        return;
+    }
+    const auto identifier = childOf(nodes_.identifierOf(*directory), name);
+    const auto answer = phone_.makeDirectory(identifier);
+    if (answer.error != 0) {
+        fuse_reply_err(req, answer.error);
+        return;
+    }
+    const auto node = nodes_.learn(identifier, true, 1);
+    {
+        std::lock_guard guard(node->mutex);
+        apply(*node, answer.value);
+    }
+    replyEntry(req, node);
+}
+
+void VolumeFs::unlink(fuse_req_t req, NodeId parent, const char* name) {
+    const auto folder = nodes_.get(parent);
+    if (!folder) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    const auto identifier = childOf(nodes_.identifierOf(*folder), name);
+    const auto node = nodes_.find(identifier);
+    std::unique_lock<std::mutex> io;
+    if (node && !node->isDirectory) {
+        io = std::unique_lock(node->io);
+        bool onPhone = false;
+        std::uint64_t size = 0;
+        {
+            std::lock_guard guard(node->mutex);
+            onPhone = node->content.onPhone;
+            size = node->content.size;
+        }
+        // Open handles keep reading the file once it is gone from the phone.
+        if (onPhone && nodes_.opens(*node) > 0) {
+            if (const int error = fetch(*node, 0, size); error != 0) {
+                fuse_reply_err(req, error);
+                return;
+            }
+        }
+        if (!onPhone) {
+            nodes_.unlink(identifier);
+            dropCopy(*node);
+            fuse_reply_err(req, 0);
+            return;
+        }
+    }
+    const int error = phone_.remove(identifier);
+    if (error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    nodes_.unlink(identifier);
+    if (node) {
+        dropCopy(*node);
+    }
+    fuse_reply_err(req, 0);
+}
+
+void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId newParent,
+                      const char* newName, unsigned int flags) {
+    const auto from = nodes_.get(parent);
+    const auto to = nodes_.get(newParent);
+    if (!from || !to) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (nameTooLong(newName)) {
+        fuse_reply_err(req, ENAMETOOLONG);
+        return;
+    }
+    if (flags & RENAME_EXCHANGE) {
+        fuse_reply_err(req, EINVAL);
+        return;
+    }
+    const auto source = childOf(nodes_.identifierOf(*from), name);
+    const auto target = childOf(nodes_.identifierOf(*to), newName);
+    bool targetExists = nodes_.find(target) != nullptr;
+    if (!targetExists) {
+        const auto found = phone_.lookup(target, RelayLookupSource::fsLookupByName);
+        if (found.error != 0 && found.error != ENOENT) {
+            fuse_reply_err(req, found.error);
+            return;
+        }
+        targetExists = found.error == 0;
+    }
+    if ((flags & RENAME_NOREPLACE) && targetExists) {
+        fuse_reply_err(req, EEXIST);
+        return;
+    }
+    const auto node = nodes_.find(source);
+    std::unique_lock<std::mutex> io;
+    if (node && !node->isDirectory) {
+        io = std::unique_lock(node->io);
+        bool onPhone = false;
+        bool changed = false;
+        {
+            std::lock_guard guard(node->mutex);
+            onPhone = node->content.onPhone;
+            changed = node->content.changed;
+        }
+        if (!onPhone && !targetExists) {
+            // Not on the phone yet: the name changes here and the push goes to the new one.
+            nodes_.rename(source, target);
+            fuse_reply_err(req, 0);
+            return;
+        }
+        // The phone renames only what it holds: the changes go first.
+        if (changed) {
+            if (const int error = push(node); error != 0) {
+                fuse_reply_err(req, error);
+                return;
+            }
+        }
+    }
+    const auto answer = phone_.rename(source, target);
+    if (answer.error != 0) {
+        fuse_reply_err(req, answer.error);
+        return;
+    }
+    if (const auto replaced = nodes_.find(target)) {
+        dropCopy(*replaced);
+    }
+    nodes_.rename(source, target);
+    if (node) {
+        std::lock_guard guard(node->mutex);
+        apply(*node, answer.value);
+    }
+    fuse_reply_err(req, 0);
+}
+
+// --- open files --------------------------------------------------------------------
+
+int VolumeFs::ensureCopy(Node& node) {
+    auto& content = node.content;
+    if (content.fd.get() >= 0) {
+        return 0;
+    }
+    auto name = "copy_" + Uuid::random().text();
+    UniqueFd fd(::open((copies_ / name).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (fd.get() < 0) {
+        const int error = errno;
+        log::xpc().error("skiff-fs cannot make a local copy in %{public}s: %{public}s",
+                         copies_.c_str(), std::strerror(error));
+        return EIO;
+    }
+    // As long as the file, so that its holes read and copy as the file's length.
+    if (::ftruncate(fd.get(), static_cast<off_t>(content.size)) != 0) {
+        return EIO;
+    }
+    content.fd = std::move(fd);
+    content.copyName = std::move(name);
+    content.present = {};
+    return 0;
+}
+
+void VolumeFs::dropCopy(Node& node) {
+    std::lock_guard guard(node.mutex);
+    auto& content = node.content;
+    if (content.changed && !content.copyName.empty()) {
+        pending_.remove(content.copyName);
+    }
+    content.changed = false;
+    content.dirty = {};
+    content.pushError = 0;
+    nodes_.pin(node, false);
+    if (nodes_.opens(node) > 0 || content.fd.get() < 0) {
+        return;
+    }
+    content.fd = UniqueFd();
+    std::error_code ignored;
+    std::filesystem::remove(copies_ / content.copyName, ignored);
+    content.copyName.clear();
+    content.present = {};
+}
+
+int VolumeFs::cut(Node& node, std::uint64_t size) {
+    auto& content = node.content;
+    if (const int error = ensureCopy(node); error != 0) {
+        return error;
+    }
+    if (::ftruncate(content.fd.get(), static_cast<off_t>(size)) != 0) {
+        return errno;
+    }
+    if (size > content.size) {
+        // The new bytes are zeros of ours, not the phone's.
+        content.present.add(content.size, size - content.size);
+        content.dirty.add(content.size, size - content.size);
+    } else {
+        content.present.truncate(size);
+        content.dirty.truncate(size);
+    }
+    content.size = size;
+    content.changed = true;
+    ++content.changes;
+    content.lastChange = Clock::now();
+    node.attributes.modifyTime = relayNow();
+    node.attributes.changeTime = node.attributes.modifyTime;
+    return 0;
+}
+
+void VolumeFs::markChanged(const std::shared_ptr<Node>& node) {
+    nodes_.pin(*node, true);
+    std::lock_guard guard(changedMutex_);
+    changed_.insert(node);
+}
+
+void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
+    const auto node = nodes_.get(id);
+    if (!node) {
+        fuse_reply_err(req, ENOENT);
+        return;
+    }
+    if (node->isDirectory) {
+        fuse_reply_err(req, EISDIR);
+        return;
+    }
+    const bool writable = (fi->flags & O_ACCMODE) != O_RDONLY;
+    // A writer starts from the phone's current version; with the phone away, from the one
+    // known here (a push finds out whether the phone's changed meanwhile).
+    const int error = refresh(node, RelayLookupSource::fsGetAttributes, writable);
+    bool known = false;
+    {
+        std::lock_guard guard(node->mutex);
+        known = node->fetched != Clock::time_point{};
+    }
+    if (error == ENOENT || (error != 0 && !known)) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    auto handle = std::make_unique<Handle>();
+    handle->node = node;
+    handle->writable = writable;
+    {
+        std::lock_guard guard(node->mutex);
+        if (const int error = ensureCopy(*node); error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+        auto& content = node->content;
+        if (writable && (fi->flags & O_TRUNC) && content.size > 0) {
+            if (const int error = cut(*node, 0); error != 0) {
+                fuse_reply_err(req, error);
+                return;
+            }
+        } else if (writable && (fi->flags & O_TRUNC) && !content.changed) {
+            content.changed = true;
+            content.lastChange = Clock::now();
+        }
+        // The kernel's pages stay valid while the phone's version is the one they hold.
+        fi->keep_cache = content.version && content.kernelCached == content.version;
+        if (!content.changed) {
+            content.kernelCached = content.version;
+        }
+        if (writable) {
+            ++content.writers;
+        }
+    }
+    if (writable && (fi->flags & O_TRUNC)) {
+        markChanged(node);
+    }
+    nodes_.opened(*node);
+    fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
+    if (fuse_reply_open(req, fi) != 0) {
+        release(nullptr, fi);
+    }
+}
+
+void VolumeFs::create(fuse_req_t req, NodeId parent, const char* name, mode_t mode,
+                      fuse_file_info* fi) {
+    const auto directory = nodes_.get(parent);
+    if (nameTooLong(name) || !directory) {
+        fuse_reply_err(req, directory ? ENAMETOOLONG : ENOENT);
+        return;
+    }
+    const auto identifier = childOf(nodes_.identifierOf(*directory), name);
+    // Whatever the table knew under this name is gone: the kernel saw no entry.
+    nodes_.unlink(identifier);
+    const auto node = nodes_.learn(identifier, false, 1);
+    {
+        std::lock_guard guard(node->mutex);
+        if (const int error = ensureCopy(*node); error != 0) {
+            nodes_.forget(node->id, 1);
+            fuse_reply_err(req, error);
+            return;
+        }
+        node->attributes.identifier = identifier;
+        node->attributes.filename = name;
+        node->attributes.mode = mode & 07777;
+        node->attributes.modifyTime = relayNow();
+        node->attributes.accessTime = node->attributes.modifyTime;
+        node->attributes.changeTime = node->attributes.modifyTime;
+        node->fetched = Clock::now();
+        auto& content = node->content;
+        content.version.reset();
+        content.onPhone = false;
+        content.changed = true;
+        content.lastChange = Clock::now();
+        content.writers = 1;
+    }
+    markChanged(node);
+    nodes_.opened(*node);
+    auto handle = std::make_unique<Handle>();
+    handle->node = node;
+    handle->writable = true;
+    fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
+    fuse_entry_param e{};
+    e.ino = node->id;
+    e.generation = 1;
+    {
+        std::lock_guard guard(node->mutex);
+        e.attr = attributesOf(*node);
+    }
+    e.attr_timeout = kKernelCacheSeconds;
+    e.entry_timeout = kKernelCacheSeconds;
+    if (fuse_reply_create(req, &e, fi) != 0) {
+        nodes_.forget(node->id, 1);
+        release(nullptr, fi);
+    }
+}
+
+int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
+    std::vector<ByteRange> missing;
+    std::optional<Bytes> version;
+    bool onPhone = false;
+    std::uint64_t phoneSize = 0;
+    {
+        std::lock_guard guard(node.mutex);
+        const auto end = std::min(offset + length, node.content.size);
+        if (end <= offset) {
+            return 0;
+        }
+        missing = node.content.present.gaps(offset, end - offset);
+        version = node.content.version;
+        onPhone = node.content.onPhone;
+        phoneSize = node.attributes.size;
+    }
+    if (missing.empty()) {
+        return 0;
+    }
+    if (!onPhone || nodes_.unlinked(node)) {
+        return EIO;  // nothing on the phone holds these bytes
+    }
+    const auto identifier = nodes_.identifierOf(node);
+    Bytes chunk;
+    std::uint64_t done = 0;  // everything before it is fetched
+    for (const auto& gap : missing) {
+        for (std::uint64_t at = std::max(gap.offset, done); at < gap.offset + gap.length;) {
+            const std::uint64_t start = at / kChunkSize * kChunkSize;
+            if (start >= phoneSize) {
+                return EIO;  // the phone's copy is shorter than the bytes it must give
+            }
+            if (const int error = phone_.readChunk(identifier, start, chunk); error != 0) {
+                return error;
+            }
+            // A chunk shorter than the item says is a fault of the phone, never the end.
+            const auto expected = std::min<std::uint64_t>(kChunkSize, phoneSize - start);
+            if (chunk.size() < expected) {
+                log::xpc().error(
+                    "skiff-fs got %{public}zu bytes of %{public}s at %{public}llu, "
+                    "expected %{public}llu",
+                    chunk.size(), identifier.c_str(), static_cast<unsigned long long>(start),
+                    static_cast<unsigned long long>(expected));
+                return EIO;
+            }
+            std::lock_guard guard(node.mutex);
+            auto& content = node.content;
+            if (content.version != version) {
+                return EIO;  // never bytes of two versions
+            }
+            const auto end = std::min<std::uint64_t>(start + expected, content.size);
+            if (end > start) {
+                // Bytes written here meanwhile win over the phone's.
+                for (const auto& hole : content.present.gaps(start, end - start)) {
+                    const auto* from = chunk.data() + (hole.offset - start);
+                    if (::pwrite(content.fd.get(), from, hole.length,
+                                 static_cast<off_t>(hole.offset)) !=
+                        static_cast<ssize_t>(hole.length)) {
+                        return EIO;
+                    }
+                    content.present.add(hole.offset, hole.length);
+                }
+            }
+            at = start + kChunkSize;
+            done = at;
         }
     }
     return 0;
 }
 
-int VolumeFs::stage(OpenFile& file, bool fillFromPhone) {
+void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi) {
+    auto& node = *handleOf(fi).node;
+    const auto start = static_cast<std::uint64_t>(offset);
+    bool complete = false;
+    {
+        std::lock_guard guard(node.mutex);
+        const auto end = std::min<std::uint64_t>(start + size, node.content.size);
+        complete = end <= start || node.content.present.covers(start, end - start);
+    }
+    if (!complete) {
+        std::lock_guard io(node.io);
+        if (const int error = fetch(node, start, size); error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+    }
+    std::vector<char> buffer;
+    {
+        std::lock_guard guard(node.mutex);
+        const auto end = std::min<std::uint64_t>(start + size, node.content.size);
+        buffer.resize(end > start ? end - start : 0);
+        if (!buffer.empty() && !node.content.present.covers(start, buffer.size())) {
+            fuse_reply_err(req, EIO);  // the version changed between the fetch and now
+            return;
+        }
+        const auto got = buffer.empty()
+                             ? 0
+                             : ::pread(node.content.fd.get(), buffer.data(), buffer.size(), offset);
+        if (got < 0) {
+            fuse_reply_err(req, errno);
+            return;
+        }
+        buffer.resize(static_cast<std::size_t>(got));
+    }
+    fuse_reply_buf(req, buffer.data(), buffer.size());
+}
+
+void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t offset,
+                     fuse_file_info* fi) {
+    auto& handle = handleOf(fi);
+    auto& node = *handle.node;
+    ssize_t written = 0;
+    {
+        std::lock_guard guard(node.mutex);
+        auto& content = node.content;
+        if (const int error = ensureCopy(node); error != 0) {
+            fuse_reply_err(req, error);
+            return;
+        }
+        const auto start = static_cast<std::uint64_t>(offset);
+        written = ::pwrite(content.fd.get(), buffer, size, offset);
+        if (written < 0) {
+            fuse_reply_err(req, errno);
+            return;
+        }
+        if (start > content.size) {
+            // The hole before the write reads as zeros of ours.
+            content.present.add(content.size, start - content.size);
+            content.dirty.add(content.size, start - content.size);
+        }
+        content.present.add(start, static_cast<std::uint64_t>(written));
+        content.dirty.add(start, static_cast<std::uint64_t>(written));
+        content.size = std::max(content.size, start + static_cast<std::uint64_t>(written));
+        content.changed = true;
+        ++content.changes;
+        content.lastChange = Clock::now();
+        node.attributes.modifyTime = relayNow();
+        node.attributes.changeTime = node.attributes.modifyTime;
+        handle.written = true;
+    }
+    markChanged(handle.node);
+    fuse_reply_write(req, static_cast<std::size_t>(written));
+}
+
+void VolumeFs::flush(fuse_req_t req, fuse_file_info* fi) {
+    auto& handle = handleOf(fi);
+    // Shells and dd open the file, duplicate the descriptor and close the first one before
+    // writing: pushing then would send an empty file ahead of the real one. Every close of
+    // a handle that wrote pushes and waits: the kernel tells no close which is the last
+    // (its releases come later, on their own).
+    if (!handle.writable || !handle.written) {
+        fuse_reply_err(req, 0);
+        return;
+    }
+    std::lock_guard io(handle.node->io);
+    fuse_reply_err(req, push(handle.node));
+}
+
+void VolumeFs::fsync(fuse_req_t req, fuse_file_info* fi) {
+    const auto& node = handleOf(fi).node;
+    std::lock_guard io(node->io);
+    fuse_reply_err(req, push(node));
+}
+
+void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
+    std::unique_ptr<Handle> handle(&handleOf(fi));
+    auto& node = *handle->node;
+    bool lastWriter = false;
+    if (handle->writable) {
+        std::lock_guard guard(node.mutex);
+        lastWriter = --node.content.writers == 0 && node.content.changed;
+    }
+    if (nodes_.closed(node)) {
+        dropCopy(node);
+        lastWriter = false;
+    }
+    if (req) {
+        fuse_reply_err(req, 0);
+    }
+    // A file closed without a write after its duplicate's close (a new or emptied one) still
+    // goes to the phone now; a failure is kept for the retries and the next close.
+    if (lastWriter) {
+        std::lock_guard io(node.io);
+        push(handle->node);
+    }
+}
+
+// --- pushes ------------------------------------------------------------------------
+
+int VolumeFs::pushWhole(Node& node, const std::string& identifier, bool onPhone,
+                        const std::optional<Bytes>& version, std::uint64_t size) {
+    // The phone takes a whole file: what the copy lacks comes from the phone first, unless
+    // the phone's copy is no longer the one the user started from.
+    bool whole = false;
+    {
+        std::lock_guard guard(node.mutex);
+        whole = node.content.present.covers(0, size);
+    }
+    if (onPhone && !whole) {
+        const auto now = phone_.lookup(identifier, RelayLookupSource::fsGetAttributes);
+        if (now.error != 0) {
+            return now.error;
+        }
+        if (now.value.contentVersion != version) {
+            return kConflictErrno;
+        }
+        {
+            std::lock_guard guard(node.mutex);
+            node.attributes.size = now.value.size;
+        }
+        if (const int error = fetch(node, 0, size); error != 0) {
+            return error;
+        }
+    }
+    const auto name = "volume_" + Uuid::random().text() + ".stage";
     try {
-        file.stagedName = stagedFileName();
-        file.staged = storage_.create(file.stagedName, 0);
+        auto staged = storage_.create(name, 0);
+        std::lock_guard guard(node.mutex);
+        off_t from = 0;
+        while (static_cast<std::uint64_t>(from) < size) {
+            const auto moved =
+                ::copy_file_range(node.content.fd.get(), &from, staged.get(), nullptr,
+                                  size - static_cast<std::uint64_t>(from), 0);
+            if (moved <= 0) {
+                storage_.remove(name);
+                return EIO;
+            }
+        }
     } catch (const std::exception& e) {
-        log::xpc().error("skiff-fs cannot stage %{public}s: %{public}s", file.identifier.c_str(),
+        log::xpc().error("skiff-fs cannot stage %{public}s: %{public}s", identifier.c_str(),
                          e.what());
         return EIO;
     }
-    Bytes chunk;
-    for (std::uint64_t offset = 0; fillFromPhone && offset < file.size; offset += chunk.size()) {
-        if (const int error = phone_.readChunk(file.identifier, offset, chunk); error != 0) {
-            return error;
-        }
-        if (chunk.empty()) {
-            break;
-        }
-        const auto written =
-            ::pwrite(file.staged.get(), chunk.data(), chunk.size(), static_cast<off_t>(offset));
-        if (written != static_cast<ssize_t>(chunk.size())) {
-            return EIO;
-        }
-    }
-    return 0;
-}
-
-int VolumeFs::push(OpenFile& file) {
-    if (!file.dirty) {
-        return 0;
-    }
-    file.dirty = false;
-    struct stat st {};
-    if (::fstat(file.staged.get(), &st) != 0) {
-        return EIO;
-    }
-    if (file.stagedName.empty()) {
-        // An earlier push handed the staged file to the service, which removed its name;
-        // the content lives on in our descriptor and goes out under a new one.
-        std::string name = stagedFileName();
-        try {
-            auto copy = storage_.create(name, 0);
-            off_t from = 0;
-            while (from < st.st_size) {
-                const auto moved =
-                    ::copy_file_range(file.staged.get(), &from, copy.get(), nullptr,
-                                      static_cast<std::size_t>(st.st_size - from), 0);
-                if (moved <= 0) {
-                    storage_.remove(name);
-                    return EIO;
-                }
-            }
-            file.staged = std::move(copy);
-            file.stagedName = std::move(name);
-        } catch (const std::exception&) {
-            return EIO;
-        }
-    }
-    const auto answer = phone_.push(file.identifier, file.version, file.stagedName,
-                                    static_cast<std::uint64_t>(st.st_size));
-    file.stagedName.clear();
-    forget(file.identifier);
+    const auto answer = phone_.push(identifier, version.value_or(Bytes{}), name, size);
     if (answer.error != 0) {
-        log::xpc().error("skiff-fs push of %{public}s failed: %{public}s", file.identifier.c_str(),
-                         std::strerror(answer.error));
         return answer.error;
     }
-    file.version = answer.value.contentVersion.value_or(Bytes{});
-    file.size = answer.value.size;
-    items_.storeItem(answer.value);
+    std::lock_guard guard(node.mutex);
+    auto& content = node.content;
+    if (content.kernelCached && content.kernelCached == content.version) {
+        content.kernelCached = answer.value.contentVersion;  // the kernel holds these bytes
+    }
+    content.version = answer.value.contentVersion;
+    content.onPhone = true;
+    content.lastPush = Clock::now();
+    node.attributes = answer.value;
+    node.fetched = Clock::now();
     return 0;
 }
 
-int VolumeFs::open(const std::string& id, fuse_file_info* fi) {
-    const bool writable = (fi->flags & O_ACCMODE) != O_RDONLY;
-    // A writer must start from the phone's current version; a reader may use a fresh look-up.
-    const auto answer = item(id, RelayLookupSource::fsGetAttributes, writable);
-    if (answer.error != 0) {
-        return -answer.error;
-    }
-    if (answer.value.isDirectory) {
-        return -EISDIR;
-    }
-    auto file = std::make_unique<OpenFile>();
-    file->identifier = id;
-    file->version = answer.value.contentVersion.value_or(Bytes{});
-    file->size = answer.value.size;
-    file->writable = writable;
-    if (writable) {
-        const bool truncating = (fi->flags & O_TRUNC) != 0;
-        if (const int error = stage(*file, !truncating); error != 0) {
-            storage_.remove(file->stagedName);
-            return -error;
-        }
-        file->dirty = truncating;
-        std::lock_guard guard(openMutex_);
-        writers_.emplace(id, file.get());
-    }
-    fi->fh = reinterpret_cast<std::uint64_t>(file.release());
-    return 0;
-}
-
-int VolumeFs::create(const std::string& id, fuse_file_info* fi) {
-    auto file = std::make_unique<OpenFile>();
-    file->identifier = id;
-    file->writable = true;
-    // Even an empty new file must reach the phone when closed.
-    file->dirty = true;
-    if (const int error = stage(*file, false); error != 0) {
-        return -error;
-    }
+int VolumeFs::push(const std::shared_ptr<Node>& node) {
+    std::optional<Bytes> version;
+    std::uint64_t size = 0;
+    std::uint64_t changes = 0;
+    bool onPhone = false;
     {
-        std::lock_guard guard(openMutex_);
-        writers_.emplace(id, file.get());
+        std::lock_guard guard(node->mutex);
+        if (!node->content.changed) {
+            return 0;
+        }
+        onPhone = node->content.onPhone;
+        version = node->content.version;
+        size = node->content.size;
+        changes = node->content.changes;
     }
-    items_.forget(id);
-    fi->fh = reinterpret_cast<std::uint64_t>(file.release());
+    if (nodes_.unlinked(*node)) {
+        return 0;  // removed before it reached the phone: nothing to keep
+    }
+    const auto identifier = nodes_.identifierOf(*node);
+    // On disk before the phone is asked, so that a crash meanwhile loses nothing.
+    record(*node, identifier);
+    int error = pushWhole(*node, identifier, onPhone, version, size);
+    if (error == kConflictErrno) {
+        error = keepBoth(*node, identifier);
+        if (error == 0) {
+            return kConflictErrno;  // told once: the user's bytes are under another name
+        }
+    }
+    std::lock_guard guard(node->mutex);
+    auto& content = node->content;
+    if (error != 0) {
+        log::xpc().error("skiff-fs push of %{public}s failed, kept to try again: %{public}s",
+                         identifier.c_str(), std::strerror(error));
+        content.pushError = error;
+        content.retryDelay =
+            std::clamp<std::chrono::seconds>(content.retryDelay * 2, kFirstRetry, kLastRetry);
+        content.nextRetry = Clock::now() + content.retryDelay;
+        return error;
+    }
+    content.pushError = 0;
+    content.retryDelay = {};
+    if (content.changes == changes) {
+        content.changed = false;
+        content.dirty = {};
+        content.size = node->attributes.size;
+        nodes_.pin(*node, false);
+        pending_.remove(content.copyName);
+    }
     return 0;
 }
 
-void VolumeFs::readAhead(const OpenFile& file, std::uint64_t index) {
-    if (index * kChunkSize >= file.size) {
-        return;
-    }
-    ChunkKey key{file.identifier, file.version, index};
-    if (chunks_.holds(key)) {
-        return;
-    }
-    asio::post(background_, [this, key = std::move(key)] {
-        chunks_.get(key, [&](Bytes& out) {
-            return phone_.readChunk(key.identifier, key.index * kChunkSize, out);
-        });
-    });
-}
-
-int VolumeFs::read(OpenFile& file, char* buffer, std::size_t size, off_t offset) {
-    std::lock_guard guard(file.mutex);
-    if (file.writable) {
-        const auto got = ::pread(file.staged.get(), buffer, size, offset);
-        return got < 0 ? -errno : static_cast<int>(got);
-    }
-    const auto start = static_cast<std::uint64_t>(offset);
-    const bool sequential = start == file.nextSequential;
-    std::size_t copied = 0;
-    std::uint64_t index = 0;
-    while (copied < size && start + copied < file.size) {
-        const std::uint64_t position = start + copied;
-        index = position / kChunkSize;
-        const auto chunk = chunks_.get({file.identifier, file.version, index}, [&](Bytes& out) {
-            return phone_.readChunk(file.identifier, index * kChunkSize, out);
-        });
-        if (chunk.error != 0) {
-            return -chunk.error;
-        }
-        const std::uint64_t within = position - index * kChunkSize;
-        if (within >= chunk.bytes->size()) {
-            break;  // the phone's file is shorter than it said
-        }
-        const auto take = std::min<std::uint64_t>(size - copied, chunk.bytes->size() - within);
-        std::memcpy(buffer + copied, chunk.bytes->data() + within, take);
-        copied += take;
-    }
-    file.nextSequential = start + copied;
-    if (sequential && copied > 0) {
-        for (std::uint64_t ahead = 1; ahead <= kReadAheadChunks; ++ahead) {
-            readAhead(file, index + ahead);
-        }
-    }
-    return static_cast<int>(copied);
-}
-
-int VolumeFs::write(OpenFile& file, const char* buffer, std::size_t size, off_t offset) {
-    std::lock_guard guard(file.mutex);
-    const auto written = ::pwrite(file.staged.get(), buffer, size, offset);
-    if (written < 0) {
-        return -errno;
-    }
-    file.dirty = true;
-    file.written = true;
-    return static_cast<int>(written);
-}
-
-int VolumeFs::flush(OpenFile& file) {
-    if (!file.writable) {
-        return 0;
-    }
-    std::lock_guard guard(file.mutex);
-    return -push(file);
-}
-
-int VolumeFs::close(OpenFile& file) {
-    if (!file.writable) {
-        return 0;
-    }
-    std::lock_guard guard(file.mutex);
-    // Shells and dd open the file, duplicate the descriptor and close the first one before
-    // writing: pushing a new or emptied file then would send an empty copy ahead of the
-    // real one. Its release pushes it if nothing else does.
-    if (!file.written) {
-        return 0;
-    }
-    return -push(file);
-}
-
-void VolumeFs::release(OpenFile* file) {
-    std::unique_ptr<OpenFile> owned(file);
-    if (!file->writable) {
-        return;
-    }
+int VolumeFs::keepBoth(Node& node, const std::string& identifier) {
+    const auto name = conflictName(nameOf(identifier), std::chrono::system_clock::now());
+    std::uint64_t size = 0;
+    bool whole = false;
     {
-        std::lock_guard guard(file->mutex);
-        push(*file);
-        if (!file->stagedName.empty()) {
-            storage_.remove(file->stagedName);
-        }
+        std::lock_guard guard(node.mutex);
+        size = node.content.size;
+        whole = node.content.present.covers(0, size);
     }
-    std::lock_guard guard(openMutex_);
-    for (auto it = writers_.lower_bound(file->identifier);
-         it != writers_.end() && it->first == file->identifier; ++it) {
-        if (it->second == file) {
-            writers_.erase(it);
+    if (whole) {
+        // A new item beside the phone's: the whole file is here.
+        const auto beside = childOf(parentOf(identifier), name);
+        if (const int error = pushWhole(node, beside, false, std::nullopt, size); error != 0) {
+            return error;
+        }
+        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
+                 "computer's version is kept as \"" + beside + "\"");
+    } else {
+        const auto data =
+            transfer::harborDataPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"));
+        if (!data) {
+            return EIO;
+        }
+        const auto folder = *data / "recovered";
+        std::error_code failed;
+        std::filesystem::create_directories(folder, failed);
+        UniqueFd out(
+            ::open((folder / name).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        std::lock_guard guard(node.mutex);
+        off_t from = 0;
+        while (out.get() >= 0 && static_cast<std::uint64_t>(from) < size) {
+            if (::copy_file_range(node.content.fd.get(), &from, out.get(), nullptr,
+                                  size - static_cast<std::uint64_t>(from), 0) <= 0) {
+                break;
+            }
+        }
+        if (out.get() < 0 || static_cast<std::uint64_t>(from) < size || ::fsync(out.get()) != 0) {
+            return EIO;
+        }
+        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
+                 "computer's part of it is kept in " + (folder / name).string());
+    }
+    std::lock_guard guard(node.mutex);
+    auto& content = node.content;
+    pending_.remove(content.copyName);
+    content.changed = false;
+    content.dirty = {};
+    content.present = {};
+    content.pushError = 0;
+    node.fetched = {};  // the phone's version is the file's again
+    nodes_.pin(node, false);
+    return 0;
+}
+
+void VolumeFs::pushLoop() {
+    std::unique_lock lock(changedMutex_);
+    while (!stopping_) {
+        wake_.wait_for(lock, kPusherTick, [&] { return stopping_ || retry_; });
+        if (stopping_) {
             break;
         }
+        const bool retry = std::exchange(retry_, false);
+        const std::vector<std::shared_ptr<Node>> candidates(changed_.begin(), changed_.end());
+        lock.unlock();
+        const auto now = Clock::now();
+        for (const auto& node : candidates) {
+            bool due = false;
+            bool done = false;
+            {
+                std::lock_guard guard(node->mutex);
+                const auto& content = node->content;
+                done = !content.changed || nodes_.unlinked(*node);
+                due = now - content.lastChange >= kQuietBeforePush &&
+                      (retry || now >= content.nextRetry);
+            }
+            if (!done && due) {
+                std::lock_guard io(node->io);
+                push(node);
+                std::lock_guard guard(node->mutex);
+                done = !node->content.changed;
+            }
+            if (done) {
+                std::lock_guard guard(changedMutex_);
+                changed_.erase(node);
+            }
+        }
+        lock.lock();
     }
 }
 
-int VolumeFs::truncate(const std::string& id, off_t size, fuse_file_info* fi) {
-    if (size < 0) {
-        return -EINVAL;
+// --- directories and space ---------------------------------------------------------
+
+void VolumeFs::opendir(fuse_req_t req, NodeId id, fuse_file_info* fi) {
+    const auto node = nodes_.get(id);
+    if (!node) {
+        fuse_reply_err(req, ENOENT);
+        return;
     }
-    const auto cut = [size](OpenFile& writer) {
-        std::lock_guard guard(writer.mutex);
-        if (::ftruncate(writer.staged.get(), size) != 0) {
-            return -errno;
-        }
-        writer.dirty = true;
-        writer.written = true;
-        return 0;
-    };
-    if (fi && handle(fi).writable) {
-        return cut(handle(fi));
+    if (!node->isDirectory) {
+        fuse_reply_err(req, ENOTDIR);
+        return;
     }
-    {
-        // Held while the writer is cut, so that its release cannot free it meanwhile.
-        std::lock_guard guard(openMutex_);
-        if (const auto it = writers_.find(id); it != writers_.end()) {
-            return cut(*it->second);
-        }
-    }
-    // No handle: stage the content, cut it and push it at once.
-    const auto answer = item(id, RelayLookupSource::fsGetAttributes, true);
+    const auto identifier = nodes_.identifierOf(*node);
+    const auto asked = Clock::now();
+    auto answer = phone_.list(identifier);
     if (answer.error != 0) {
-        return -answer.error;
+        fuse_reply_err(req, answer.error);
+        return;
     }
-    if (answer.value.isDirectory) {
-        return -EISDIR;
+    auto listing = std::make_unique<Listing>();
+    listing->items = std::move(answer.value);
+    listing->asked = asked;
+    // Files made here that the phone does not hold yet are in the folder too.
+    for (const auto& child : nodes_.children(identifier)) {
+        const auto name = nameOf(nodes_.identifierOf(*child));
+        std::lock_guard guard(child->mutex);
+        if (child->content.onPhone || !child->content.changed || child->isDirectory) {
+            continue;
+        }
+        RelayItemSummary local = child->attributes;
+        local.identifier = childOf(identifier, name);
+        local.filename = name;
+        local.size = child->content.size;
+        listing->items.push_back(std::move(local));
     }
-    OpenFile file;
-    file.identifier = id;
-    file.version = answer.value.contentVersion.value_or(Bytes{});
-    file.size = std::min<std::uint64_t>(answer.value.size, static_cast<std::uint64_t>(size));
-    int error = stage(file, size > 0);
-    if (error == 0 && ::ftruncate(file.staged.get(), size) != 0) {
-        error = errno;
+    fi->fh = reinterpret_cast<std::uint64_t>(listing.release());
+    fi->cache_readdir = 0;
+    if (fuse_reply_open(req, fi) != 0) {
+        delete reinterpret_cast<Listing*>(fi->fh);
     }
-    if (error == 0) {
-        file.dirty = true;
-        error = push(file);
-    }
-    if (!file.stagedName.empty()) {
-        storage_.remove(file.stagedName);
-    }
-    if (error == 0) {
-        item(id, RelayLookupSource::fsSetAttributesAfterTruncate, true);
-    }
-    return -error;
 }
 
-int VolumeFs::remove(const std::string& id) {
-    const int error = phone_.remove(id);
-    forget(id);
-    return -error;
+void VolumeFs::readdir(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi,
+                       bool plus) {
+    const auto& listing = *reinterpret_cast<Listing*>(fi->fh);
+    const auto& items = listing.items;
+    std::vector<char> buffer(size);
+    std::size_t used = 0;
+    for (auto index = static_cast<std::size_t>(offset); index < items.size(); ++index) {
+        const auto& item = items[index];
+        const auto next = static_cast<off_t>(index + 1);
+        std::size_t length = 0;
+        if (plus) {
+            const auto node = nodes_.learn(item.identifier, item.isDirectory, 1);
+            fuse_entry_param e{};
+            {
+                std::lock_guard guard(node->mutex);
+                if (!node->content.changed && listing.asked > node->content.lastPush) {
+                    apply(*node, item);
+                }
+                e.attr = attributesOf(*node);
+            }
+            e.ino = node->id;
+            e.generation = 1;
+            e.attr_timeout = kKernelCacheSeconds;
+            e.entry_timeout = kKernelCacheSeconds;
+            length = fuse_add_direntry_plus(req, buffer.data() + used, size - used,
+                                            item.filename.c_str(), &e, next);
+            if (length > size - used) {
+                nodes_.forget(node->id, 1);
+            }
+        } else {
+            struct stat st {};
+            st.st_ino = item.inode ? item.inode : 1;
+            st.st_mode = item.isDirectory ? S_IFDIR : S_IFREG;
+            length = fuse_add_direntry(req, buffer.data() + used, size - used,
+                                       item.filename.c_str(), &st, next);
+        }
+        if (length > size - used) {
+            break;
+        }
+        used += length;
+    }
+    fuse_reply_buf(req, buffer.data(), used);
 }
 
-int VolumeFs::makeDirectory(const std::string& id) {
-    const auto answer = phone_.makeDirectory(id);
-    forget(id);
+void VolumeFs::releasedir(fuse_req_t req, fuse_file_info* fi) {
+    delete reinterpret_cast<Listing*>(fi->fh);
+    fuse_reply_err(req, 0);
+}
+
+void VolumeFs::statfs(fuse_req_t req) {
+    const auto answer = phone_.space();
     if (answer.error != 0) {
-        return -answer.error;
+        fuse_reply_err(req, answer.error);
+        return;
     }
-    items_.storeItem(answer.value);
-    return 0;
-}
-
-int VolumeFs::rename(const std::string& from, const std::string& to, unsigned int flags) {
-    if (flags & RENAME_EXCHANGE) {
-        return -EINVAL;
-    }
-    if (flags & RENAME_NOREPLACE) {
-        const auto target = item(to, RelayLookupSource::fsLookupByName, true);
-        if (target.error == 0) {
-            return -EEXIST;
-        }
-        if (target.error != ENOENT) {
-            return -target.error;
-        }
-    }
-    const auto answer = phone_.rename(from, to);
-    forget(from);
-    forget(to);
-    if (answer.error != 0) {
-        return -answer.error;
-    }
-    items_.storeItem(answer.value);
-    return 0;
-}
-
-int VolumeFs::touch(const std::string& id, const char* path) {
-    {
-        std::lock_guard guard(openMutex_);
-        if (writers_.count(id) != 0) {
-            return 0;  // being written here: the phone's view comes with the push
-        }
-    }
-    forget(id);
-    const auto answer = item(id, RelayLookupSource::fsSetAttributesRefresh, true);
-    // Whatever the phone says now, the kernel's view of the item and of its directory is
-    // stale. Dropping an inode's attributes takes no lock this operation holds, so it is
-    // done before answering: the next stat sees the phone's state.
-    auto* fuse = fuse_get_context()->fuse;
-    fuse_invalidate_path(fuse, path);
-    fuse_invalidate_path(fuse, ("/" + parentOf(id)).c_str());
-    return -answer.error;
-}
-
-// --- libfuse's entry points --------------------------------------------------------
-
-namespace {
-
-void* init(fuse_conn_info* conn, fuse_config* cfg) {
-    // Open with O_TRUNC arrives whole, so a truncating writer is not a push of its own.
-    conn->want |= FUSE_CAP_ATOMIC_O_TRUNC & conn->capable;
-    cfg->entry_timeout = kKernelCacheSeconds;
-    cfg->attr_timeout = kKernelCacheSeconds;
-    cfg->negative_timeout = 0;
-    // An unlinked open file is removed on the phone at once, never renamed to a hidden one.
-    cfg->hard_remove = 1;
-    return fuse_get_context()->private_data;
-}
-
-int getattrOp(const char* path, struct stat* st, fuse_file_info* fi) {
-    return self().getattr(identifierOfPath(path), st, fi);
-}
-
-int readdirOp(const char* path, void* buffer, fuse_fill_dir_t filler, off_t, fuse_file_info*,
-              fuse_readdir_flags flags) {
-    return self().readdir(identifierOfPath(path), buffer, filler, flags);
-}
-
-int openOp(const char* path, fuse_file_info* fi) {
-    return self().open(identifierOfPath(path), fi);
-}
-
-int createOp(const char* path, mode_t, fuse_file_info* fi) {
-    return self().create(identifierOfPath(path), fi);
-}
-
-int readOp(const char*, char* buffer, size_t size, off_t offset, fuse_file_info* fi) {
-    return self().read(handle(fi), buffer, size, offset);
-}
-
-int writeOp(const char*, const char* buffer, size_t size, off_t offset, fuse_file_info* fi) {
-    return self().write(handle(fi), buffer, size, offset);
-}
-
-int flushOp(const char*, fuse_file_info* fi) {
-    return self().close(handle(fi));
-}
-
-int fsyncOp(const char*, int, fuse_file_info* fi) {
-    return self().flush(handle(fi));
-}
-
-int releaseOp(const char*, fuse_file_info* fi) {
-    self().release(&handle(fi));
-    return 0;
-}
-
-int truncateOp(const char* path, off_t size, fuse_file_info* fi) {
-    return self().truncate(identifierOfPath(path), size, fi);
-}
-
-int removeOp(const char* path) {
-    return self().remove(identifierOfPath(path));
-}
-
-int mkdirOp(const char* path, mode_t) {
-    return self().makeDirectory(identifierOfPath(path));
-}
-
-int renameOp(const char* from, const char* to, unsigned int flags) {
-    return self().rename(identifierOfPath(from), identifierOfPath(to), flags);
-}
-
-int utimensOp(const char* path, const timespec[2], fuse_file_info*) {
-    return self().touch(identifierOfPath(path), path);
-}
-
-// The phone keeps its own owners and modes; changing them here is accepted and ignored,
-// so that copying tools do not fail on it.
-int chmodOp(const char*, mode_t, fuse_file_info*) {
-    return 0;
-}
-
-int chownOp(const char*, uid_t, gid_t, fuse_file_info*) {
-    return 0;
-}
-
-int statfsOp(const char*, struct statvfs* st) {
-    // The phone's free space is not asked for; a large, mostly free volume lets copies
-    // start, and a full phone answers noSpace (ENOSPC) on the push.
-    *st = {};
-    st->f_bsize = 4096;
-    st->f_frsize = 4096;
-    st->f_blocks = (std::uint64_t{1} << 40) / 4096;
-    st->f_bfree = st->f_blocks / 2;
-    st->f_bavail = st->f_bfree;
-    st->f_files = 1'000'000;
-    st->f_ffree = 500'000;
-    st->f_favail = st->f_ffree;
-    st->f_namemax = 255;
-    return 0;
-}
-
-}  // namespace
-
-fuse_operations VolumeFs::operations() {
-    fuse_operations ops{};
-    ops.init = init;
-    ops.getattr = getattrOp;
-    ops.readdir = readdirOp;
-    ops.open = openOp;
-    ops.create = createOp;
-    ops.read = readOp;
-    ops.write = writeOp;
-    ops.flush = flushOp;
-    ops.fsync = fsyncOp;
-    ops.release = releaseOp;
-    ops.truncate = truncateOp;
-    ops.unlink = removeOp;
-    ops.rmdir = removeOp;
-    ops.mkdir = mkdirOp;
-    ops.rename = renameOp;
-    ops.utimens = utimensOp;
-    ops.chmod = chmodOp;
-    ops.chown = chownOp;
-    ops.statfs = statfsOp;
-    return ops;
+    constexpr std::uint64_t kBlock = 4096;
+    struct statvfs st {};
+    st.f_bsize = kBlock;
+    st.f_frsize = kBlock;
+    st.f_blocks = answer.value.totalBytes / kBlock;
+    st.f_bfree = answer.value.freeBytes / kBlock;
+    st.f_bavail = st.f_bfree;
+    st.f_namemax = kNameMax;
+    fuse_reply_statfs(req, &st);
 }
 
 }  // namespace skiff::volume

@@ -1,92 +1,128 @@
 #pragma once
-// The volume's file-system operations (libfuse's high-level, path-based interface): items
-// are named by their path under the mount, which is the phone's identifier.
+// The volume's file system on libfuse's low-level interface: the kernel names nodes, not
+// paths, so an unlinked open file stays reachable and a rename carries open handles along.
 //
-// - Look-ups, attributes and listings come from the phone and stay in an ItemCache for a
-//   second; the kernel keeps entries and attributes as long, never a missing entry.
-// - Reads go through the chunk cache in 4 MiB chunks, with the next chunk fetched in the
-//   background when a handle reads sequentially.
-// - A file opened for writing is staged whole in a shared-container file and pushed on
-//   close (or fsync) against the content version it had at open; a phone-side change
-//   meanwhile fails the close (kConflictErrno) and is never overwritten.
-// - A time change is how the service pokes an item the phone changed: it refreshes the
-//   item from the phone and drops the kernel's cached view of it. It never writes times
-//   to the phone.
+// - Look-ups, attributes and listings come from the phone and stay on their node for a
+//   second; a listing answers with every entry's attributes (readdirplus), so `ls -l` is
+//   one pass with no look-up per entry.
+// - A file's bytes live in one local copy per node (a sparse file in the volume folder),
+//   shared by every handle: reads are served from it where it holds the range and fetched
+//   from the phone otherwise; writes go only to it. A new file is a node at once.
+// - Changes go to the phone on fsync, on the close of the last handle that wrote (which
+//   waits and reports the outcome), and once a changed node is left alone for a while
+//   (Pusher). A failed push keeps the bytes and is retried; its failure is reported by
+//   every later fsync and close until the bytes are on the phone.
 //
-// Threads: libfuse's worker threads call every operation at once; shared state is behind
-// the caches' locks and the open-file table's lock, and a handle's own lock serialises
-// the calls on one handle. The read-ahead runs on a thread of its own so that no
-// operation waits for it.
+// Threads: libfuse's workers call every operation at once, the pusher runs on a thread of
+// its own. The node table's lock is held for map updates only; a node's `io` lock
+// serialises its fetches and pushes, its `mutex` guards its state in short holds. No lock
+// of the whole volume is held while anything waits for the phone.
 
-#define FUSE_USE_VERSION 31
-#include <fuse.h>
+#define FUSE_USE_VERSION 34
+#include <fuse_lowlevel.h>
 
-#include <asio/thread_pool.hpp>
-#include <map>
+#include <condition_variable>
+#include <filesystem>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 
 #include "transfer/shared_file_storage.hpp"
-#include "volume/chunk_cache.hpp"
-#include "volume/item_cache.hpp"
+#include "volume/node_table.hpp"
+#include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
 
 namespace skiff::volume {
 
-struct OpenFile;
-
 class VolumeFs {
 public:
-    VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage);
+    // `copies` is the folder of the local copies (made when missing).
+    VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage, std::filesystem::path copies);
     ~VolumeFs();
     VolumeFs(const VolumeFs&) = delete;
     VolumeFs& operator=(const VolumeFs&) = delete;
 
-    // Waits for the read-ahead in flight; call it once libfuse's loop has ended, while the
-    // service can still answer.
+    // The operation table; each operation finds this object as the request's user data.
+    static fuse_lowlevel_ops operations();
+
+    // Takes back the writes a previous run left on disk (and removes local copies nobody
+    // recorded), then starts pushing changed nodes in the background; `session` receives
+    // the kernel notices (cached attributes and pages to drop).
+    void start(fuse_session* session);
+    // Once libfuse's loop has ended: stops the pusher and pushes what is still changed.
     void finish();
+    // The service or the phone is back: push what waits now rather than at the next retry.
+    void retryNow();
 
-    // The operation table; each operation finds this object as the context's private data.
-    static fuse_operations operations();
-
-    // The operations, each answering 0 or a negative errno as libfuse expects.
-    int getattr(const std::string& id, struct stat* st, fuse_file_info* fi);
-    int readdir(const std::string& id, void* buffer, fuse_fill_dir_t filler,
-                fuse_readdir_flags flags);
-    int open(const std::string& id, fuse_file_info* fi);
-    int create(const std::string& id, fuse_file_info* fi);
-    int read(OpenFile& file, char* buffer, std::size_t size, off_t offset);
-    int write(OpenFile& file, const char* buffer, std::size_t size, off_t offset);
-    // flush pushes what the handle holds (fsync); close does on each close of a descriptor,
-    // once the handle has written.
-    int flush(OpenFile& file);
-    int close(OpenFile& file);
-    void release(OpenFile* file);
-    int truncate(const std::string& id, off_t size, fuse_file_info* fi);
-    int remove(const std::string& id);
-    int makeDirectory(const std::string& id);
-    int rename(const std::string& from, const std::string& to, unsigned int flags);
-    int touch(const std::string& id, const char* path);
+    // --- operations, each replying to its request --------------------------------------
+    void lookup(fuse_req_t req, NodeId parent, const char* name);
+    void forget(NodeId id, std::uint64_t count);
+    void getattr(fuse_req_t req, NodeId id);
+    void setattr(fuse_req_t req, NodeId id, const struct stat& attr, int toSet, fuse_file_info* fi);
+    void mkdir(fuse_req_t req, NodeId parent, const char* name);
+    void unlink(fuse_req_t req, NodeId parent, const char* name);
+    void rename(fuse_req_t req, NodeId parent, const char* name, NodeId newParent,
+                const char* newName, unsigned int flags);
+    void open(fuse_req_t req, NodeId id, fuse_file_info* fi);
+    void create(fuse_req_t req, NodeId parent, const char* name, mode_t mode, fuse_file_info* fi);
+    void read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi);
+    void write(fuse_req_t req, const char* buffer, std::size_t size, off_t offset,
+               fuse_file_info* fi);
+    void flush(fuse_req_t req, fuse_file_info* fi);
+    void release(fuse_req_t req, fuse_file_info* fi);
+    void fsync(fuse_req_t req, fuse_file_info* fi);
+    void opendir(fuse_req_t req, NodeId id, fuse_file_info* fi);
+    void readdir(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi, bool plus);
+    void releasedir(fuse_req_t req, fuse_file_info* fi);
+    void statfs(fuse_req_t req);
 
 private:
-    // The item's summary: from the cache when fresh enough, else from the phone.
-    Answer<RelayItemSummary> item(const std::string& id, relay::RelayLookupSource source,
-                                  bool fresh);
-    int stage(OpenFile& file, bool fillFromPhone);
-    int push(OpenFile& file);
-    void readAhead(const OpenFile& file, std::uint64_t index);
-    void forget(const std::string& id);
+    struct Entry;
+    // The node's attributes, refreshed from the phone when older than the cache time (or
+    // always with `fresh`). An item gone from the phone unlinks its node: ENOENT.
+    int refresh(const std::shared_ptr<Node>& node, relay::RelayLookupSource source, bool fresh);
+    // The item at `identifier` as a node the kernel holds one more look-up of.
+    int entryOf(const std::string& identifier, relay::RelayLookupSource source, Entry& entry);
+    void replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node);
+    struct stat attributesOf(Node& node);
+    void apply(Node& node, const RelayItemSummary& summary);
+    // Opens the node's local copy when it has none yet. Node::mutex held.
+    int ensureCopy(Node& node);
+    // Fetches what the copy lacks of [offset, offset + length). Node::io held.
+    int fetch(Node& node, std::uint64_t offset, std::uint64_t length);
+    // Cuts or extends the node's bytes. Node::mutex held.
+    int cut(Node& node, std::uint64_t size);
+    void markChanged(const std::shared_ptr<Node>& node);
+    // Sends the node's changes to the phone and waits for the outcome. Node::io held.
+    int push(const std::shared_ptr<Node>& node);
+    int pushWhole(Node& node, const std::string& identifier, bool onPhone,
+                  const std::optional<Bytes>& version, std::uint64_t size);
+    // The phone's copy changed since the user's started: the user's bytes are kept beside
+    // it (or in the recovered folder) and the node follows the phone again. Node::io held.
+    int keepBoth(Node& node, const std::string& identifier);
+    void record(Node& node, const std::string& identifier);
+    void resume(const PendingWrite& write);
+    void dropCopy(Node& node);
+    void pushLoop();
+    void invalidate(NodeId id);
 
     PhoneRelay& phone_;
     const transfer::SharedFileStorage storage_;
-    ItemCache items_;
-    ChunkCache chunks_;
-    std::mutex openMutex_;
-    // Handles open for writing, by item: their staged content is what the item is until
-    // they are flushed (a new file exists only here until then).
-    std::multimap<std::string, OpenFile*> writers_;
-    asio::thread_pool background_{2};  // one thread per chunk read ahead
+    const std::filesystem::path copies_;
+    const uid_t owner_;
+    const gid_t group_;
+    NodeTable nodes_;
+    PendingStore pending_;
+    fuse_session* session_ = nullptr;
+
+    std::mutex changedMutex_;  // guards the members below
+    std::condition_variable wake_;
+    std::set<std::shared_ptr<Node>> changed_;
+    bool stopping_ = false;
+    bool retry_ = false;
+    std::thread pusher_;
 };
 
 }  // namespace skiff::volume
