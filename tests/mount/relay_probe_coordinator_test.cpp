@@ -40,9 +40,8 @@ class RelayProbeTest : public ::testing::Test {
 protected:
     void SetUp() override { runtime.start(); }
     void TearDown() override {
-        if (probe) {
-            probe->stop();
-        }
+        // Before the runtime goes, so that no loop is left holding the probe.
+        EXPECT_TRUE(!probe || stopAndLetGo());
         runtime.stop();
         // What still waits holds the probe; let it go with the runtime.
         clock->release();
@@ -62,6 +61,13 @@ protected:
         probe = std::make_shared<RelayProbeCoordinator>(std::move(c));
     }
     void makeProbe() { makeProbe(link); }
+    // Stops the probe; true once every loop let it go, with no clock moved.
+    bool stopAndLetGo() {
+        std::weak_ptr<RelayProbeCoordinator> held = probe;
+        probe->stop();
+        probe.reset();
+        return eventually([&] { return held.expired(); });
+    }
 
     std::vector<std::string> probeLines() const {
         std::vector<std::string> lines;
@@ -134,10 +140,7 @@ TEST_F(RelayProbeTest, StopEndsTheLoopAtOnceWhetherItSleepsOrWaitsForTheApp) {
         // Waiting for a silent app, or asleep after a good round.
         ASSERT_TRUE(eventually(
             [&] { return answer == kSilent ? link->sends() > 0 : clock->sleeping() > 0; }));
-        std::weak_ptr<RelayProbeCoordinator> held = probe;
-        probe->stop();
-        probe.reset();
-        EXPECT_TRUE(eventually([&] { return held.expired(); }));
+        EXPECT_TRUE(stopAndLetGo());
         EXPECT_EQ(link->invalidations(), 0);
     }
 }
@@ -226,7 +229,7 @@ TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack)
         }
         EXPECT_EQ(probeLines(), c.lines);
         EXPECT_EQ(volume->calls(), c.volumeCalls);
-        probe->stop();
+        ASSERT_TRUE(stopAndLetGo());
     }
 }
 
