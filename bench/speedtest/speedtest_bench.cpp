@@ -78,16 +78,17 @@ void roundTrips(runtime::IoRuntime& runtime) {
 // Plain sends through the echo app while a second thread takes the bytes back.
 double rawSeconds(std::uint64_t bytes) {
     const tunnel_id id = firstDevice(sim::kEchoPort);
-    if (!usbmux_tunnel_ensure(id)) {
+    usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(id);
+    if (conn == nullptr) {
         throw std::runtime_error("no tunnel to the echo app");
     }
     std::vector<std::uint8_t> out(kPiece, 0xA5);
     auto start = Clock::now();
-    auto receiver = std::async(std::launch::async, [id, bytes] {
+    auto receiver = std::async(std::launch::async, [conn, bytes] {
         std::vector<std::uint8_t> in(kPiece);
         for (std::uint64_t left = bytes; left > 0;) {
             auto n = static_cast<std::uint32_t>(std::min<std::uint64_t>(left, kPiece));
-            if (!usbmux_tunnel_recv(id, in.data(), n)) {
+            if (!usbmux_tunnel_conn_recv(conn, in.data(), n)) {
                 return false;
             }
             left -= n;
@@ -97,13 +98,15 @@ double rawSeconds(std::uint64_t bytes) {
     bool sent = true;
     for (std::uint64_t left = bytes; left > 0 && sent;) {
         auto n = static_cast<std::uint32_t>(std::min<std::uint64_t>(left, kPiece));
-        sent = usbmux_tunnel_send(id, out.data(), n);
+        sent = usbmux_tunnel_conn_send(conn, out.data(), n);
         left -= n;
     }
     if (!sent) {
-        usbmux_mgr_invalidate_tunnel(id);  // wakes the receiver
+        usbmux_tunnel_conn_invalidate(conn);  // wakes the receiver
     }
-    if (!receiver.get() || !sent) {
+    const bool received = receiver.get();
+    usbmux_tunnel_conn_release(conn);
+    if (!received || !sent) {
         throw std::runtime_error("the raw transfer failed");
     }
     return secondsSince(start);

@@ -1,12 +1,14 @@
 #include "mount/mount_service.hpp"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 
+#include "common/log.hpp"
 #include "mount/mount_table.hpp"
 #include "mount/process_runner.hpp"
 #include "mount/volume_state.hpp"
@@ -89,7 +91,10 @@ asio::awaitable<void> MountService::unmountGracefully(std::chrono::steady_clock:
     }
     if (failed && isMounted()) {
         co_await unmount(true);
+        co_return;
     }
+    auto tidy = [this] { removeEmptyMountPoint(); };
+    co_await tools_.run(std::move(tidy));
 }
 
 void MountService::mountNow() const {
@@ -115,6 +120,39 @@ void MountService::unmountNow(bool force) const {
         runCommand(options_.unmountTool, {"-u", "-z", path->string()});
     } else {
         runCommand(options_.unmountTool, {"-u", path->string()});
+    }
+    removeEmptyMountPoint();
+}
+
+void MountService::removeEmptyMountPoint() const {
+    // Only an empty folder goes, and only once nothing is mounted on it: rmdir refuses both
+    // a folder with anything in it and a mount point in use, without asking the volume.
+    if (const auto path = mountPoint(); path && !isMounted()) {
+        ::rmdir(path->c_str());
+    }
+}
+
+void MountService::cleanUpAfterEarlierRun() const {
+    removeEmptyMountPoint();
+    fs::path container;
+    try {
+        container = storage_.containerPath();
+    } catch (const transfer::SharedFileStorageError&) {
+        return;
+    }
+    long removed = 0;
+    std::error_code error;
+    // Only the top level: the folders in it (the volume's local copies) are not ours.
+    for (fs::directory_iterator it(container, error), end; !error && it != end;
+         it.increment(error)) {
+        const std::string name = it->path().filename().string();
+        if (transfer::isTransferFileName(name)) {
+            storage_.remove(name);
+            ++removed;
+        }
+    }
+    if (removed > 0) {
+        log::xpc().info("removed %{public}ld transfer files that an earlier run left", removed);
     }
 }
 
@@ -155,6 +193,13 @@ fs::path MountService::prepareMountPoint() const {
         if (!S_ISDIR(st.st_mode)) {
             throw MountServiceError::commandFailed("Mount point exists but is not a directory: " +
                                                    path->string());
+        }
+        std::error_code error;
+        if (!fs::is_empty(*path, error) || error) {
+            throw MountServiceError::commandFailed(
+                "The mount point " + path->string() +
+                " is not empty: what is in it would be hidden under the volume. Move it "
+                "elsewhere, then mount again.");
         }
         return *path;
     }

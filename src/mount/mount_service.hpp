@@ -10,7 +10,11 @@
 //
 // The mount point is $XDG_DATA_HOME/Harbor/mnt (or ~/.local/share/Harbor/mnt), looked up
 // at each use; the source anchor is the directory "source-anchor" in the shared
-// container. Both are made when missing and never removed.
+// container. The anchor is made when missing and kept. The mount point exists only while
+// the volume is mounted: it is made just before a mount and removed, when empty, after an
+// unmount, so that what a user saves there meanwhile fails instead of landing on the local
+// disk, to be hidden by the next mount (a mode alone would not stop root). A mount over a
+// folder that holds anything is refused.
 //
 // Threads: isMounted() may be called from any thread (see volume.hpp). mount() and
 // unmount(force) run their tools, one at a time in the order asked, on a thread of the
@@ -62,9 +66,10 @@ public:
     bool isMounted() const override;
 
     // Fails with alreadyMounted (running nothing), sourceUnavailable or commandFailed
-    // while preparing the directories, commandFailed with the tool's words, or
-    // std::system_error when mount.skiff cannot be launched.
-    asio::awaitable<void> mount();
+    // while preparing the directories (a mount point that is not an empty folder among
+    // them), commandFailed with the tool's words, or std::system_error when mount.skiff
+    // cannot be launched.
+    asio::awaitable<void> mount() override;
 
     // Fails with notMounted, or as the tool did.
     asio::awaitable<void> unmount(bool force) override;
@@ -74,9 +79,16 @@ public:
     // its outcome is the call's; when the volume went anyway, the call succeeds.
     asio::awaitable<void> unmountGracefully(std::chrono::steady_clock::duration timeout);
 
+    // What a run of the service that ended without its own clean-up (a crash) left behind:
+    // the empty mount point when nothing is mounted on it, and the transfer files in the
+    // shared container (its other files and folders, the volume's own folder among them,
+    // are left alone). Blocks; call once at start, before any transfer can begin.
+    void cleanUpAfterEarlierRun() const;
+
 private:
     void mountNow() const;
     void unmountNow(bool force) const;
+    void removeEmptyMountPoint() const;
     std::filesystem::path prepareSourceAnchor() const;
     std::filesystem::path prepareMountPoint() const;
 

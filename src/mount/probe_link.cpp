@@ -1,13 +1,15 @@
 #include "mount/probe_link.hpp"
 
+#include <algorithm>
 #include <utility>
 
 #include "common/bridge_messages.hpp"
 
 namespace skiff::mount {
 
-BridgeProbeLink::BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge)
-    : bridge_(std::move(bridge)) {}
+BridgeProbeLink::BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge,
+                                 ContactSource otherContact)
+    : bridge_(std::move(bridge)), otherContact_(std::move(otherContact)) {}
 
 asio::awaitable<std::int64_t> BridgeProbeLink::sendProbe() {
     const auto reply = co_await bridge_->relayForClient(0, {});
@@ -15,7 +17,12 @@ asio::awaitable<std::int64_t> BridgeProbeLink::sendProbe() {
 }
 
 std::optional<ProbeLink::TimePoint> BridgeProbeLink::lastContact() const {
-    return bridge_->lastIOSContact();
+    const auto relayed = bridge_->lastIOSContact();
+    const auto other = otherContact_ ? otherContact_() : std::nullopt;
+    if (relayed && other) {
+        return std::max(*relayed, *other);
+    }
+    return relayed ? relayed : other;
 }
 
 asio::awaitable<void> BridgeProbeLink::invalidate() {

@@ -30,10 +30,13 @@ public:
     virtual asio::awaitable<void> invalidate() = 0;
 };
 
-// Over the process's relay bridge.
+// Over the process's relay bridge. The app may also be heard outside the relay (a speed
+// test's bytes): otherContact, when given, tells when, from any thread.
 class BridgeProbeLink : public ProbeLink {
 public:
-    explicit BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge);
+    using ContactSource = std::function<std::optional<TimePoint>()>;
+    explicit BridgeProbeLink(std::shared_ptr<relay::TunnelRelayBridge> bridge,
+                             ContactSource otherContact = {});
 
     asio::awaitable<std::int64_t> sendProbe() override;
     std::optional<TimePoint> lastContact() const override;
@@ -41,6 +44,7 @@ public:
 
 private:
     std::shared_ptr<relay::TunnelRelayBridge> bridge_;
+    ContactSource otherContact_;
 };
 
 // Time as the probe sees it. now() is on the relay bridge's contact clock, so the two can

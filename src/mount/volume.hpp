@@ -1,13 +1,13 @@
 #pragma once
-// The mounted volume as the rest of the service sees it: whether it is mounted, an unmount
-// on demand, and who hears that a mount or unmount happened. MountService is the real one;
-// tests give fakes.
+// The mounted volume as the rest of the service sees it: whether it is mounted, a mount or
+// an unmount on demand, and who hears that a mount or unmount happened. MountService is
+// the real one; tests give fakes.
 //
 // Threads: isMounted() reads the mount table only and never calls into the file system (a
 // stat under the mounted volume waits for skiff-fs, which may be waiting for this service),
-// so any thread may call it, an io_context thread included. unmount() runs the system's
-// tool on a thread of the volume's own and resumes the caller on its executor, so the
-// caller's io_context keeps turning while the tool runs.
+// so any thread may call it, an io_context thread included. mount() and unmount() run the
+// system's tools on a thread of the volume's own and resume the caller on its executor, so
+// the caller's io_context keeps turning while a tool runs.
 
 #include <asio/awaitable.hpp>
 
@@ -20,6 +20,9 @@ public:
     virtual ~Volume() = default;
 
     virtual bool isMounted() const = 0;
+    // Throws MountServiceError (alreadyMounted, the preparation's or the tool's failure) or
+    // std::system_error when the tool cannot be launched.
+    virtual asio::awaitable<void> mount() = 0;
     // Plain or forced unmount. Throws MountServiceError (notMounted when nothing is
     // mounted, commandFailed with the tool's words) or std::system_error when the tool
     // cannot be launched.

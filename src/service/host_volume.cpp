@@ -1,6 +1,7 @@
 #include "service/host_volume.hpp"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "common/log.hpp"
@@ -58,6 +59,10 @@ asio::awaitable<void> mountTask(std::shared_ptr<BridgeCore> core,
                                 std::function<void(bool, std::string)> reply) {
     std::string failure;
     try {
+        // A volume with no phone behind it would only fail every call.
+        if (!core->usbMuxConnection()) {
+            throw std::runtime_error("no phone is attached");
+        }
         co_await core->volumeControl()->mountVolume();
         log::xpc().info("mountVolume ok");
     } catch (const std::exception& e) {

@@ -23,7 +23,8 @@ asio::awaitable<void> unmountNoticeTask(std::shared_ptr<BridgeCore> core);
 asio::awaitable<void> shutdownTask(std::shared_ptr<BridgeCore> core,
                                    std::function<void(bool)> reply);
 
-// A client's mount or unmount; replies (true, "") or (false, the failure's message).
+// A client's mount or unmount; replies (true, "") or (false, the failure's message). A
+// mount with no phone attached fails with "no phone is attached".
 asio::awaitable<void> mountTask(std::shared_ptr<BridgeCore> core,
                                 std::function<void(bool, std::string)> reply);
 asio::awaitable<void> unmountTask(std::shared_ptr<BridgeCore> core, bool force,

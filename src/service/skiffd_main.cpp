@@ -120,7 +120,9 @@ int main(int argc, char** argv) {
         auto core = coreCell->lock();
         return core && core->usbMuxConnection().has_value();
     };
-    probeParts.link = std::make_shared<mount::BridgeProbeLink>(relayBridge);
+    // A speed test holds the relay's tunnel while its bytes flow: they count as contact.
+    probeParts.link = std::make_shared<mount::BridgeProbeLink>(
+        relayBridge, [&usbMux] { return usbMux.lastContact(); });
     auto probe = std::make_shared<mount::RelayProbeCoordinator>(std::move(probeParts));
     auto phoneVolume = std::make_shared<mount::PhoneVolumeRequests>(volume, probe);
     collaborators.volume = volume;
@@ -157,6 +159,9 @@ int main(int argc, char** argv) {
         auto delegate = std::make_shared<service::ServiceDelegate>(core);
         adapter =
             std::make_unique<service::dbus::ServiceAdapter>(runtime.executor(), delegate, options);
+        // The name is ours, so no other skiffd runs, and no call is served yet: what an
+        // earlier run left behind can go.
+        volume->cleanUpAfterEarlierRun();
         core->setObserver(adapter->observer());
         adapter->start([&] {
             log::xpc().error("the bus connection is gone; exiting so that skiffd is restarted");

@@ -87,6 +87,19 @@ std::string finalFileName(const Uuid& transfer) {
     return "transfer_" + transfer.text() + ".bin";
 }
 
+bool isTransferFileName(std::string_view name) {
+    constexpr std::string_view kPrefix = "transfer_";
+    for (const std::string_view suffix : {".part", ".bin"}) {
+        if (name.starts_with(kPrefix) && name.ends_with(suffix) &&
+            name.size() > kPrefix.size() + suffix.size() &&
+            Uuid::parse(
+                name.substr(kPrefix.size(), name.size() - kPrefix.size() - suffix.size()))) {
+            return true;
+        }
+    }
+    return false;
+}
+
 SharedFileStorage::SharedFileStorage()
     : container_(defaultContainerPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"))) {}
 

@@ -58,6 +58,8 @@ bool isContainerFileName(std::string_view name);
 // "transfer_<UUID>.part": a file being filled by a fetch; and the finished ".bin".
 std::string partFileName(const Uuid& transfer);
 std::string finalFileName(const Uuid& transfer);
+// Whether name is one of the two, of any transfer.
+bool isTransferFileName(std::string_view name);
 
 class SharedFileStorage {
 public:

@@ -24,7 +24,22 @@ bool droppedMidway(const char* call, int32_t fd, uint32_t done, uint32_t total) 
 }  // namespace
 
 TunnelSession::TunnelSession(int32_t fd, std::string udid, int32_t deviceHandle, uint16_t port)
-    : fd_(fd), udid_(std::move(udid)), deviceHandle_(deviceHandle), port_(port) {}
+    : fd_(fd),
+      lastMoved_(std::chrono::steady_clock::now().time_since_epoch().count()),
+      udid_(std::move(udid)),
+      deviceHandle_(deviceHandle),
+      port_(port) {}
+
+void TunnelSession::moved() {
+    lastMoved_.store(std::chrono::steady_clock::now().time_since_epoch().count(),
+                     std::memory_order_relaxed);
+}
+
+std::chrono::milliseconds TunnelSession::idleFor() const {
+    const std::chrono::steady_clock::duration last(lastMoved_.load(std::memory_order_relaxed));
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now().time_since_epoch() - last);
+}
 
 TunnelSession::~TunnelSession() {
     close();
@@ -72,6 +87,7 @@ bool TunnelSession::sendAll(const void* data, uint32_t length) {
             return false;
         }
         // A short write is fine: the next request carries the rest.
+        moved();
         sentTotal += chunk;
         if (sentTotal >= length) {
             return true;
@@ -99,6 +115,7 @@ bool TunnelSession::recvAll(void* buffer, uint32_t length) {
         uint32_t got = 0;
         const int st = usbmuxBackend().recv(fd, bytes + recvTotal, requestChunk, &got);
         if (st == 0 && got > 0) {
+            moved();
             recvTotal += got;
         } else if (st == -ETIMEDOUT && got == 0) {
             // A silent but open peer: keep waiting, one library time-out at a time.
@@ -132,6 +149,7 @@ bool TunnelSession::readLine(std::string& line) {
         if (usbmuxBackend().recv(fd, &byte, 1, &got) != 0 || got != 1) {
             return false;
         }
+        moved();
         if (byte != '\n') {
             line.push_back(byte);
             continue;

@@ -9,6 +9,7 @@
 // transfer never touches a descriptor number that was handed out again.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -36,6 +37,9 @@ public:
     // Reads up to LF one byte at a time (never past it) and drops trailing CRs.
     bool readLine(std::string& line);
 
+    // How long ago a byte last moved either way (or the session was made); any thread.
+    std::chrono::milliseconds idleFor() const;
+
     int32_t fd() const { return fd_.load(std::memory_order_acquire); }
     bool interrupted() const { return interrupted_.load(std::memory_order_acquire); }
     const std::string& udid() const { return udid_; }
@@ -43,7 +47,11 @@ public:
     uint16_t port() const { return port_; }
 
 private:
+    void moved();
+
     std::atomic<int32_t> fd_;
+    // steady_clock's count at the last byte moved.
+    std::atomic<int64_t> lastMoved_;
     std::atomic<bool> interrupted_{false};
     std::string udid_;
     int32_t deviceHandle_;

@@ -23,22 +23,6 @@ std::string udidOf(const tunnel_id& id) {
     return std::string(id.udid, strnlen(id.udid, sizeof id.udid));
 }
 
-// Ensure, then hold the session for the whole operation: another thread may drop it
-// from the table meanwhile, and it must not be closed under our feet.
-template <typename Operation>
-bool withTunnel(const tunnel_id& id, Operation&& operation) {
-    UsbTunnelManager& manager = UsbTunnelManager::shared();
-    const std::string udid = udidOf(id);
-    if (!manager.ensureTunnel(udid, id.port)) {
-        return false;
-    }
-    const std::shared_ptr<TunnelSession> session = manager.sessionFor(udid, id.port);
-    if (!session) {
-        return false;
-    }
-    return operation(*session);
-}
-
 }  // namespace
 
 extern "C" {
@@ -100,20 +84,6 @@ bool usbmux_tunnel_ensure(tunnel_id id) {
     return UsbTunnelManager::shared().ensureTunnel(udidOf(id), id.port);
 }
 
-bool usbmux_tunnel_send(tunnel_id id, const void* data, uint32_t length) {
-    if (data == nullptr && length != 0) {
-        return false;
-    }
-    return withTunnel(id, [&](TunnelSession& session) { return session.sendAll(data, length); });
-}
-
-bool usbmux_tunnel_recv(tunnel_id id, void* buffer, uint32_t length) {
-    if (buffer == nullptr && length != 0) {
-        return false;
-    }
-    return withTunnel(id, [&](TunnelSession& session) { return session.recvAll(buffer, length); });
-}
-
 usbmux_tunnel_conn* usbmux_tunnel_conn_acquire(tunnel_id id) {
     std::shared_ptr<TunnelSession> session =
         UsbTunnelManager::shared().sessionFor(udidOf(id), id.port);
@@ -121,6 +91,14 @@ usbmux_tunnel_conn* usbmux_tunnel_conn_acquire(tunnel_id id) {
         return nullptr;
     }
     return new (std::nothrow) usbmux_tunnel_conn{std::move(session)};
+}
+
+usbmux_tunnel_conn* usbmux_tunnel_conn_open(tunnel_id id) {
+    return usbmux_tunnel_ensure(id) ? usbmux_tunnel_conn_acquire(id) : nullptr;
+}
+
+bool usbmux_tunnel_conn_send(usbmux_tunnel_conn* conn, const void* data, uint32_t length) {
+    return usbmux_tunnel_conn_send_pair(conn, data, length, nullptr, 0);
 }
 
 bool usbmux_tunnel_conn_send_pair(usbmux_tunnel_conn* conn, const void* head, uint32_t headLength,
@@ -139,6 +117,10 @@ bool usbmux_tunnel_conn_recv(usbmux_tunnel_conn* conn, void* buffer, uint32_t le
     return conn->session->recvAll(buffer, length);
 }
 
+uint64_t usbmux_tunnel_conn_idle_ms(const usbmux_tunnel_conn* conn) {
+    return conn == nullptr ? 0 : static_cast<uint64_t>(conn->session->idleFor().count());
+}
+
 void usbmux_tunnel_conn_invalidate(usbmux_tunnel_conn* conn) {
     if (conn != nullptr) {
         UsbTunnelManager::shared().invalidateSession(conn->session);
@@ -149,21 +131,17 @@ void usbmux_tunnel_conn_release(usbmux_tunnel_conn* conn) {
     delete conn;
 }
 
-bool usbmux_mgr_run_ping(tunnel_id id, double* rttMs) {
-    return withTunnel(
-        id, [&](TunnelSession& session) { return UsbTunnelManager::runPing(session, rttMs); });
+bool usbmux_tunnel_conn_run_ping(usbmux_tunnel_conn* conn, double* rttMs) {
+    return conn != nullptr && UsbTunnelManager::runPing(*conn->session, rttMs);
 }
 
-bool usbmux_mgr_run_download_test(tunnel_id id, uint64_t bytes, double* seconds) {
-    return withTunnel(id, [&](TunnelSession& session) {
-        return UsbTunnelManager::runDownloadTest(session, bytes, seconds);
-    });
+bool usbmux_tunnel_conn_run_download_test(usbmux_tunnel_conn* conn, uint64_t bytes,
+                                          double* seconds) {
+    return conn != nullptr && UsbTunnelManager::runDownloadTest(*conn->session, bytes, seconds);
 }
 
-bool usbmux_mgr_run_upload_test(tunnel_id id, uint64_t bytes, double* seconds) {
-    return withTunnel(id, [&](TunnelSession& session) {
-        return UsbTunnelManager::runUploadTest(session, bytes, seconds);
-    });
+bool usbmux_tunnel_conn_run_upload_test(usbmux_tunnel_conn* conn, uint64_t bytes, double* seconds) {
+    return conn != nullptr && UsbTunnelManager::runUploadTest(*conn->session, bytes, seconds);
 }
 
 void usbmux_mgr_free_buffer(void* pointer) {

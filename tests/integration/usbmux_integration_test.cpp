@@ -117,21 +117,20 @@ std::vector<uint8_t> randomBytes(size_t n) {
 
 // Sends through the echo app and reads the same bytes back on a second thread, as the
 // socket buffers cannot hold a large message while nobody reads the echo.
-// The tunnel is opened first: a sender and a receiver that both found it missing would
-// both connect.
 std::vector<uint8_t> echo(const tunnel_id& id, const std::vector<uint8_t>& data) {
     std::vector<uint8_t> back(data.size());
-    EXPECT_TRUE(usbmux_tunnel_ensure(id));
+    usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(id);
     auto receiver = std::async(std::launch::async, [&] {
-        return usbmux_tunnel_recv(id, back.data(), uint32_t(back.size()));
+        return usbmux_tunnel_conn_recv(conn, back.data(), uint32_t(back.size()));
     });
-    bool sent = usbmux_tunnel_send(id, data.data(), uint32_t(data.size()));
+    bool sent = usbmux_tunnel_conn_send(conn, data.data(), uint32_t(data.size()));
     if (receiver.wait_for(kTransferTimeout) != std::future_status::ready) {
         ADD_FAILURE() << "echo did not come back";
-        usbmux_mgr_invalidate_tunnel(id);  // wakes the receiver so the test can end
+        usbmux_tunnel_conn_invalidate(conn);  // wakes the receiver so the test can end
     }
     EXPECT_TRUE(sent);
     EXPECT_TRUE(receiver.get());
+    usbmux_tunnel_conn_release(conn);
     return back;
 }
 
@@ -174,21 +173,23 @@ TEST_F(UsbMuxIntegration, ThePhoneClosingTheStreamFailsReceives) {
     startPhone({"phone-A"});
     startAndWaitForEvents("phone-A");
     auto id = tunnelTo("phone-A");
-    ASSERT_TRUE(usbmux_tunnel_ensure(id));
+    usbmux_tunnel_conn* dropped = usbmux_tunnel_conn_open(id);
     ASSERT_EQ(phone_->drop(), 1u);
     uint8_t byte = 0;
-    EXPECT_FALSE(usbmux_tunnel_recv(id, &byte, 1));
+    EXPECT_FALSE(usbmux_tunnel_conn_recv(dropped, &byte, 1));
+    usbmux_tunnel_conn_release(dropped);
 
     // A receive blocked on a live stream fails when the device is pulled.
     usbmux_mgr_invalidate_tunnel(id);
-    ASSERT_TRUE(usbmux_tunnel_ensure(id));
+    usbmux_tunnel_conn* live = usbmux_tunnel_conn_open(id);
     auto blocked = std::async(std::launch::async, [&] {
         uint8_t b = 0;
-        return usbmux_tunnel_recv(id, &b, 1);
+        return usbmux_tunnel_conn_recv(live, &b, 1);
     });
     phone_->detach("phone-A");
     ASSERT_EQ(blocked.wait_for(kTransferTimeout), std::future_status::ready);
     EXPECT_FALSE(blocked.get());
+    usbmux_tunnel_conn_release(live);
     ASSERT_TRUE(EventLog::instance().waitFor(kDeviceRemoved, "phone-A"));
     EXPECT_FALSE(usbmux_mgr_check_connected(id));
     EXPECT_FALSE(usbmux_tunnel_ensure(id));
@@ -218,12 +219,8 @@ TEST_F(UsbMuxIntegration, EventsFollowAttachDetachAndAReplugDropsTheTunnel) {
     ASSERT_TRUE(log.waitUntil([](const auto& events) { return replugged(events, "phone-A"); }));
     EXPECT_FALSE(usbmux_mgr_check_connected(id));
 
-    // The next send reconnects. Two bytes fit the socket buffers, so one thread can send
-    // and then read the echo.
-    ASSERT_TRUE(usbmux_tunnel_send(id, "ok", 2));
-    char back[2] = {};
-    ASSERT_TRUE(usbmux_tunnel_recv(id, back, 2));
-    EXPECT_EQ(std::string(back, 2), "ok");
+    // The next connection is a new one, to the new handle.
+    EXPECT_EQ(echo(id, {'o', 'k'}), (std::vector<uint8_t>{'o', 'k'}));
     open = phone_->connections();
     ASSERT_EQ(open.size(), 1u);
     EXPECT_EQ(open[0].handle, newHandle);

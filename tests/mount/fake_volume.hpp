@@ -21,7 +21,7 @@ namespace skiff::mount::testing {
 
 namespace fs = std::filesystem;
 
-// "ok", or what a call failed with, a time-out marked as such.
+// What a call failed with, a time-out marked as such.
 inline std::string describe(const std::exception& error) {
     const auto* mountError = dynamic_cast<const MountServiceError*>(&error);
     const bool timedOut =
@@ -29,19 +29,9 @@ inline std::string describe(const std::exception& error) {
     return (timedOut ? "timedOut: " : "") + std::string(error.what());
 }
 
-template <class Run>
-std::string outcomeOf(Run run) {
-    try {
-        run();
-        return "ok";
-    } catch (const std::exception& error) {
-        return describe(error);
-    }
-}
-
-// The same, worked out on the thread the call ran on: an exception handed to the test's
-// thread would be freed by whichever side lets go last, through a reference count that
-// ThreadSanitizer cannot see.
+// "ok", or what the call failed with, worked out on the thread the call ran on: an
+// exception handed to the test's thread would be freed by whichever side lets go last,
+// through a reference count that ThreadSanitizer cannot see.
 inline asio::awaitable<std::string> outcomeOf(asio::awaitable<void> call) {
     try {
         co_await std::move(call);

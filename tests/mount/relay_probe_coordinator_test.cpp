@@ -40,9 +40,8 @@ class RelayProbeTest : public ::testing::Test {
 protected:
     void SetUp() override { runtime.start(); }
     void TearDown() override {
-        if (probe) {
-            probe->stop();
-        }
+        // Before the runtime goes, so that no loop is left holding the probe.
+        EXPECT_TRUE(!probe || stopAndLetGo());
         runtime.stop();
         // What still waits holds the probe; let it go with the runtime.
         clock->release();
@@ -62,6 +61,13 @@ protected:
         probe = std::make_shared<RelayProbeCoordinator>(std::move(c));
     }
     void makeProbe() { makeProbe(link); }
+    // Stops the probe; true once every loop let it go, with no clock moved.
+    bool stopAndLetGo() {
+        std::weak_ptr<RelayProbeCoordinator> held = probe;
+        probe->stop();
+        probe.reset();
+        return eventually([&] { return held.expired(); });
+    }
 
     std::vector<std::string> probeLines() const {
         std::vector<std::string> lines;
@@ -76,9 +82,6 @@ protected:
         auto lines = probeLines();
         return std::find(lines.begin(), lines.end(), line) != lines.end();
     }
-    bool driveUntilLogged(const std::string& line) {
-        return clock->driveUntil([&] { return logged(line); });
-    }
 
     log::LogCapture capture;
     runtime::IoRuntime runtime;
@@ -89,60 +92,6 @@ protected:
     std::atomic<int> usbAsked{0};
     std::shared_ptr<RelayProbeCoordinator> probe;
 };
-
-// A miss is a round whose two attempts both failed, so each scripted miss takes two
-// statuses.
-struct KeepaliveCase {
-    const char* name;
-    std::deque<std::int64_t> script;
-    std::int64_t fallback;
-    bool unmountRefused;
-    std::vector<std::string> lines;
-    std::size_t unmounts;
-};
-
-TEST_F(RelayProbeTest, KeepaliveCountsConsecutiveMissesAndForcesTheVolumeOffAfterTheThird) {
-    const std::vector<KeepaliveCase> cases = {
-        {"two misses, then a good check resets the count",
-         {kFailed, kFailed, kFailed, kFailed, kOk, kFailed, kFailed},
-         kOk,
-         false,
-         {kMiss1, kMiss2, kRecovered, kMiss1},
-         0},
-        {"three misses",
-         {},
-         kFailed,
-         false,
-         {kMiss1, kMiss2, kMiss3, kExhausted, "[relay-probe] force unmount after lost relay ok"},
-         1},
-        {"three misses and an unmount the tool refuses",
-         {},
-         kFailed,
-         true,
-         {kMiss1, kMiss2, kMiss3, kExhausted,
-          "[relay-probe] force unmount after lost relay failed: device is busy"},
-         1},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        capture.clear();
-        volume = std::make_shared<StubVolume>();
-        link->script(c.script, c.fallback);
-        if (c.unmountRefused) {
-            volume->failWith(MountServiceError::commandFailed("device is busy"));
-        }
-        volume->mounted = true;
-        makeProbe();
-        probe->volumeDidMount();
-
-        ASSERT_TRUE(clock->driveUntil([&] { return probeLines().size() > c.lines.size(); }));
-        auto expected = c.lines;
-        expected.insert(expected.begin(), "[relay-probe] volume mounted — start mounted keepalive");
-        EXPECT_EQ(probeLines(), expected);
-        EXPECT_EQ(volume->unmounts(), std::vector<bool>(c.unmounts, true));
-        probe->stop();
-    }
-}
 
 TEST_F(RelayProbeTest, ProbeLogsOnlyChangesAndRetriesOnceOnAFreshTunnel) {
     link->script({kOk,                     // reachable
@@ -162,24 +111,6 @@ TEST_F(RelayProbeTest, ProbeLogsOnlyChangesAndRetriesOnceOnAFreshTunnel) {
     EXPECT_EQ(link->invalidations(), 3);
 }
 
-class UsbConnectTest : public RelayProbeTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(UsbConnectTest, StartsTheLoopThatSuitsTheVolume) {
-    const bool mounted = GetParam();
-    volume->mounted = mounted;
-    // The probe logs only a change, so it starts from a good round.
-    link->script({kOk}, kFailed);
-    makeProbe();
-    probe->usbDidConnect();
-
-    ASSERT_TRUE(driveUntilLogged(mounted ? kMiss1 : kUnreachable));
-    EXPECT_FALSE(logged(mounted ? kUnreachable : kMiss1));
-    EXPECT_EQ(logged("[relay-probe] USB connected while volume mounted — start mounted keepalive"),
-              mounted);
-}
-
-INSTANTIATE_TEST_SUITE_P(MountedOrNot, UsbConnectTest, ::testing::Bool());
-
 TEST_F(RelayProbeTest, RecentAppTrafficStandsInForTheKeepalive) {
     link->script({}, kOk);
     volume->mounted = true;
@@ -198,51 +129,108 @@ TEST_F(RelayProbeTest, RecentAppTrafficStandsInForTheKeepalive) {
     ASSERT_TRUE(clock->driveUntil([&] { return link->sends() > 0; }));
 }
 
-TEST_F(RelayProbeTest, UsbDisconnectEndsTheLoopAndForcesAMountedVolumeOff) {
-    struct Case {
-        bool mounted;
-        std::string line;
-        std::vector<bool> unmounts;
-    };
-    const std::vector<Case> cases = {
-        {true, "[relay-probe] force unmount after USB disconnect", {true}},
-        {false, "[relay-probe] unmount after disconnect failed: Skiff is not mounted.", {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.line);
-        capture.clear();
-        volume = std::make_shared<StubVolume>();
-        volume->mounted = c.mounted;
-        usb = true;
-        link->script({}, kOk);
+// No clock moves here: a stop that waited for the next tick or deadline would hold the
+// probe for good.
+TEST_F(RelayProbeTest, StopEndsTheLoopAtOnceWhetherItSleepsOrWaitsForTheApp) {
+    for (const std::int64_t answer : {kSilent, kOk}) {
+        SCOPED_TRACE(answer);
+        link->script({}, answer);
         makeProbe();
         probe->usbDidConnect();
-        ASSERT_TRUE(clock->driveUntil([&] { return link->sends() > 0; }));
-        ASSERT_TRUE(eventually([&] { return clock->sleeping() > 0; }));
-
-        usb = false;
-        probe->usbDidDisconnect();
-        ASSERT_TRUE(eventually([&] { return logged(c.line); }));
-        EXPECT_EQ(volume->unmounts(), c.unmounts);
-
-        // The loop that slept wakes to find itself replaced and sends nothing more.
-        const int sends = link->sends();
-        clock->wakeSleeper();
-        ASSERT_TRUE(eventually([&] { return clock->sleeping() == 0; }));
-        EXPECT_EQ(link->sends(), sends);
+        // Waiting for a silent app, or asleep after a good round.
+        ASSERT_TRUE(eventually(
+            [&] { return answer == kSilent ? link->sends() > 0 : clock->sleeping() > 0; }));
+        EXPECT_TRUE(stopAndLetGo());
+        EXPECT_EQ(link->invalidations(), 0);
     }
 }
 
-TEST_F(RelayProbeTest, VolumeUnmountResumesTheProbeOnlyWhileAPhoneIsThere) {
-    makeProbe();
-    usb = false;
-    probe->volumeDidUnmount();
-    ASSERT_TRUE(eventually([&] { return usbAsked > 0; }));
-    usb = true;
-    probe->volumeDidUnmount();
-    ASSERT_TRUE(driveUntilLogged(kReachable));
-    EXPECT_EQ(probeLines(), (std::vector<std::string>{
-                                "[relay-probe] volume unmounted — resume probe", kReachable}));
+// USB events and mounts switch loops; the keepalive forces the volume off after three
+// misses in a row (a miss is a round whose two attempts both failed); a volume forced off
+// for a lost phone comes back once its app answers, unless someone unmounted it meanwhile.
+TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack) {
+    enum Event { mountedByHand, mounted, usbIn, usbOut, unmounted, appSilent, appAnswers, busy };
+    const std::string back = "[relay-probe] iOS relay back after a forced unmount — mount again";
+    const std::string again = "[relay-probe] volume mounted again — start mounted keepalive";
+    const std::string keepalive =
+        "[relay-probe] USB connected while volume mounted — start mounted keepalive";
+    const std::string forced = "[relay-probe] force unmount after USB disconnect";
+    const std::string mountedLine = "[relay-probe] volume mounted — start mounted keepalive";
+    const struct {
+        const char* name;
+        // Each event, and how many lines the probe has logged once it is heard.
+        std::vector<std::pair<Event, std::size_t>> events;
+        std::vector<std::string> lines;
+        std::vector<std::string> volumeCalls;
+        std::deque<std::int64_t> script = {};  // the app's first answers, then kOk
+    } cases[] = {
+        {"two misses, then a good check resets the count",
+         {{mounted, 5}},
+         {mountedLine, kMiss1, kMiss2, kRecovered, kMiss1},
+         {},
+         {kFailed, kFailed, kFailed, kFailed, kOk, kFailed, kFailed}},
+        {"three misses and an unmount the tool refuses",
+         {{appSilent, 0}, {busy, 0}, {mounted, 6}},
+         {mountedLine, kMiss1, kMiss2, kMiss3, kExhausted,
+          "[relay-probe] force unmount after lost relay failed: device is busy"},
+         {"forced unmount"}},
+        {"gone from USB and back",
+         {{mountedByHand, 0}, {usbIn, 1}, {usbOut, 2}, {usbIn, 5}},
+         {keepalive, forced, kReachable, back, again},
+         {"forced unmount", "mount"}},
+        {"its app silent and back",
+         {{appSilent, 0}, {mounted, 6}, {appAnswers, 9}},
+         {mountedLine, kMiss1, kMiss2, kMiss3, kExhausted,
+          "[relay-probe] force unmount after lost relay ok", kReachable, back, again},
+         {"forced unmount", "mount"}},
+        {"a user's unmount before it is back",
+         {{mountedByHand, 0}, {usbIn, 1}, {usbOut, 2}, {unmounted, 2}, {usbIn, 3}},
+         {keepalive, forced, kReachable},
+         {"forced unmount"}},
+        {"never mounted",
+         {{usbIn, 1}, {unmounted, 2}, {usbOut, 3}, {usbIn, 4}},
+         {kReachable, "[relay-probe] volume unmounted — resume probe",
+          "[relay-probe] unmount after disconnect failed: Skiff is not mounted.", kReachable},
+         {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        capture.clear();
+        volume = std::make_shared<StubVolume>();
+        usb = true;
+        link->script(c.script, kOk);
+        makeProbe();
+        for (const auto& [event, lines] : c.events) {
+            const int asked = usbAsked, sent = link->sends();
+            usb = usb ? event != usbOut : event == usbIn;
+            if (event == mountedByHand || event == mounted) {
+                volume->mounted = true;
+            }
+            if (event == appSilent || event == appAnswers) {
+                link->script({}, event == appSilent ? kFailed : kOk);
+            }
+            if (event == busy) {
+                volume->failWith(MountServiceError::commandFailed("device is busy"));
+            } else if (event == mounted) {
+                probe->volumeDidMount();
+            } else if (event == usbIn) {
+                probe->usbDidConnect();
+            } else if (event == usbOut) {
+                probe->usbDidDisconnect();
+            } else if (event == unmounted) {
+                probe->volumeDidUnmount();
+            }
+            ASSERT_TRUE(clock->driveUntil([&] { return probeLines().size() >= lines; }));
+            // A loop that was started has asked once, and whether a phone is there is known,
+            // before the next event changes the answers.
+            ASSERT_TRUE(eventually(
+                [&] { return (event != usbIn && event != mounted) || link->sends() > sent; }));
+            ASSERT_TRUE(eventually([&] { return event != unmounted || usbAsked > asked; }));
+        }
+        EXPECT_EQ(probeLines(), c.lines);
+        EXPECT_EQ(volume->calls(), c.volumeCalls);
+        ASSERT_TRUE(stopAndLetGo());
+    }
 }
 
 // The real bridge over a socket pair: the app reads requests but answers none.

@@ -1,10 +1,12 @@
 #pragma once
-// A volume that is mounted when the test says so and counts the unmounts asked of it.
+// A volume that is mounted when the test says so or on request, and notes the mounts and
+// unmounts asked of it.
 
 #include <asio.hpp>
 #include <atomic>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "mount/volume.hpp"
@@ -15,13 +17,16 @@ class StubVolume : public Volume {
 public:
     bool isMounted() const override { return mounted; }
 
-    asio::awaitable<void> unmount(bool force) override {
-        std::optional<MountServiceError> error;
-        {
-            std::lock_guard guard(mutex_);
-            forces_.push_back(force);
-            error = failure;
+    asio::awaitable<void> mount() override {
+        note("mount");
+        if (mounted.exchange(true)) {
+            throw MountServiceError::alreadyMounted();
         }
+        co_return;
+    }
+
+    asio::awaitable<void> unmount(bool force) override {
+        const auto error = note(force ? "forced unmount" : "unmount");
         if (!mounted) {
             throw MountServiceError::notMounted();
         }
@@ -32,22 +37,29 @@ public:
         co_return;
     }
 
-    // Every unmount asked for, by its force flag.
-    std::vector<bool> unmounts() const {
+    // The mounts and unmounts asked for, in order.
+    std::vector<std::string> calls() const {
         std::lock_guard guard(mutex_);
-        return forces_;
+        return calls_;
     }
     void failWith(MountServiceError error) {
         std::lock_guard guard(mutex_);
-        failure = std::move(error);
+        failure_ = std::move(error);
     }
 
     std::atomic<bool> mounted{false};
 
 private:
+    // Notes a call; the failure unmounts are told to meet.
+    std::optional<MountServiceError> note(const char* call) {
+        std::lock_guard guard(mutex_);
+        calls_.emplace_back(call);
+        return failure_;
+    }
+
     mutable std::mutex mutex_;
-    std::optional<MountServiceError> failure;
-    std::vector<bool> forces_;
+    std::optional<MountServiceError> failure_;
+    std::vector<std::string> calls_;
 };
 
 }  // namespace skiff::mount::testing

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -36,8 +37,22 @@ protected:
         ADD_FAILURE() << "the round succeeded";
         return ErrorCode::pingFailed;
     }
+    void note(const UsbMuxService::DeviceEvent& event) {
+        std::lock_guard lock(mutex_);
+        seen_.push_back(std::to_string(event.eventType) + " " + event.udid);
+        changed_.notify_all();
+    }
+    bool waitFor(const std::string& entry) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, skiff::testing::kWaitLimit, [&] {
+            return std::find(seen_.begin(), seen_.end(), entry) != seen_.end();
+        });
+    }
 
     std::unique_ptr<UsbMuxService> service_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> seen_;
 };
 
 TEST_F(SpeedTest, NotStartedTouchesNothing) {
@@ -50,9 +65,13 @@ TEST_F(SpeedTest, NotStartedTouchesNothing) {
 
 TEST_F(SpeedTest, TheAppReceivesExactlyTheMeasurementBytesOverOneTunnel) {
     auto& service = started({"phone-A"});
+    EXPECT_FALSE(service.lastContact());
+    const auto before = std::chrono::system_clock::now();
     // Over two of the native layer's 262144-byte pieces.
     const std::uint64_t bytes = 600'001;
     auto result = round(service, bytes);
+    // Its bytes are contact with the app, as a relay answer is.
+    EXPECT_GT(service.lastContact().value_or(before), before);
     EXPECT_EQ(result.deviceUDID, "phone-A");
     EXPECT_GE(result.pingMs, 0);
     EXPECT_EQ(result.download.bytes, bytes);
@@ -98,26 +117,7 @@ TEST_F(SpeedTest, NoDevicesWhenNoTunnelCouldBeMade) {
     EXPECT_EQ(failure(started({"phone-A"}, {"--no-app"})), ErrorCode::noDevices);
 }
 
-class DeviceEvents : public PhoneTest {
-protected:
-    void note(const UsbMuxService::DeviceEvent& event) {
-        std::lock_guard lock(mutex_);
-        seen_.push_back(std::to_string(event.eventType) + " " + event.udid);
-        changed_.notify_all();
-    }
-    bool waitFor(const std::string& entry) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, skiff::testing::kWaitLimit, [&] {
-            return std::find(seen_.begin(), seen_.end(), entry) != seen_.end();
-        });
-    }
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> seen_;
-};
-
-TEST_F(DeviceEvents, ReachTheHandlerAsRecords) {
+TEST_F(SpeedTest, DeviceEventsReachTheHandlerAsRecords) {
     startPhone({"phone-A"});
     UsbMuxService service(runtime_.executor());
     run(service.setDeviceEventHandler([this](const auto& event) { note(event); }));

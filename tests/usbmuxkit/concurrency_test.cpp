@@ -40,7 +40,10 @@ protected:
     void expectBlockedRecvWokenBy(const std::function<void()>& drop) {
         auto recv = std::async(std::launch::async, [this] {
             char buffer[64];
-            return usbmux_tunnel_recv(id, buffer, sizeof buffer);
+            usbmux_tunnel_conn* conn = usbmux_tunnel_conn_acquire(id);
+            const bool ok = usbmux_tunnel_conn_recv(conn, buffer, sizeof buffer);
+            usbmux_tunnel_conn_release(conn);
+            return ok;
         });
         {
             std::unique_lock lock(mutex);
@@ -83,9 +86,15 @@ TEST_F(ConcurrencyTest, CallersAndDeviceEventsInterleave) {
             fake.fire(1, handle, "A");
         }
     });
+    const auto sendPing = [this] {
+        usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(id);
+        const bool ok = usbmux_tunnel_conn_send(conn, "ping", 4);
+        usbmux_tunnel_conn_release(conn);
+        return ok;
+    };
     int sentOk = 0;
     for (int i = 0; i < 200; ++i) {
-        sentOk += usbmux_tunnel_send(id, "ping", 4) ? 1 : 0;
+        sentOk += sendPing() ? 1 : 0;
         tunnel_id* list = nullptr;
         usbmux_mgr_free_tunnels(list, usbmux_mgr_copy_current_tunnels(&list));
         if (i % 50 == 0) {
@@ -94,7 +103,7 @@ TEST_F(ConcurrencyTest, CallersAndDeviceEventsInterleave) {
     }
     events.join();
     EXPECT_GT(sentOk, 0);
-    EXPECT_TRUE(usbmux_tunnel_send(id, "ping", 4));
+    EXPECT_TRUE(sendPing());
 }
 
 }  // namespace

@@ -71,7 +71,7 @@ TEST_F(MeasurementTest, PingCountsAnyReplyLine) {
     EXPECT_EQ(out, "");
 }
 
-TEST_F(MeasurementTest, DownloadSendsHeaderAndPatternThenWantsTheAcknowledgement) {
+TEST_F(MeasurementTest, DownloadWantsTheAcknowledgementAndUploadReadsTheAnnouncedBytes) {
     phoneReplies("BW:DOWN:OK:600000\r\n");
     double seconds = -1;
     ASSERT_TRUE(
@@ -89,16 +89,15 @@ TEST_F(MeasurementTest, DownloadSendsHeaderAndPatternThenWantsTheAcknowledgement
     EXPECT_EQ(fake.sent, "BW:DOWN:0\r\n");
     EXPECT_EQ(err, "意外 ACK: BW:DOWN:OK\n");
     EXPECT_EQ(out, "");
-}
 
-TEST_F(MeasurementTest, UploadReadsExactlyTheAnnouncedBytes) {
+    // The upload reads exactly the announced bytes.
+    fake.sent.clear();
     phoneReplies("");
     fake.onRecv = [](int, char* data, uint32_t length, uint32_t* got) {
         std::memset(data, 0x5A, length);
         *got = length;
         return 0;
     };
-    double seconds = -1;
     ASSERT_TRUE(
         captured([&] { return UsbTunnelManager::runUploadTest(session, 600000, &seconds); }));
     EXPECT_EQ(fake.sent, "BW:UP:600000\r\n");

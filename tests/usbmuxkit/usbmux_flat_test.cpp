@@ -27,16 +27,6 @@ protected:
     FakeUsbmux fake;
 };
 
-TEST_F(FlatInterfaceTest, EverythingFailsBeforeStart) {
-    char byte = 0;
-    EXPECT_FALSE(usbmux_tunnel_ensure(idOf("A", 1)));
-    EXPECT_FALSE(usbmux_tunnel_send(idOf("A", 1), "x", 1));
-    EXPECT_FALSE(usbmux_tunnel_recv(idOf("", 1), &byte, 1));
-    EXPECT_FALSE(usbmux_mgr_run_ping(idOf("", 1), nullptr));
-    EXPECT_FALSE(usbmux_mgr_check_connected(idOf("A", 1)));
-    EXPECT_TRUE(fake.connects.empty());
-}
-
 TEST_F(FlatInterfaceTest, CopyCurrentTunnelsOwnershipAndLimits) {
     EXPECT_EQ(usbmux_mgr_copy_current_tunnels(nullptr), -1);
     tunnel_id* list = reinterpret_cast<tunnel_id*>(0x1);
@@ -59,16 +49,21 @@ TEST_F(FlatInterfaceTest, CopyCurrentTunnelsOwnershipAndLimits) {
     usbmux_mgr_free_tunnels(nullptr, 3);
 }
 
-TEST_F(FlatInterfaceTest, SendAndRecvEnsureTheTunnelFirst) {
+TEST_F(FlatInterfaceTest, NothingConnectsBeforeStartAndAfterItOnlyOpenDoes) {
+    EXPECT_FALSE(usbmux_tunnel_ensure(idOf("A", 1)));
+    EXPECT_EQ(usbmux_tunnel_conn_open(idOf("", 1)), nullptr);
+    EXPECT_FALSE(usbmux_mgr_check_connected(idOf("A", 1)));
     ASSERT_TRUE(usbmux_mgr_start());
-    EXPECT_FALSE(usbmux_tunnel_send(idOf("", 1), nullptr, 1));
-    EXPECT_FALSE(usbmux_tunnel_recv(idOf("", 1), nullptr, 1));
+    EXPECT_EQ(usbmux_tunnel_conn_acquire(idOf("", 1)), nullptr);
     EXPECT_TRUE(fake.connects.empty());
-
-    EXPECT_TRUE(usbmux_tunnel_send(idOf("", 1), nullptr, 0));
+    usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(idOf("", 1));
+    EXPECT_FALSE(usbmux_tunnel_conn_send(conn, nullptr, 1));
+    EXPECT_FALSE(usbmux_tunnel_conn_recv(conn, nullptr, 1));
+    EXPECT_TRUE(usbmux_tunnel_conn_send(conn, nullptr, 0));
     EXPECT_EQ(fake.connects.size(), 1u);
     EXPECT_TRUE(fake.sendRequests.empty());
     EXPECT_TRUE(usbmux_mgr_check_connected(idOf("A", 1)));
+    usbmux_tunnel_conn_release(conn);
 }
 
 DeviceEvent lastEvent;

@@ -80,21 +80,23 @@ tunnel_id tunnelTo(const std::string& udid, uint16_t port) {
     return id;
 }
 
-// Sends data and reads the echo on a second thread, as the tunnel allows. The tunnel is
-// opened first: a sender and a receiver that both found it missing would both connect.
+// Sends data and reads the echo on a second thread, both on the connection the tunnel has
+// (made first when it has none); a failed echo drops that connection.
 bool echo(const tunnel_id& id, const std::vector<uint8_t>& data, std::vector<uint8_t>& back) {
     back.assign(data.size(), 0);
-    if (!usbmux_tunnel_ensure(id)) {
+    usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(id);
+    if (conn == nullptr) {
         return false;
     }
     bool received = false;
     std::thread reader(
-        [&] { received = usbmux_tunnel_recv(id, back.data(), uint32_t(back.size())); });
-    bool sent = usbmux_tunnel_send(id, data.data(), uint32_t(data.size()));
+        [&] { received = usbmux_tunnel_conn_recv(conn, back.data(), uint32_t(back.size())); });
+    bool sent = usbmux_tunnel_conn_send(conn, data.data(), uint32_t(data.size()));
     if (!sent) {
-        usbmux_mgr_invalidate_tunnel(id);  // wakes the reader
+        usbmux_tunnel_conn_invalidate(conn);  // wakes the reader
     }
     reader.join();
+    usbmux_tunnel_conn_release(conn);
     return sent && received && back == data;
 }
 
@@ -155,8 +157,8 @@ int run(const std::string& dir, uint16_t port) {
         std::cout << "   Is the old tunnel still connected? "
                   << (usbmux_mgr_check_connected(id) ? "yes" : "no") << "\n";
         ok = echo(id, {'a', 'g', 'a', 'i', 'n'}, back);
-        std::cout << "   The next send reconnected by itself and the echo "
-                  << (ok ? "came back" : "did not come back") << ".\n";
+        std::cout << "   The next echo reconnected and " << (ok ? "came back" : "did not come back")
+                  << ".\n";
     }
 
     usbmux_mgr_shutdown();

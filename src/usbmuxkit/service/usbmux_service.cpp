@@ -1,6 +1,7 @@
 #include "usbmuxkit/service/usbmux_service.hpp"
 
 #include <cstring>
+#include <mutex>
 #include <optional>
 #include <utility>
 #include <variant>
@@ -22,6 +23,12 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
                                                       std::uint64_t payloadBytes);
     asio::awaitable<void> deliverDeviceEvent(DeviceEvent event);
     void registerTrampoline();
+    // Blocks for the whole round: ping, download and upload share one connection.
+    std::variant<SpeedTestRound, ErrorCode> measureRound(std::uint16_t port,
+                                                         std::uint64_t payloadBytes);
+    void watchRound(usbmux_tunnel_conn* conn);
+    void interruptRound();
+    std::optional<std::chrono::system_clock::time_point> lastContact();
 
     const Strand strand;
     // Touched only on the strand.
@@ -30,6 +37,11 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
     // Each body waits for the one before it to finish, so a round that blocks on the
     // queue still holds the service as a whole, as its callers expect.
     skiff::runtime::AsyncMutex turns;
+    // The connection of the round in progress and when the last round moved a byte:
+    // read from any thread, under their own lock.
+    std::mutex roundMutex;
+    usbmux_tunnel_conn* measuring = nullptr;
+    std::optional<std::chrono::system_clock::time_point> lastMoved;
     // Every native call that may block runs here, never on the pool's threads.
     skiff::runtime::SerialQueue queue{"Mox.Harbor.usbmux-service"};
 };
@@ -89,25 +101,20 @@ std::string resolveDeviceUDID(const tunnel_id& id) {
 
 using RoundOutcome = std::variant<UsbMuxService::SpeedTestRound, UsbMuxService::ErrorCode>;
 
-// Blocks for the whole round: ping, download and upload share one tunnel.
-RoundOutcome measureRound(std::uint16_t port, std::uint64_t payloadBytes) {
+RoundOutcome measureOn(usbmux_tunnel_conn* conn, std::uint64_t payloadBytes) {
     using ErrorCode = UsbMuxService::ErrorCode;
-    tunnel_id id{};  // an empty UDID: the first listed device
-    id.port = port;
     UsbMuxService::SpeedTestRound round;
-    if (!usbmux_mgr_run_ping(id, &round.pingMs)) {
-        // A failed ping only tells whether a tunnel to the port exists at all.
-        return resolveDeviceUDID(id).empty() ? ErrorCode::noDevices : ErrorCode::connectionFailed;
+    if (!usbmux_tunnel_conn_run_ping(conn, &round.pingMs)) {
+        return ErrorCode::pingFailed;
     }
     double downloadSeconds = 0;
-    if (!usbmux_mgr_run_download_test(id, payloadBytes, &downloadSeconds)) {
+    if (!usbmux_tunnel_conn_run_download_test(conn, payloadBytes, &downloadSeconds)) {
         return ErrorCode::downloadFailed;
     }
     double uploadSeconds = 0;
-    if (!usbmux_mgr_run_upload_test(id, payloadBytes, &uploadSeconds)) {
+    if (!usbmux_tunnel_conn_run_upload_test(conn, payloadBytes, &uploadSeconds)) {
         return ErrorCode::uploadFailed;
     }
-    round.deviceUDID = resolveDeviceUDID(id);
     round.download = {payloadBytes, downloadSeconds};
     round.upload = {payloadBytes, uploadSeconds};
     return round;
@@ -214,6 +221,7 @@ asio::awaitable<void> UsbMuxService::State::start() {
 }
 
 asio::awaitable<void> UsbMuxService::shutdown() {
+    state_->interruptRound();
     return isolated(state_, &State::shutdown);
 }
 
@@ -249,12 +257,63 @@ asio::awaitable<UsbMuxService::SpeedTestRound> UsbMuxService::State::runSpeedTes
     if (!started) {
         throw Error(ErrorCode::notStarted);
     }
-    RoundOutcome outcome =
-        co_await queue.run([port, payloadBytes] { return measureRound(port, payloadBytes); });
+    auto self = shared_from_this();
+    auto measure = [self, port, payloadBytes] { return self->measureRound(port, payloadBytes); };
+    RoundOutcome outcome = co_await queue.run(std::move(measure));
     if (auto* code = std::get_if<ErrorCode>(&outcome)) {
         throw Error(*code);
     }
     co_return std::get<SpeedTestRound>(std::move(outcome));
+}
+
+RoundOutcome UsbMuxService::State::measureRound(std::uint16_t port, std::uint64_t payloadBytes) {
+    tunnel_id id{};  // an empty UDID: the first listed device
+    id.port = port;
+    usbmux_tunnel_conn* conn = usbmux_tunnel_conn_open(id);
+    RoundOutcome outcome = ErrorCode::pingFailed;
+    if (conn != nullptr) {
+        watchRound(conn);
+        outcome = measureOn(conn, payloadBytes);
+        watchRound(nullptr);
+        usbmux_tunnel_conn_release(conn);
+    }
+    if (auto* code = std::get_if<ErrorCode>(&outcome); code && *code == ErrorCode::pingFailed) {
+        // A failed ping only tells whether a tunnel to the port exists at all.
+        return resolveDeviceUDID(id).empty() ? ErrorCode::noDevices : ErrorCode::connectionFailed;
+    }
+    if (auto* round = std::get_if<SpeedTestRound>(&outcome)) {
+        round->deviceUDID = resolveDeviceUDID(id);
+    }
+    return outcome;
+}
+
+// Called with the round's connection as it starts and with null as it ends; the time of its
+// last byte is kept for lastContact().
+void UsbMuxService::State::watchRound(usbmux_tunnel_conn* conn) {
+    std::lock_guard lock(roundMutex);
+    if (measuring != nullptr) {
+        lastMoved = std::chrono::system_clock::now() -
+                    std::chrono::milliseconds(usbmux_tunnel_conn_idle_ms(measuring));
+    }
+    measuring = conn;
+}
+
+void UsbMuxService::State::interruptRound() {
+    std::lock_guard lock(roundMutex);
+    usbmux_tunnel_conn_invalidate(measuring);
+}
+
+std::optional<std::chrono::system_clock::time_point> UsbMuxService::State::lastContact() {
+    std::lock_guard lock(roundMutex);
+    if (measuring != nullptr) {
+        return std::chrono::system_clock::now() -
+               std::chrono::milliseconds(usbmux_tunnel_conn_idle_ms(measuring));
+    }
+    return lastMoved;
+}
+
+std::optional<std::chrono::system_clock::time_point> UsbMuxService::lastContact() const {
+    return state_->lastContact();
 }
 
 }  // namespace usbmuxkit

@@ -4,10 +4,12 @@
 // upload) against the companion app. An actor: its methods run one at a time on its strand.
 
 #include <asio.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -65,6 +67,7 @@ public:
 
     // Throws Error(startFailed) when the native manager does not start.
     asio::awaitable<void> start();
+    // A round in progress fails at once rather than holding the shutdown up.
     asio::awaitable<void> shutdown();
     asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler);
 
@@ -72,6 +75,11 @@ public:
     // the actor that long. Throws Error.
     asio::awaitable<SpeedTestRound> runSpeedTestRound(std::uint16_t port,
                                                       std::uint64_t payloadBytes);
+
+    // When a speed test last moved a byte to or from the app (now, give or take, while one
+    // moves bytes); nothing before the first. A speed test is contact with the app, as any
+    // relay answer is. Any thread; it never waits for a round.
+    std::optional<std::chrono::system_clock::time_point> lastContact() const;
 
 private:
     struct State;
