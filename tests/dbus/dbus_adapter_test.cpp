@@ -120,6 +120,7 @@ public:
         if (selector < 0) {
             throw InvalidArgs("negative selector");
         }
+        events_.note("relay");
         reply(Bytes(param.rbegin(), param.rend()), selector, -selector);
     }
     void requestFileIO(std::int64_t operation, Bytes param,
@@ -462,6 +463,10 @@ TEST_F(DbusAdapterTest, SharedBuffersAreCheckedAndBelongToTheirConnection) {
     auto other = client();
     constexpr std::uint64_t kReply = kMaxRelayBodyBytes;
     auto memory = SharedMemory::create(64 + kReply, "test");
+    // The other connection has a buffer of its own, so an id only unique per connection
+    // would name it.
+    auto otherMemory = SharedMemory::create(64 + kReply, "other");
+    other->registerSharedBuffer(otherMemory->fd());
     const auto id = owner->registerSharedBuffer(memory->fd());
     const Bytes body{1, 2, 3};
     std::copy(body.begin(), body.end(), memory->bytes().begin());
@@ -502,9 +507,11 @@ TEST_F(DbusAdapterTest, SharedBuffersAreCheckedAndBelongToTheirConnection) {
              ::close(fd);
          }},
     };
+    const int relayed = events.count("relay");
     for (const auto& c : refused) {
         EXPECT_EQ(busErrorOf(c.call), kErrorInvalidArgs) << c.what;
     }
+    EXPECT_EQ(events.count("relay"), relayed);
     owner->releaseSharedBuffer(id);
     EXPECT_EQ(busErrorOf([&] { owner->relayToUsbMuxShared(9, id, 0, 3, 64, kReply); }),
               kErrorInvalidArgs);
