@@ -179,7 +179,7 @@ TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
     EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
 }
 
-TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndThePhonesRefusalAsTheAppSentIt) {
+TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndEveryFailureWithEmptyData) {
     const std::string beginRead =
         R"({"identifier":"x","sessionID":"00000000-0000-0000-0000-000000000001"})";
     auto stranger = client(std::nullopt);
@@ -201,8 +201,8 @@ TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndThePhonesRefusalAsTheAppSent
     const auto rejection = json::encode(transfer::FileIODeviceRejection{6}).value();
     opener->answer(0, 6, rejection);
     EXPECT_EQ(refused.get(),
-              std::make_tuple(rejection, static_cast<std::int64_t>(
-                                             transfer::FileIOBridgeError::deviceRejected)));
+              std::make_tuple(
+                  Bytes{}, static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected)));
 }
 
 TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {
