@@ -436,8 +436,13 @@ void Harbor_XPC::getStatus(std::function<void(Bytes)> reply) {
     status.version = kBuildNumber;
     status.attachedDevices = core_.attachedDevices();
     status.fileProviderRegistered = core_.hasClient(kFileProvider);
+    status.fileProviderReplaced = core_.fileProviderDisplaced();
     // Device names come from usbmuxd; one that is not UTF-8 cannot be encoded.
     reply(json::encode(status).value_or(Bytes{}));
+}
+
+void Harbor_XPC::postVolumeNotice(std::string text) {
+    core_.postVolumeNotice(text);
 }
 
 }  // namespace skiff::service

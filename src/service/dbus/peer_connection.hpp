@@ -35,6 +35,7 @@ public:
                    std::chrono::milliseconds clientDeadline);
 
     const std::string& peer() const { return peer_; }
+    std::string name() const override { return peer_; }
 
     void setExportedObject(std::shared_ptr<HarborBridgeHostProtocol> host) override;
     HarborBridgeHostProtocol* exportedObject() const override;
