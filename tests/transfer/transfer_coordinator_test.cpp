@@ -459,18 +459,5 @@ TEST_F(TransferCoordinatorTest, ARefusalIsMappedFromTheAppsRecordOrItsAnswerCode
     }
 }
 
-TEST(TransferErrorMapping, EachCaseHasItsBridgeStatus) {
-    using C = TransferError::Case;
-    EXPECT_EQ(bridgeErrorFor(TransferError::rejected(RelayDeviceStatus::notFound)),
-              FileIOBridgeError::deviceRejected);
-    EXPECT_EQ(bridgeErrorFor(TransferError::transport(UsbMuxRelayError::payloadTooLarge)),
-              FileIOBridgeError::transportFailed);
-    EXPECT_EQ(bridgeErrorFor(TransferError(C::noDevice)), FileIOBridgeError::noDevice);
-    EXPECT_EQ(bridgeErrorFor(TransferError(C::encodeFailed)), FileIOBridgeError::encodeFailed);
-    EXPECT_EQ(bridgeErrorFor(TransferError(C::decodeFailed)),
-              FileIOBridgeError::invalidDeviceReply);
-    EXPECT_EQ(bridgeErrorFor(TransferError(C::ioFailed)), FileIOBridgeError::storageFailed);
-}
-
 }  // namespace
 }  // namespace skiff::transfer
