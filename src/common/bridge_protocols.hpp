@@ -67,6 +67,12 @@ public:
     // The desktop's own mount and unmount: whether it worked, and why not.
     virtual void mountVolume(std::function<void(bool, std::string)> reply) = 0;
     virtual void unmountVolume(bool force, std::function<void(bool, std::string)> reply) = 0;
+    // One-way: a line the volume wants its user to see (a conflict copy was made, a file
+    // was kept aside), passed on to the observers.
+    virtual void postVolumeNotice(std::string text) {
+        (void)text;
+        throw NotSupported("volume notices are not available from this host");
+    }
 };
 
 // What every client implements; the service calls it through a remote proxy.
@@ -109,6 +115,9 @@ public:
     // receives the failure and that call's reply is never invoked.
     virtual std::shared_ptr<HarborBridgeClientProtocol> remoteObjectProxy(
         std::function<void(const ClientCallFailure& failure)> errorHandler) = 0;
+
+    // The peer's name for people and observers (its unique bus name); may be empty.
+    virtual std::string name() const { return {}; }
 };
 
 // Decides about every new connection, as the adapter first sees a peer call a host method.
@@ -128,6 +137,14 @@ public:
     // Every notification sent, or that would be sent when no client has the role.
     virtual void notificationPosted(std::int64_t message, const Bytes& param) = 0;
     virtual void deviceChanged(const std::string& udid, bool attached) = 0;
+    // The client holding a role changed: `holder` is the new one (empty when the role is
+    // free), `replaced` the earlier holder that a later registration displaced (else empty).
+    virtual void roleChanged(std::int64_t role, const std::string& holder,
+                             const std::string& replaced) {
+        (void)role, (void)holder, (void)replaced;
+    }
+    // A volume's notice for its user (see postVolumeNotice).
+    virtual void volumeNotice(const std::string& text) { (void)text; }
 };
 
 }  // namespace skiff::service

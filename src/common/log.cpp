@@ -3,6 +3,7 @@
 #include <syslog.h>
 #include <unistd.h>
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +22,8 @@ std::vector<LogCapture*>& captures() {
     static std::vector<LogCapture*> list;
     return list;
 }
+
+std::atomic<bool> stderrSilenced{false};
 
 // The journal is used when its socket exists and SKIFF_LOG does not ask for stderr.
 bool useJournal() {
@@ -113,6 +116,10 @@ std::string stripPrivacyMarkers(const char* format) {
     return out;
 }
 
+void silenceStderr() {
+    stderrSilenced = true;
+}
+
 Logger::Logger(std::string subsystem, std::string category)
     : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
 
@@ -123,7 +130,7 @@ void Logger::write(Level level, const char* format, va_list args) const {
                         "MOX_SUBSYSTEM=%s", subsystem_.c_str(), "MOX_CATEGORY=%s",
                         category_.c_str(), "SYSLOG_IDENTIFIER=%s", program_invocation_short_name,
                         nullptr);
-    } else {
+    } else if (!stderrSilenced) {
         std::fprintf(stderr, "[%s:%s] %s: %s\n", subsystem_.c_str(), category_.c_str(),
                      nameOf(level), record.message.c_str());
     }

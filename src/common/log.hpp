@@ -41,6 +41,10 @@ private:
     std::string category_;
 };
 
+// Drops what would go to standard error (the journal still gets it): a command-line tool
+// whose users read its own words there.
+void silenceStderr();
+
 // The two loggers of the service. Created once, on first use, thread-safely.
 const Logger& xpc();
 const Logger& usbMuxNative();

@@ -18,6 +18,7 @@
 #include "ctl/notification_line.hpp"
 #include "ctl/output.hpp"
 #include "ctl/relay_text.hpp"
+#include "ctl/status_commands.hpp"
 #include "relay/relay_schema.hpp"
 #include "service/dbus/shared_relay.hpp"
 
@@ -151,7 +152,7 @@ int runPing(CtlSession& session, const Output& out, std::int64_t role) {
     if (out.json) {
         printJson({{"role", role}, {"ok", ok}, {"seconds", ms / 1000}});
     } else {
-        std::cout << "ping role " << role << ": " << (ok ? "yes" : "no") << " ("
+        std::cout << "ping " << roleName(role) << ": " << (ok ? "yes" : "no") << " ("
                   << format("%.3f", ms) << " ms)" << std::endl;
     }
     return ok ? kExitOk : kExitFailed;
@@ -209,8 +210,9 @@ int runLookup(CtlSession& session, const Output& out, const std::string& identif
         if (out.json) {
             printJson({{"status", reply.status}, {"detail", reply.code}});
         }
-        return fail("look-up of \"" + identifier +
-                    "\" failed: " + describeRelayOutcome(reply.status, reply.code));
+        return fail("look-up of \"" + identifier + "\": " +
+                    relayFailureWords(reply.status, failureCode(session, reply),
+                                      relay::UsbMuxRelaySelector::lookupItem));
     }
     const auto summary = json::decode<relay::RelayItemSummary>(reply.response);
     if (!summary) {
@@ -279,6 +281,8 @@ int runWatch(CtlSession& session, const WatchOptions& options) {
             if (++printed == options.count) {
                 return kExitOk;
             }
+        } else if (const auto* other = std::get_if<EventLine>(&event)) {
+            std::cout << other->line << std::endl;
         } else if (const auto* device = std::get_if<DeviceEvent>(&event)) {
             std::cout << deviceLine(device->udid, device->attached) << std::endl;
         } else if (const auto* presence = std::get_if<ServicePresence>(&event)) {

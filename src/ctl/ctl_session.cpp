@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "ctl/notification_line.hpp"
+
 namespace skiff::ctl {
 
 CtlSession::CtlSession(const std::string& busAddress, std::chrono::milliseconds callTimeout)
@@ -20,6 +22,11 @@ void CtlSession::observe() {
             [this](const std::string& udid, bool attached) {
                 deliver(DeviceEvent{udid, attached});
             },
+        .roleChanged =
+            [this](std::int64_t role, const std::string& holder, const std::string& replaced) {
+                deliver(EventLine{roleLine(role, holder, replaced)});
+            },
+        .volumeNotice = [this](const std::string& text) { deliver(EventLine{noticeLine(text)}); },
         .servicePresence = [this](bool running) { deliver(ServicePresence{running}); },
     });
 }

@@ -33,7 +33,12 @@ struct ServicePresence {
     bool running = false;
 };
 struct BusLost {};
-using WatchEvent = std::variant<Notification, DeviceEvent, ServicePresence, BusLost>;
+// Any other signal, already put in words as one JSON line (a role's holder changed, a
+// volume's notice).
+struct EventLine {
+    std::string line;
+};
+using WatchEvent = std::variant<Notification, DeviceEvent, ServicePresence, BusLost, EventLine>;
 
 class CtlSession {
 public:

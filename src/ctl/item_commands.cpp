@@ -8,6 +8,7 @@
 #include "common/json.hpp"
 #include "ctl/output.hpp"
 #include "ctl/relay_text.hpp"
+#include "ctl/status_commands.hpp"
 #include "relay/item_requests.hpp"
 #include "relay/relay_schema.hpp"
 
@@ -18,49 +19,18 @@ using relay::RelayDeviceStatus;
 using relay::UsbMuxRelaySelector;
 using Reply = service::dbus::HarborClient::RelayReply;
 
-// The app's refusal as a person reads it; alreadyExists on a removal or a rename is the
-// directory that still holds items.
-std::string deviceStatusWords(std::int64_t code, UsbMuxRelaySelector selector) {
-    switch (json::enumFromRaw<RelayDeviceStatus>(code).value_or(RelayDeviceStatus::ioError)) {
-        case RelayDeviceStatus::notFound:
-            return "not found on the phone";
-        case RelayDeviceStatus::permissionDenied:
-            return "permission denied on the phone";
-        case RelayDeviceStatus::alreadyExists:
-            return selector == UsbMuxRelaySelector::makeDirectory ? "already exists on the phone"
-                                                                  : "directory not empty";
-        case RelayDeviceStatus::invalidArgument:
-            return "not a valid identifier (a path without leading or trailing \"/\", \".\" or "
-                   "\"..\"; \"\" is the top)";
-        case RelayDeviceStatus::versionConflict:
-            return "changed on the phone meanwhile";
-        case RelayDeviceStatus::notDirectory:
-            return "not a directory";
-        case RelayDeviceStatus::isDirectory:
-            return "is a directory";
-        case RelayDeviceStatus::noSpace:
-            return "no space left on the phone";
-        case RelayDeviceStatus::ok:
-        case RelayDeviceStatus::ioError:
-            break;
-    }
-    return "input/output error on the phone (code " + std::to_string(code) + ")";
-}
-
 json::Json outcome(const Reply& reply) {
     return {{"status", reply.status}, {"detail", reply.code}};
 }
 
 // Sends one request; on a refusal prints it and gives the exit status.
-std::optional<int> refused(const Reply& reply, const Output& out, UsbMuxRelaySelector selector,
-                           const std::string& what) {
+std::optional<int> refused(CtlSession& session, const Reply& reply, const Output& out,
+                           UsbMuxRelaySelector selector, const std::string& what) {
     if (reply.status == 0) {
         return std::nullopt;
     }
-    const bool byApp =
-        reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::deviceStatus);
-    const std::string words = byApp ? deviceStatusWords(reply.code, selector)
-                                    : describeRelayOutcome(reply.status, reply.code);
+    const std::string words =
+        relayFailureWords(reply.status, failureCode(session, reply), selector);
     if (out.json) {
         auto document = outcome(reply);
         document["error"] = words;
@@ -88,9 +58,9 @@ std::string listLine(const relay::RelayItemSummary& item, bool longFormat) {
 }
 
 // Summary-answering requests: mkdir and mv.
-int runItemChange(const Output& out, UsbMuxRelaySelector selector, const Reply& reply,
-                  const std::string& what) {
-    if (const auto status = refused(reply, out, selector, what)) {
+int runItemChange(CtlSession& session, const Output& out, UsbMuxRelaySelector selector,
+                  const Reply& reply, const std::string& what) {
+    if (const auto status = refused(session, reply, out, selector, what)) {
         return *status;
     }
     const auto summary = json::decode<relay::RelayItemSummary>(reply.response);
@@ -117,7 +87,8 @@ int runList(CtlSession& session, const Output& out, const std::string& identifie
     relay::RelayListRequest request{identifier, std::nullopt};
     do {
         const auto reply = send(session, UsbMuxRelaySelector::listDirectory, request);
-        if (const auto status = refused(reply, out, UsbMuxRelaySelector::listDirectory, what)) {
+        if (const auto status =
+                refused(session, reply, out, UsbMuxRelaySelector::listDirectory, what)) {
             return *status;
         }
         auto page = json::decode<relay::RelayListReply>(reply.response);
@@ -147,8 +118,8 @@ int runList(CtlSession& session, const Output& out, const std::string& identifie
 int runRemove(CtlSession& session, const Output& out, const std::string& identifier) {
     const auto reply =
         send(session, UsbMuxRelaySelector::removeItem, relay::RelayItemRequest{identifier});
-    if (const auto status =
-            refused(reply, out, UsbMuxRelaySelector::removeItem, "rm \"" + identifier + "\"")) {
+    if (const auto status = refused(session, reply, out, UsbMuxRelaySelector::removeItem,
+                                    "rm \"" + identifier + "\"")) {
         return *status;
     }
     if (out.json) {
@@ -160,7 +131,7 @@ int runRemove(CtlSession& session, const Output& out, const std::string& identif
 int runMakeDirectory(CtlSession& session, const Output& out, const std::string& identifier) {
     const auto reply =
         send(session, UsbMuxRelaySelector::makeDirectory, relay::RelayItemRequest{identifier});
-    return runItemChange(out, UsbMuxRelaySelector::makeDirectory, reply,
+    return runItemChange(session, out, UsbMuxRelaySelector::makeDirectory, reply,
                          "mkdir \"" + identifier + "\"");
 }
 
@@ -168,21 +139,43 @@ int runRename(CtlSession& session, const Output& out, const std::string& from,
               const std::string& to) {
     const auto reply =
         send(session, UsbMuxRelaySelector::renameItem, relay::RelayRenameRequest{from, to});
-    return runItemChange(out, UsbMuxRelaySelector::renameItem, reply,
+    return runItemChange(session, out, UsbMuxRelaySelector::renameItem, reply,
                          "mv \"" + from + "\" \"" + to + "\"");
+}
+
+CLI::Validator identifierAsTyped() {
+    return CLI::Validator(
+        [](std::string& identifier) {
+            const auto first = identifier.find_first_not_of('/');
+            identifier =
+                first == std::string::npos
+                    ? std::string()
+                    : identifier.substr(first, identifier.find_last_not_of('/') + 1 - first);
+            return std::string();
+        },
+        "", "identifier");
 }
 
 ItemCommands::ItemCommands(CLI::App& app) {
     list_ = app.add_subcommand("ls", "List a directory on the phone (every page)");
-    list_->add_option("identifier", identifier_, "Path of the directory (default: the top)");
+    list_->add_option("identifier", identifier_, "Path of the directory (default: the top)")
+        ->transform(identifierAsTyped());
     list_->add_flag("-l", longFormat_, "Show kind, size and modification time");
     remove_ = app.add_subcommand("rm", "Remove a file or an empty directory on the phone");
-    remove_->add_option("identifier", identifier_, "Path of the item")->required();
+    remove_->add_option("identifier", identifier_, "Path of the item")
+        ->required()
+        ->transform(identifierAsTyped());
     makeDirectory_ = app.add_subcommand("mkdir", "Make a directory on the phone");
-    makeDirectory_->add_option("identifier", identifier_, "Path of the new directory")->required();
+    makeDirectory_->add_option("identifier", identifier_, "Path of the new directory")
+        ->required()
+        ->transform(identifierAsTyped());
     rename_ = app.add_subcommand("mv", "Rename an item on the phone, replacing a file at TO");
-    rename_->add_option("from", identifier_, "Path of the item")->required();
-    rename_->add_option("to", newIdentifier_, "Its new path")->required();
+    rename_->add_option("from", identifier_, "Path of the item")
+        ->required()
+        ->transform(identifierAsTyped());
+    rename_->add_option("to", newIdentifier_, "Its new path")
+        ->required()
+        ->transform(identifierAsTyped());
 }
 
 bool ItemCommands::parsed() const {

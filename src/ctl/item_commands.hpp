@@ -3,14 +3,11 @@
 // relay. Failures are told in words on standard error; with --json every command prints
 // one document holding the relay "status" and the app's "detail" code (0 and 0 on success).
 
+#include <CLI/CLI.hpp>
 #include <string>
 
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
-
-namespace CLI {
-class App;
-}
 
 namespace skiff::ctl {
 
@@ -34,6 +31,10 @@ private:
     std::string newIdentifier_;
     bool longFormat_ = false;
 };
+
+// Takes an item's path as people type it: "/notes.txt" and "Videos/" name "notes.txt" and
+// "Videos", and "/" the top.
+CLI::Validator identifierAsTyped();
 
 // Every page of the directory; `longFormat` adds kind, size and modification time.
 int runList(CtlSession& session, const Output& out, const std::string& identifier, bool longFormat);

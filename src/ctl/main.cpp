@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "common/log.hpp"
 #include "common/version.hpp"
 #include "ctl/commands.hpp"
 #include "ctl/ctl_session.hpp"
@@ -60,6 +61,10 @@ int main(int argc, char** argv) {
     app.fallthrough();
     app.set_version_flag("--version", std::string("skiffctl ") + skiff::kVersionText);
     app.footer(skiff::ctl::kExitStatusHelp);
+    // A wrong command line is told in one line.
+    app.failure_message([](const CLI::App*, const CLI::Error& e) {
+        return "skiffctl: " + std::string(e.what()) + " (skiffctl --help tells more)\n";
+    });
 
     std::optional<std::string> role;
     double timeoutSeconds = 120;
@@ -71,10 +76,22 @@ int main(int argc, char** argv) {
                    "measurements between the service and the file provider; none for the others)")
         ->check(CLI::IsMember({"desktop", "fileprovider", "none"}));
     app.add_option("--timeout", timeoutSeconds, "Seconds to wait for each call to the service")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Validator(
+            [](const std::string& value) -> std::string {
+                try {
+                    if (std::stod(value) > 0) {
+                        return {};
+                    }
+                } catch (const std::exception&) {
+                }
+                return "a number of seconds above 0 is expected, not \"" + value + "\"";
+            },
+            "SECONDS"))
         ->capture_default_str();
     app.add_option("--bus", bus, "D-Bus address to use instead of the session bus");
     app.add_flag("--json", out.json, "Print results as JSON");
+    bool verbose = false;
+    app.add_flag("-v,--verbose", verbose, "Also show the service library's own log on stderr");
 
     auto* version = app.add_subcommand("version", "Print the service's build number");
 
@@ -102,7 +119,8 @@ int main(int argc, char** argv) {
 
     auto* lookup = app.add_subcommand("lookup", "Look up an item on the phone");
     lookup->add_option("identifier", identifier, "Path of the item in the app's storage")
-        ->required();
+        ->required()
+        ->transform(skiff::ctl::identifierAsTyped());
     lookup
         ->add_option("--source", source,
                      "fsGetAttributes, fsLookupByName, fsSetAttributesRefresh or "
@@ -171,7 +189,8 @@ int main(int argc, char** argv) {
     std::optional<std::string> pullDestination;
     auto* pull = app.add_subcommand("pull", "Copy an item from the phone to a local file");
     pull->add_option("identifier", pullIdentifier, "Path of the item in the app's storage")
-        ->required();
+        ->required()
+        ->transform(skiff::ctl::identifierAsTyped());
     pull->add_option("destination", pullDestination,
                      "Local file or folder (default: the item's name in the current folder)");
     std::string pushFile;
@@ -179,7 +198,8 @@ int main(int argc, char** argv) {
     auto* push = app.add_subcommand("push", "Copy a local file to an item on the phone");
     push->add_option("file", pushFile, "The local file")->required();
     push->add_option("identifier", pushIdentifier, "Path of the item in the app's storage")
-        ->required();
+        ->required()
+        ->transform(skiff::ctl::identifierAsTyped());
     auto* devices = app.add_subcommand("devices", "List the UDIDs of the attached phones");
     auto* status =
         app.add_subcommand("status",
@@ -193,6 +213,9 @@ int main(int argc, char** argv) {
         return app.exit(e) == 0 ? skiff::ctl::kExitOk : skiff::ctl::kExitUsage;
     }
 
+    if (!verbose) {
+        skiff::log::silenceStderr();
+    }
     std::int64_t pingTarget = 0;
     if (ping->parsed()) {
         if (auto it = kRoles.find(pingRole); it != kRoles.end()) {
@@ -217,9 +240,25 @@ int main(int argc, char** argv) {
                            pull->parsed() || push->parsed() || itemCommands.parsed();
     const std::string registerAs = role.value_or(needsRole ? "desktop" : "none");
 
+    const auto callTimeout =
+        std::chrono::milliseconds(static_cast<std::int64_t>(timeoutSeconds * 1000));
+    if (updateCheck->parsed()) {
+        // The feed is worth reading even with no bus or no skiffd to compare with.
+        const auto serviceBuild = [&]() -> std::optional<std::int64_t> {
+            try {
+                CtlSession session(bus, callTimeout);
+                return session.client().getXPCServiceVersion();
+            } catch (const skiff::service::dbus::BusError&) {
+                return std::nullopt;
+            }
+        };
+        return runUpdateCheck(serviceBuild, out, feedPath);
+    }
     try {
-        CtlSession session(
-            bus, std::chrono::milliseconds(static_cast<std::int64_t>(timeoutSeconds * 1000)));
+        CtlSession session(bus, callTimeout);
+        if (registerAs == "fileprovider") {
+            skiff::ctl::warnBeforeTakingFileProvider(session);
+        }
         if (registerAs != "none" && !session.client().registerClient(kRoles.at(registerAs))) {
             std::cerr << "skiffctl: the service refused to register this client as " << registerAs
                       << std::endl;
@@ -263,9 +302,6 @@ int main(int argc, char** argv) {
         }
         if (extToHostPing->parsed()) {
             return runExtToHostPing(session, out, pingValue);
-        }
-        if (updateCheck->parsed()) {
-            return runUpdateCheck(session, out, feedPath);
         }
         if (itemCommands.parsed()) {
             return itemCommands.run(session, out);

@@ -14,6 +14,19 @@ std::string lineOf(const json::Json& line) {
 
 }  // namespace
 
+std::string roleName(std::int64_t role) {
+    using service::HarborBridgeClientRole;
+    switch (service::clientRoleFromRaw(role).value_or(HarborBridgeClientRole{-1})) {
+        case HarborBridgeClientRole::fileProvider:
+            return "fileprovider";
+        case HarborBridgeClientRole::desktopApp:
+            return "desktop";
+        case HarborBridgeClientRole::usbMux:
+            return "usbmux";
+    }
+    return "role " + std::to_string(role);
+}
+
 std::string_view notificationName(std::int64_t message) {
     using service::BridgeNotifyMessage;
     const auto known = service::notifyMessageFromRaw(message);
@@ -53,6 +66,24 @@ std::string deviceLine(const std::string& udid, bool attached) {
     line["event"] = "device";
     line["udid"] = udid;
     line["attached"] = attached;
+    return lineOf(line);
+}
+
+std::string roleLine(std::int64_t role, const std::string& holder, const std::string& replaced) {
+    json::Json line = json::Json::object();
+    line["event"] = "role";
+    line["role"] = roleName(role);
+    line["holder"] = holder;
+    if (!replaced.empty()) {
+        line["replaced"] = replaced;
+    }
+    return lineOf(line);
+}
+
+std::string noticeLine(const std::string& text) {
+    json::Json line = json::Json::object();
+    line["event"] = "volume";
+    line["notice"] = text;
     return lineOf(line);
 }
 

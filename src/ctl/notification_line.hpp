@@ -4,6 +4,8 @@
 //   {"message":0,"name":"bridgeStateChanged","payload":{"source":2,"connected":true}}
 //   {"event":"device","udid":"00008030-001A2B3C4D5E6F70","attached":false}
 //   {"event":"service","running":true}
+//   {"event":"role","role":"fileprovider","holder":":1.42","replaced":":1.17"}
+//   {"event":"volume","notice":"kept a conflict copy of notes.txt"}
 
 #include <cstdint>
 #include <string>
@@ -22,6 +24,11 @@ json::Json embeddedBody(const Bytes& body);
 
 std::string notificationLine(std::int64_t message, const Bytes& param);
 std::string deviceLine(const std::string& udid, bool attached);
+// A role as skiffctl's options name it (fileprovider, desktop, usbmux).
+std::string roleName(std::int64_t role);
+// A role's holder changed; `replaced` is the client a later one displaced, if any.
+std::string roleLine(std::int64_t role, const std::string& holder, const std::string& replaced);
+std::string noticeLine(const std::string& text);
 // Whether skiffd holds its name on the bus.
 std::string serviceLine(bool running);
 

@@ -43,7 +43,66 @@ bool isPrintableText(const Bytes& body) {
     return json::serialize(json::Json(std::string(body.begin(), body.end()))).has_value();
 }
 
+using relay::RelayDeviceStatus;
+using relay::UsbMuxRelaySelector;
+
+// The app's refusal as a person reads it; alreadyExists on a removal or a rename is the
+// directory that still holds items.
+std::string deviceWords(std::int64_t code, UsbMuxRelaySelector selector) {
+    switch (json::enumFromRaw<RelayDeviceStatus>(code).value_or(RelayDeviceStatus::ioError)) {
+        case RelayDeviceStatus::notFound:
+            return selector == UsbMuxRelaySelector::listDirectory ? "no such folder on the phone"
+                                                                  : "not found on the phone";
+        case RelayDeviceStatus::permissionDenied:
+            return "permission denied on the phone";
+        case RelayDeviceStatus::alreadyExists:
+            return selector == UsbMuxRelaySelector::makeDirectory ? "already exists on the phone"
+                                                                  : "directory not empty";
+        case RelayDeviceStatus::invalidArgument:
+            return "not a valid identifier (a path without leading or trailing \"/\", \".\" or "
+                   "\"..\"; \"\" is the top)";
+        case RelayDeviceStatus::versionConflict:
+            return "changed on the phone meanwhile";
+        case RelayDeviceStatus::notDirectory:
+            return "that is not a folder";
+        case RelayDeviceStatus::isDirectory:
+            return "that is a folder";
+        case RelayDeviceStatus::noSpace:
+            return "no space left on the phone";
+        case RelayDeviceStatus::ok:
+        case RelayDeviceStatus::ioError:
+            break;
+    }
+    return "input/output error on the phone (code " + std::to_string(code) + ")";
+}
+
 }  // namespace
+
+std::string relayFailureWords(std::int64_t status, std::int64_t code,
+                              UsbMuxRelaySelector selector) {
+    using relay::UsbMuxRelayError;
+    switch (json::enumFromRaw<UsbMuxRelayError>(status).value_or(UsbMuxRelayError::internalError)) {
+        case UsbMuxRelayError::notConnected:
+            return "the service relays only for a registered client (--role desktop)";
+        case UsbMuxRelayError::transportFailed:
+            // The service answers this before trying when no phone is attached; the tunnel's
+            // own failures are the app not answering.
+            return code == kNoPhone ? "no phone is attached" : "the phone's app did not answer";
+        case UsbMuxRelayError::timedOut:
+            return "the phone's app did not answer in time";
+        case UsbMuxRelayError::payloadTooLarge:
+            return "the request is larger than the 5 MiB a relay carries";
+        case UsbMuxRelayError::unsupportedSelector:
+            return "the phone's app does not know this request";
+        case UsbMuxRelayError::deviceStatus:
+            return deviceWords(code, selector);
+        case UsbMuxRelayError::busy:
+            return "the phone's app is busy; try again";
+        default:
+            break;
+    }
+    return "the request failed (" + std::string(relayStatusName(status)) + ")";
+}
 
 std::string_view relayStatusName(std::int64_t status) {
     return nameAt(kRelayStatusNames, status);

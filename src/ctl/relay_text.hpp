@@ -13,6 +13,12 @@ namespace skiff::ctl {
 std::string_view relayStatusName(std::int64_t status);
 std::string_view deviceStatusName(std::int64_t code);
 
+// A failed relay in words a person can act on ("no phone is attached", "not found on the
+// phone"); the numbers stay for --json. `code` is the reply's, or kNoPhone when the caller
+// knows no phone is attached. Some refusals read differently per request (`selector`).
+inline constexpr std::int64_t kNoPhone = -1;
+std::string relayFailureWords(std::int64_t status, std::int64_t code,
+                              relay::UsbMuxRelaySelector selector);
 // "status 9 (deviceStatus), detail 1 (notFound)"; the detail is named only for status 9.
 std::string describeRelayOutcome(std::int64_t status, std::int64_t detail);
 

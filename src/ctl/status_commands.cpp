@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "common/json.hpp"
+#include "ctl/relay_text.hpp"
 #include "volume/pending_store.hpp"
 
 namespace skiff::ctl {
@@ -33,17 +34,27 @@ std::variant<service::ServiceStatus, int> askStatus(CtlSession& session) {
 // A healthy volume answers a stat at once; a loaded machine gets a generous margin.
 constexpr auto kVolumeAnswerWithin = std::chrono::seconds(2);
 
-std::string volumeLine(const VolumeStatus& volume) {
-    switch (volume.state) {
-        case mount::VolumeState::mounted:
-            return "mounted at " + volume.mountPoint;
-        case mount::VolumeState::broken:
-            return "broken at " + volume.mountPoint +
-                   " (it no longer answers; skiffctl unmount --force clears it)";
-        case mount::VolumeState::notMounted:
-            break;
+// A volume whose skiff-fs is still there is only waiting: for the phone, its app, or the
+// file-provider role back. Only one whose skiff-fs is gone is broken.
+std::string volumeLine(const service::ServiceStatus& status, const VolumeStatus& volume) {
+    const std::string at = " at " + volume.mountPoint;
+    if (volume.state == mount::VolumeState::notMounted) {
+        return "not mounted";
     }
-    return "not mounted";
+    if (status.fileProviderReplaced.value_or(false)) {
+        return "mounted" + at +
+               ", cut off: another client holds the file-provider role until it exits";
+    }
+    if (!status.fileProviderRegistered) {
+        return "broken" + at + " (skiff-fs is gone; skiffctl unmount --force clears it)";
+    }
+    if (status.attachedDevices.empty()) {
+        return "mounted" + at + ", waiting for the phone";
+    }
+    if (volume.state == mount::VolumeState::broken) {
+        return "mounted" + at + ", waiting for the phone's app to answer";
+    }
+    return "mounted" + at;
 }
 
 }  // namespace
@@ -68,10 +79,28 @@ std::vector<std::pair<std::string, std::string>> statusLines(const service::Serv
         {"service", "running, build " + std::to_string(status.version)},
         {"phone", phones.empty() ? "none attached" : "attached (" + phones + ")"},
         {"file provider", status.fileProviderRegistered ? "registered" : "not registered"},
-        {"volume", volumeLine(volume)},
+        {"volume", volumeLine(status, volume)},
         {"waiting to reach the phone",
          std::to_string(volume.pendingWrites) + (volume.pendingWrites == 1 ? " file" : " files")},
     };
+}
+
+std::int64_t failureCode(CtlSession& session,
+                         const service::dbus::HarborClient::RelayReply& reply) {
+    if (reply.status != static_cast<std::int64_t>(relay::UsbMuxRelayError::transportFailed)) {
+        return reply.code;
+    }
+    const auto status = json::decode<service::ServiceStatus>(session.client().getStatus());
+    return status && status->attachedDevices.empty() ? kNoPhone : reply.code;
+}
+
+void warnBeforeTakingFileProvider(CtlSession& session) {
+    const auto status = json::decode<service::ServiceStatus>(session.client().getStatus());
+    if (status && status->fileProviderRegistered) {
+        std::cerr << "skiffctl: warning: taking the file-provider role cuts off the mounted "
+                     "volume until skiffctl exits"
+                  << std::endl;
+    }
 }
 
 int runDevices(CtlSession& session, const Output& out) {

@@ -23,6 +23,12 @@ struct VolumeStatus {
 };
 VolumeStatus localVolumeStatus();
 
+// The code to word a failed relay with: kNoPhone when it failed for want of a phone.
+std::int64_t failureCode(CtlSession& session, const service::dbus::HarborClient::RelayReply& reply);
+
+// Says on standard error that registering as the file provider cuts off the one there.
+void warnBeforeTakingFileProvider(CtlSession& session);
+
 // The status as "name: value" lines, in the order printed; a new field adds one entry.
 std::vector<std::pair<std::string, std::string>> statusLines(const service::ServiceStatus& status,
                                                              const VolumeStatus& volume);

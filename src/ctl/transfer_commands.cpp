@@ -333,9 +333,19 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
                                                      transferID.text());
     });
     const Uuid sessionID = Uuid::random();
-    // No expected content version: the push replaces whatever the phone holds.
+    // The push replaces whatever the phone holds: it expects the item's current version
+    // (none for a new item).
+    Bytes current;
+    if (auto lookup = json::encode(
+            relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsGetAttributes})) {
+        const auto reply = session.client().relayToUsbMux(
+            static_cast<std::int64_t>(relay::UsbMuxRelaySelector::lookupItem), std::move(*lookup));
+        if (const auto item = json::decode<relay::RelayItemSummary>(reply.response)) {
+            current = item->contentVersion.value_or(Bytes{});
+        }
+    }
     auto body = json::encode(transfer::FileIOBeginWriteRequest{
-        identifier, sessionID, {}, transferID.text(), staged, byteCount});
+        identifier, sessionID, current, transferID.text(), staged, byteCount});
     if (!body) {
         return localFailure(report, "the name \"" + identifier + "\" is not valid UTF-8");
     }

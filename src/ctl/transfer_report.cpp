@@ -19,8 +19,8 @@ constexpr std::array<std::string_view, 9> kStatusTexts = {
     "skiffctl is not registered with the service",
     "the phone refused",
     "the service could not read skiffctl's request",
-    "no phone attached",
-    "the phone app did not answer",
+    "no phone is attached",
+    "the phone's app did not answer",
     "the service could not use the shared transfer folder",
     "the phone app answered something unexpected",
     "the name cannot be sent to the phone"};
@@ -66,6 +66,16 @@ TransferReport::TransferReport(std::ostream& out, ReportStyle style, std::string
       path_(std::move(path)) {}
 
 void TransferReport::progress(const service::FileIOProgressPayload& step) {
+    // The service reports each step of ten it passed, all at once for a chunk that spans
+    // several: people see the percent of the bytes shown, once.
+    const int percent = step.totalBytes == 0
+                            ? 100
+                            : static_cast<int>(std::min<std::uint64_t>(
+                                  step.completedBytes * 100 / step.totalBytes, 100));
+    if (style_ != ReportStyle::json && percent == shownPercent_) {
+        return;
+    }
+    shownPercent_ = percent;
     switch (style_) {
         case ReportStyle::json:
             printJson(out_, {{"event", "progress"},
@@ -75,14 +85,14 @@ void TransferReport::progress(const service::FileIOProgressPayload& step) {
                              {"totalBytes", step.totalBytes}});
             return;
         case ReportStyle::lines:
-            out_ << operation_ << " " << identifier_ << ": " << int{step.percent} << "% ("
+            out_ << operation_ << " " << identifier_ << ": " << percent << "% ("
                  << step.completedBytes << " of " << step.totalBytes << " bytes)" << std::endl;
             return;
         case ReportStyle::bar: {
-            const int filled = std::min<int>(step.percent, 100) * kBarWidth / 100;
+            const int filled = percent * kBarWidth / 100;
             out_ << "\r[" << std::string(static_cast<std::size_t>(filled), '#')
                  << std::string(static_cast<std::size_t>(kBarWidth - filled), '.') << "] "
-                 << formatted("%3.0f", step.percent) << "%  "
+                 << formatted("%3.0f", percent) << "%  "
                  << formatted("%.1f", mib(step.completedBytes)) << " of "
                  << formatted("%.1f", mib(step.totalBytes)) << " MiB" << std::flush;
             barDrawn_ = true;

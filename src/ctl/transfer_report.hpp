@@ -46,6 +46,7 @@ private:
     std::string identifier_;
     std::string path_;
     bool barDrawn_ = false;
+    int shownPercent_ = -1;
 };
 
 }  // namespace skiff::ctl

@@ -52,13 +52,14 @@ std::variant<FeedRelease, std::string> firstRelease(std::span<const std::uint8_t
     return FeedRelease{facts, *build};
 }
 
-std::string describeUpdateCheck(const FeedRelease& release, std::int64_t serviceBuild,
-                                const Output& out) {
-    const bool available = release.build > serviceBuild;
+std::string describeUpdateCheck(const FeedRelease& release,
+                                std::optional<std::int64_t> serviceBuild, const Output& out) {
+    const bool available = serviceBuild && release.build > *serviceBuild;
+    const char* verdict = !serviceBuild ? "unknown" : available ? "available" : "up to date";
     if (out.json) {
         auto document = json::toJson(release.facts);
-        document["serviceBuild"] = serviceBuild;
-        document["status"] = available ? "available" : "up to date";
+        document["serviceBuild"] = serviceBuild ? json::Json(*serviceBuild) : json::Json();
+        document["status"] = verdict;
         return document.dump(-1, ' ', false, json::Json::error_handler_t::replace) + "\n";
     }
     std::string text;
@@ -79,13 +80,17 @@ std::string describeUpdateCheck(const FeedRelease& release, std::int64_t service
     if (f.enclosureLength) {
         line("size", std::to_string(*f.enclosureLength) + " bytes");
     }
-    const std::string service = " (the service is build " + std::to_string(serviceBuild) + ")";
+    if (!serviceBuild) {
+        return text + "could not compare: skiffd did not answer\n";
+    }
+    const std::string service = " (the service is build " + std::to_string(*serviceBuild) + ")";
     text += available ? "build " + std::to_string(release.build) + " available" + service
                       : "up to date" + service;
     return text + "\n";
 }
 
-int runUpdateCheck(CtlSession& session, const Output& out, const std::string& feedPath) {
+int runUpdateCheck(const std::function<std::optional<std::int64_t>()>& serviceBuild,
+                   const Output& out, const std::string& feedPath) {
     const std::string name = feedPath == "-" ? "standard input" : feedPath;
     const auto bytes = readFeed(feedPath);
     if (!bytes) {
@@ -97,8 +102,7 @@ int runUpdateCheck(CtlSession& session, const Output& out, const std::string& fe
         std::cerr << "skiffctl: " << name << ": " << *error << std::endl;
         return kExitBadInput;
     }
-    const auto serviceBuild = session.client().getXPCServiceVersion();
-    std::cout << describeUpdateCheck(std::get<FeedRelease>(release), serviceBuild, out)
+    std::cout << describeUpdateCheck(std::get<FeedRelease>(release), serviceBuild(), out)
               << std::flush;
     return kExitOk;
 }

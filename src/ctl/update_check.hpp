@@ -3,12 +3,13 @@
 // newer than the running service's build.
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <span>
 #include <string>
 #include <variant>
 
 #include "ctl/commands.hpp"
-#include "ctl/ctl_session.hpp"
 #include "service/update_feed.hpp"
 
 namespace skiff::ctl {
@@ -25,10 +26,13 @@ std::variant<FeedRelease, std::string> firstRelease(std::span<const std::uint8_t
 
 // What update-check prints: the release's facts and the verdict ("up to date" or
 // "build N available"), as lines or, with out.json, as one JSON object ending in a newline.
-std::string describeUpdateCheck(const FeedRelease& release, std::int64_t serviceBuild,
-                                const Output& out);
+// Without the service's build it says it could not compare.
+std::string describeUpdateCheck(const FeedRelease& release,
+                                std::optional<std::int64_t> serviceBuild, const Output& out);
 
-// `feedPath` "-" reads standard input.
-int runUpdateCheck(CtlSession& session, const Output& out, const std::string& feedPath);
+// `feedPath` "-" reads standard input; `serviceBuild` is asked only once the feed reads,
+// and gives nothing when there is no bus or no skiffd.
+int runUpdateCheck(const std::function<std::optional<std::int64_t>()>& serviceBuild,
+                   const Output& out, const std::string& feedPath);
 
 }  // namespace skiff::ctl

@@ -76,16 +76,38 @@ bool BridgeCore::registerClient(const HarborBridgeHostProtocol* host, std::int64
         while (entry != byRole_.end() && entry->second->exportedObject() != host) {
             ++entry;
         }
-        if (entry == byRole_.end()) {
-            return false;
-        }
-        connection = entry->second;
-        if (entry->first != role) {
-            byRole_.erase(entry);
+        if (entry != byRole_.end()) {
+            connection = entry->second;
+            if (entry->first != role) {
+                byRole_.erase(entry);
+            }
+        } else {
+            // Or a file provider that a later one displaced, taking a role back.
+            const auto displaced =
+                std::find_if(displaced_.begin(), displaced_.end(),
+                             [host](const auto& c) { return c->exportedObject() == host; });
+            if (displaced == displaced_.end()) {
+                return false;
+            }
+            connection = *displaced;
         }
     }
-    // An earlier connection of this role is dropped from the registry without being told.
-    byRole_[role] = std::move(connection);
+    // A later client of a role replaces the earlier one. The earlier one stays connected
+    // and learns it from the observers' signal, which names it.
+    std::erase(displaced_, connection);
+    auto& holder = byRole_[role];
+    if (holder && holder != connection) {
+        log::xpc().info("role %{public}lld taken over by %{public}s from %{public}s",
+                        static_cast<long long>(role), connection->name().c_str(),
+                        holder->name().c_str());
+        if (role == kFileProvider) {
+            displaced_.push_back(holder);
+        }
+    }
+    if (observer_ && holder != connection) {
+        observer_->roleChanged(role, connection->name(), holder ? holder->name() : "");
+    }
+    holder = std::move(connection);
     if (role == kDesktopApp) {
         log::xpc().info("desktop app registered");
     } else if (role == kFileProvider) {
@@ -98,6 +120,7 @@ bool BridgeCore::registerClient(const HarborBridgeHostProtocol* host, std::int64
 
 void BridgeCore::removeConnection(const std::shared_ptr<ClientConnection>& connection) {
     Lock guard(lock_);
+    std::erase(displaced_, connection);
     for (auto it = pendingByHost_.begin(); it != pendingByHost_.end(); ++it) {
         if (it->second == connection) {
             pendingByHost_.erase(it);
@@ -113,6 +136,9 @@ void BridgeCore::removeConnection(const std::shared_ptr<ClientConnection>& conne
         byRole_.erase(entry);
         log::xpc().info(role == kFileProvider ? "file provider disconnected"
                                               : "desktop app disconnected");
+        if (observer_) {
+            observer_->roleChanged(role, "", "");
+        }
         broadcastBridgeState(role, guard);
     }
 }
@@ -130,6 +156,19 @@ std::optional<std::int64_t> BridgeCore::roleOfHost(const HarborBridgeHostProtoco
 std::vector<std::string> BridgeCore::attachedDevices() const {
     Lock guard(lock_);
     return attached_;
+}
+
+bool BridgeCore::fileProviderDisplaced() const {
+    Lock guard(lock_);
+    return !displaced_.empty();
+}
+
+void BridgeCore::postVolumeNotice(const std::string& text) const {
+    log::xpc().info("volume notice: %{public}s", text.c_str());
+    Lock guard(lock_);
+    if (observer_) {
+        observer_->volumeNotice(text);
+    }
 }
 
 bool BridgeCore::hasClient(std::int64_t role) const {

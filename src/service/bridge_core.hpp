@@ -76,6 +76,11 @@ public:
     // Every phone attached, in the order they came.
     std::vector<std::string> attachedDevices() const;
     bool hasClient(std::int64_t role) const;
+    // Whether a file provider that a later one replaced is still connected (it serves a
+    // volume that is cut off until it registers again).
+    bool fileProviderDisplaced() const;
+    // Passes a volume's notice for its user on to the observers.
+    void postVolumeNotice(const std::string& text) const;
 
     void handleUsbDeviceEvent(std::int32_t eventType, const std::string& udid);
 
@@ -123,6 +128,7 @@ private:
     mutable std::mutex lock_;
     std::map<const HarborBridgeHostProtocol*, std::shared_ptr<ClientConnection>> pendingByHost_;
     std::map<std::int64_t, std::shared_ptr<ClientConnection>> byRole_;
+    std::vector<std::shared_ptr<ClientConnection>> displaced_;  // file providers replaced
     bool usbMuxBootstrapped_ = false;
     // Phones attached, in the order they came; usbMuxConnection_ names the first.
     std::vector<std::string> attached_;

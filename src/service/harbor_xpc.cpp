@@ -165,22 +165,18 @@ void replyFileIOError(const FileIOReplyFn& reply, FileIOBridgeError error) {
     reply({}, static_cast<std::int64_t>(error));
 }
 
-// Answers a failed transfer. Anything but a TransferError is a failure of the service's own
-// side, reported as the container's. A phone's refusal carries the app's rejection record,
-// so that the extension tells a stale content version from other refusals without asking.
+// Answers a failed transfer with empty data and its status, a phone's refusal included.
+// Anything but a TransferError is a failure of the service's own side, reported as the
+// container's.
 void replyFileIOFailure(const FileIOReplyFn& reply, std::exception_ptr error) {
     auto status = FileIOBridgeError::storageFailed;
-    Bytes body;
     try {
         std::rethrow_exception(error);
     } catch (const transfer::TransferError& e) {
         status = transfer::bridgeErrorFor(e);
-        if (status == FileIOBridgeError::deviceRejected) {
-            body = json::encode(e.rejection()).value_or(Bytes{});
-        }
     } catch (...) {
     }
-    reply(std::move(body), static_cast<std::int64_t>(status));
+    replyFileIOError(reply, status);
 }
 
 template <class Record>
@@ -440,8 +436,13 @@ void Harbor_XPC::getStatus(std::function<void(Bytes)> reply) {
     status.version = kBuildNumber;
     status.attachedDevices = core_.attachedDevices();
     status.fileProviderRegistered = core_.hasClient(kFileProvider);
+    status.fileProviderReplaced = core_.fileProviderDisplaced();
     // Device names come from usbmuxd; one that is not UTF-8 cannot be encoded.
     reply(json::encode(status).value_or(Bytes{}));
+}
+
+void Harbor_XPC::postVolumeNotice(std::string text) {
+    core_.postVolumeNotice(text);
 }
 
 }  // namespace skiff::service

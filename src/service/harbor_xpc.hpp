@@ -47,6 +47,7 @@ public:
     void getStatus(std::function<void(Bytes)> reply) override;
     void mountVolume(std::function<void(bool, std::string)> reply) override;
     void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override;
+    void postVolumeNotice(std::string text) override;
 
 private:
     BridgeCore& core_;

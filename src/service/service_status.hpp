@@ -4,6 +4,7 @@
 // not know; a field added later should be optional so that older services still decode.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -16,6 +17,8 @@ struct ServiceStatus {
     std::int64_t version = 0;
     std::vector<std::string> attachedDevices;  // UDIDs, in the order the phones came
     bool fileProviderRegistered = false;
+    // A volume's file provider was replaced by a later client and is cut off meanwhile.
+    std::optional<bool> fileProviderReplaced;
 
     friend bool operator==(const ServiceStatus&, const ServiceStatus&) = default;
 };
@@ -23,7 +26,8 @@ constexpr auto jsonFields(const ServiceStatus*) {
     using T = ServiceStatus;
     return std::tuple{json::field("version", &T::version),
                       json::field("attachedDevices", &T::attachedDevices),
-                      json::field("fileProviderRegistered", &T::fileProviderRegistered)};
+                      json::field("fileProviderRegistered", &T::fileProviderRegistered),
+                      json::field("fileProviderReplaced", &T::fileProviderReplaced)};
 }
 
 }  // namespace skiff::service

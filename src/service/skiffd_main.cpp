@@ -2,6 +2,7 @@
 // or SIGINT (exit 0) or until its bus connection is lost (exit 1, so that the unit's
 // restart-on-failure brings it back; a service holding no bus must not linger).
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <future>
 #include <iostream>
 #include <memory>
@@ -55,6 +57,24 @@ void warnIfUsbmuxdMissing() {
     }
 }
 
+// The mount.skiff that came with this skiffd: installed beside it (whatever the prefix), or
+// built beside it in the build tree; else the one under the configured prefix.
+std::string mountToolBesideThisProgram(std::string fallback) {
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) {
+        return fallback;
+    }
+    const auto folder = self.parent_path();
+    for (const auto& candidate : {folder / SKIFF_SBIN_FROM_BIN / "mount.skiff",
+                                  folder.parent_path() / "volume" / "mount.skiff"}) {
+        if (::access(candidate.c_str(), X_OK) == 0) {
+            return candidate.lexically_normal().string();
+        }
+    }
+    return fallback;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,6 +90,7 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(std::int64_t{1}, std::int64_t{3600000}))
         ->capture_default_str();
     auto volumeTools = mount::MountServiceOptions::forThisSystem();
+    volumeTools.mountTool = mountToolBesideThisProgram(volumeTools.mountTool);
     if (const char* tool = std::getenv("SKIFF_MOUNT_TOOL"); tool != nullptr && *tool != '\0') {
         volumeTools.mountTool = tool;
     }

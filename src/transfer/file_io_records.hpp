@@ -47,7 +47,7 @@ inline std::optional<FileIOOperation> fileIOOperationFromRaw(std::int64_t raw) {
 enum class FileIOBridgeError : std::int64_t {
     ok = 0,
     notRegistered = 1,       // the caller is not a registered client
-    deviceRejected = 2,      // the phone refused (its status fits a FileIODeviceRejection body)
+    deviceRejected = 2,      // the phone refused; like every failure, answered with no data
     decodeFailed = 3,        // the request body does not decode as its operation's record
     noDevice = 4,            // no phone is attached for a begin request
     transportFailed = 5,     // the tunnel to the phone failed, or a request was too large

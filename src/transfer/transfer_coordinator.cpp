@@ -510,14 +510,9 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
         } catch (const SharedFileStorageError&) {
             throw TransferError(Case::ioFailed);
         }
-        // An empty expected version means the writer knows of no version (a new item),
-        // so the app is not asked to check one.
-        std::optional<Bytes> expected;
-        if (!request.expectedContentVersion.empty()) {
-            expected = request.expectedContentVersion;
-        }
+        // The writer always names a version; an empty one is still checked by the app.
         const RelayTruncateWriteRequest truncate{request.identifier, request.byteCount,
-                                                 std::move(expected)};
+                                                 request.expectedContentVersion};
         auto truncateBody = encodeOrFail(truncate);
         co_await send(kTruncateWriteCode, std::move(*truncateBody));
 

@@ -79,12 +79,11 @@ public:
     static TransferError rejected(relay::RelayDeviceStatus status) {
         return rejected(FileIODeviceRejection{static_cast<std::int64_t>(status)});
     }
-    // Keeps the app's record as it came, so that the extension hears the app's own words.
+    // A status the service does not know counts as an I/O error.
     static TransferError rejected(FileIODeviceRejection rejection) {
         TransferError e(Case::deviceRejected);
         const auto known = json::enumFromRaw<relay::RelayDeviceStatus>(rejection.status);
         e.deviceStatus_ = known.value_or(relay::RelayDeviceStatus::ioError);
-        e.rejection_ = rejection;
         return e;
     }
     static TransferError transport(relay::UsbMuxRelayError error) {
@@ -95,15 +94,12 @@ public:
 
     Case errorCase() const { return case_; }
     relay::RelayDeviceStatus deviceStatus() const { return deviceStatus_; }
-    // For deviceRejected only.
-    const FileIODeviceRejection& rejection() const { return rejection_; }
     relay::UsbMuxRelayError transportError() const { return transportError_; }
     const char* what() const noexcept override;
 
 private:
     Case case_;
     relay::RelayDeviceStatus deviceStatus_ = relay::RelayDeviceStatus::ok;
-    FileIODeviceRejection rejection_;
     relay::UsbMuxRelayError transportError_ = relay::UsbMuxRelayError::ok;
 };
 

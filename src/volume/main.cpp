@@ -24,6 +24,7 @@
 #include "common/heap_tuning.hpp"
 #include "common/log.hpp"
 #include "service/dbus/client_session.hpp"
+#include "service/service_status.hpp"
 #include "transfer/shared_file_storage.hpp"
 #include "volume/phone_relay.hpp"
 #include "volume/volume_fs.hpp"
@@ -41,6 +42,7 @@ struct CommandLine {
     std::vector<std::string> options;
     bool foreground = false;
     bool debug = false;
+    bool replace = false;  // take the file-provider role even from a client holding it
 };
 
 // Options only mount(8) and fstab give meaning to; libfuse would refuse them.
@@ -99,6 +101,7 @@ std::optional<CommandLine> parse(int argc, char** argv) {
     }
     line.source = positional[0];
     line.mountPoint = positional[1];
+    line.replace = std::erase(line.options, "replace") > 0;
     return line;
 }
 
@@ -165,6 +168,14 @@ int serve(const CommandLine& line, int& readyFd) {
         session = std::make_unique<service::dbus::ClientSession>(std::string(), kCallTimeout);
         auto& client = session->client();
         client.setLostHandler([] { log::xpc().error("skiff-fs lost its bus connection"); });
+        // Registering would cut off the volume (or tool) that holds the role now.
+        const auto status = json::decode<service::ServiceStatus>(client.getStatus());
+        if (!line.replace && status && status->fileProviderRegistered) {
+            std::fprintf(stderr,
+                         "skiff-fs: another client holds the file-provider role (a mounted "
+                         "volume?); -o replace takes it over and cuts that one off\n");
+            return 2;
+        }
         if (!client.registerClient(role)) {
             std::fprintf(stderr, "skiff-fs: the service refused the file provider\n");
             return 2;
@@ -263,7 +274,8 @@ int serve(const CommandLine& line, int& readyFd) {
 int main(int argc, char** argv) {
     const auto line = parse(argc, argv);
     if (!line) {
-        std::fprintf(stderr, "usage: skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-f] [-d]\n");
+        std::fprintf(stderr,
+                     "usage: skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-o replace] [-f] [-d]\n");
         return kUsage;
     }
     int readyFd = line->foreground ? -1 : detachUntilMounted();

@@ -429,9 +429,16 @@ Answer<RelayItemSummary> PhoneRelay::push(const std::string& identifier,
     try {
         auto reply = client_.requestFileIO(
             static_cast<std::int64_t>(transfer::FileIOOperation::beginWrite), *request);
-        // A refusal carries the app's status, so a stale content version is told apart
-        // from other refusals as it is.
         answer.error = errnoOfFileIO(reply.status, reply.response);
+        if (reply.status ==
+            static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected)) {
+            // A refusal answers no detail: the item's version tells a stale write apart.
+            const auto now = lookup(identifier, relay::RelayLookupSource::fsGetAttributes);
+            const bool gone = now.error == ENOENT && !expectedVersion.empty();
+            const bool moved =
+                now.error == 0 && now.value.contentVersion.value_or(Bytes{}) != expectedVersion;
+            answer.error = gone || moved ? kConflictErrno : EIO;
+        }
         if (answer.error == 0) {
             answer = decoded(json::decode<RelayItemSummary>(reply.response));
         }

@@ -43,15 +43,16 @@ TEST(UpdateCheck, OnlyAGreaterFeedBuildIsAnUpdate) {
     const auto& feed = std::get<FeedRelease>(parsed);
 
     struct Case {
-        std::int64_t serviceBuild;
+        std::optional<std::int64_t> serviceBuild;
         const char* verdict;
         const char* status;
     };
     for (const auto& c :
          std::vector<Case>{{41, "build 42 available (the service is build 41)\n", "available"},
                            {42, "up to date (the service is build 42)\n", "up to date"},
-                           {100, "up to date (the service is build 100)\n", "up to date"}}) {
-        SCOPED_TRACE(c.serviceBuild);
+                           {100, "up to date (the service is build 100)\n", "up to date"},
+                           {{}, "could not compare: skiffd did not answer\n", "unknown"}}) {
+        SCOPED_TRACE(c.serviceBuild.value_or(-1));
         const auto text = describeUpdateCheck(feed, c.serviceBuild, Output{});
         EXPECT_TRUE(text.ends_with(c.verdict)) << text;
         const auto document = json::Json::parse(describeUpdateCheck(feed, c.serviceBuild, {true}));

@@ -120,6 +120,7 @@ public:
         if (selector < 0) {
             throw InvalidArgs("negative selector");
         }
+        events_.note("relay");
         reply(Bytes(param.rbegin(), param.rend()), selector, -selector);
     }
     void requestFileIO(std::int64_t operation, Bytes param,
@@ -132,6 +133,7 @@ public:
         });
     }
     void filesystemDidUnmount() override { events_.note("unmount"); }
+    void postVolumeNotice(std::string text) override { events_.note("notice " + text); }
     void shutdown(std::function<void(bool)>) override {
         throw NotSupported("shutdown is not offered");
     }
@@ -282,6 +284,8 @@ TEST_F(DbusAdapterTest, ArgumentsRepliesAndErrorsCrossTheBusIntact) {
 
     caller->filesystemDidUnmount();  // one-way
     EXPECT_TRUE(events.waitFor("unmount"));
+    caller->postVolumeNotice("kept a copy");  // one-way
+    EXPECT_TRUE(events.waitFor("notice kept a copy"));
 
     // The host's refusal arrives as the named bus error, its text intact.
     try {
@@ -462,6 +466,10 @@ TEST_F(DbusAdapterTest, SharedBuffersAreCheckedAndBelongToTheirConnection) {
     auto other = client();
     constexpr std::uint64_t kReply = kMaxRelayBodyBytes;
     auto memory = SharedMemory::create(64 + kReply, "test");
+    // The other connection has a buffer of its own, so an id only unique per connection
+    // would name it.
+    auto otherMemory = SharedMemory::create(64 + kReply, "other");
+    other->registerSharedBuffer(otherMemory->fd());
     const auto id = owner->registerSharedBuffer(memory->fd());
     const Bytes body{1, 2, 3};
     std::copy(body.begin(), body.end(), memory->bytes().begin());
@@ -502,9 +510,11 @@ TEST_F(DbusAdapterTest, SharedBuffersAreCheckedAndBelongToTheirConnection) {
              ::close(fd);
          }},
     };
+    const int relayed = events.count("relay");
     for (const auto& c : refused) {
         EXPECT_EQ(busErrorOf(c.call), kErrorInvalidArgs) << c.what;
     }
+    EXPECT_EQ(events.count("relay"), relayed);
     owner->releaseSharedBuffer(id);
     EXPECT_EQ(busErrorOf([&] { owner->relayToUsbMuxShared(9, id, 0, 3, 64, kReply); }),
               kErrorInvalidArgs);
@@ -527,16 +537,24 @@ TEST_F(DbusAdapterTest, ObserversHearNotificationsAndDevicesWithoutRegistering) 
         observer.deviceChanged = [hear](const std::string& udid, bool attached) {
             hear(udid + (attached ? " attached" : " detached"));
         };
+        observer.roleChanged = [hear](std::int64_t role, const std::string& holder,
+                                      const std::string& replaced) {
+            hear(std::to_string(role) + " " + holder + " replaces " + replaced);
+        };
+        observer.volumeNotice = hear;
         watchers.push_back(client());
         watchers.back()->observe(std::move(observer));
         EXPECT_TRUE(watchers.back()->serviceRunning());
     }
     service.observer()->notificationPosted(2, Bytes{'{', '}'});
     service.observer()->deviceChanged("SIM-1", true);
-    ASSERT_TRUE(events.waitFor("heard", 4));
+    service.observer()->roleChanged(0, ":1.9", ":1.8");
+    service.observer()->volumeNotice("kept notes.txt");
+    ASSERT_TRUE(events.waitFor("heard", 8));
     std::lock_guard guard(mutex);
     for (const auto& lines : heard) {
-        EXPECT_EQ(lines, (std::vector<std::string>{"2:{}", "SIM-1 attached"}));
+        EXPECT_EQ(lines, (std::vector<std::string>{"2:{}", "SIM-1 attached", "0 :1.9 replaces :1.8",
+                                                   "kept notes.txt"}));
     }
     EXPECT_EQ(events.count("accepted"), 0);  // nobody became a client to listen
 }

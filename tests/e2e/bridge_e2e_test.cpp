@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
 #include "common/run_sync.hpp"
 #include "e2e/service_stack.hpp"
+#include "service/dbus/client_session.hpp"
+#include "service/service_status.hpp"
 
 namespace skiff::test {
 namespace {
@@ -68,6 +71,21 @@ TEST(BridgeE2eTest, ClientsHearEachOtherAndThePhoneComeAndGo) {
     // The extension's bus connection is gone: the service notices and tells the desktop.
     EXPECT_TRUE(desktop.recorder->waitForState({0, false}, mark));
     EXPECT_FALSE(desktop.client->ping(kFileProvider));
+
+    // A later file provider displaces a volume's session, which hears it at once and takes
+    // the role back when that client leaves.
+    service::dbus::ClientSession volume(stack.busAddress(), std::chrono::seconds(20));
+    ASSERT_TRUE(volume.client().registerClient(kFileProvider));
+    std::atomic<int> lost{0}, back{0};
+    volume.keepRegistered(kFileProvider, [&](bool registered) { ++(registered ? back : lost); });
+    {
+        auto tool = registerWithPhone(stack, kFileProvider);
+        EXPECT_TRUE(skiff::testing::eventually([&] { return lost == 1; }));
+        const auto status = json::decode<service::ServiceStatus>(desktop.client->getStatus());
+        EXPECT_TRUE(status && status->fileProviderReplaced.value_or(false));
+    }
+    EXPECT_TRUE(skiff::testing::eventually([&] { return back == 1; }));
+    EXPECT_TRUE(desktop.client->ping(kFileProvider));
 }
 
 TEST(BridgeE2eTest, RelaysOutliveDroppedStreamsAndEitherOfTwoPhonesLeaving) {

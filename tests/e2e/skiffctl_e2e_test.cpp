@@ -3,13 +3,12 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string_view>
 
-#include "common/bridge_protocols.hpp"
 #include "common/json.hpp"
 #include "e2e/skiffctl_fixture.hpp"
-#include "relay/relay_schema.hpp"
 #include "support/file_text.hpp"
 
 namespace skiff::test {
@@ -56,6 +55,7 @@ TEST_F(SkiffctlE2eTest, WatchersOutliveOtherCommandsAndSeeThePhoneComeAndGo) {
         ASSERT_TRUE(third->waitForOutput(kServiceRunning, kE2eWait)) << third->output();
     }
     EXPECT_EQ(run({"--role", "fileprovider", "ping", "desktop"}).exitStatus, 0);
+    EXPECT_TRUE(watchers[0]->waitForOutput(R"("role":"fileprovider","holder":""})", kE2eWait));
     // ...while a look-up still registers as the desktop app by default, and takes its
     // place for as long as it runs.
     const auto lookup = run({"lookup", "Documents/notes.txt"});
@@ -123,14 +123,13 @@ TEST_F(SkiffctlE2eTest, WatchWaitsForSkiffdOrExitsWhenItGoes) {
 TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly) {
     auto desktop = registerWithPhone(stack_, kDesktopApp);
     TempDir dir("skiff-ctl-files");
-    auto writeBody = [&](const std::string& name, const Bytes& body) {
-        writeFile(dir.path() + "/" + name, std::string(body.begin(), body.end()));
-        return dir.path() + "/" + name;
-    };
     {
         // First, while no file provider has come and gone.
         SCOPED_TRACE("exit statuses");
         const auto missing = dir.path() + "/missing";
+        const auto noBus = "unix:path=" + dir.path() + "/no-bus";
+        const auto feed = dir.path() + "/feed";
+        writeFile(feed, "<rss><channel><item><version>999</version></item></channel></rss>");
         struct Case {
             std::vector<std::string> args;
             int status;
@@ -144,41 +143,31 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
             {{"echo", "--count", "-5"}, 4, ""},
             {{"ingest", "65M"}, 4, "one bus message carries no more"},
             {{"--bogus", "version"}, 4, ""},
+            {{"--timeout", "abc", "version"}, 4, "--timeout"},
+            {{"--bus", noBus, "version"}, 2, ""},
+            {{"--bus", noBus, "update-check", feed}, 0, "could not compare"},
+            {{"ping", "usbmux"}, 1, "ping usbmux: no"},
+            {{"lookup", "/Documents/notes.txt"}, 0, "notes.txt"},
+            {{"ls", "/"}, 0, "Documents/"},
+            {{"lookup", "Documents/none"}, 1, "not found on the phone"},
             {{"push", missing, "Documents/x"}, 3, "cannot read"},
             {{"relay", "2", "--body", missing}, 3, "cannot read"},
             {{"pull", "Documents/notes.txt", missing + "/in/no/folder"}, 3, "cannot write"},
             {{"pull", "Documents/absent.txt", dir.path()}, 1, "not found on the phone"},
         };
         for (const auto& c : cases) {
-            const auto ran = run(c.args);
+            // A client that cannot reach its bus is not leak-checked (as before).
+            const auto ran = run(c.args, {"ASAN_OPTIONS=detect_leaks=0"});
             EXPECT_EQ(ran.exitStatus, c.status) << c.args.front() << ": " << ran.output;
             EXPECT_NE(ran.output.find(c.says), std::string::npos) << ran.output;
+            // In words: no numbers in place of names, nothing of the service's own log, and
+            // a wrong command line in one line.
+            EXPECT_EQ(ran.output.find("status "), std::string::npos) << ran.output;
+            EXPECT_EQ(ran.output.find(":XPC] "), std::string::npos) << ran.output;
+            if (c.status == 4 && c.args.front() != "--version") {
+                EXPECT_EQ(std::count(ran.output.begin(), ran.output.end(), '\n'), 1) << ran.output;
+            }
         }
-        // sdbus-c++ 1.2.0 leaks its half-made connection when the bus cannot be reached.
-        const auto noBus = run({"--bus", "unix:path=" + dir.path() + "/no-bus", "version"},
-                               {"ASAN_OPTIONS=detect_leaks=0"});
-        EXPECT_EQ(noBus.exitStatus, 2) << noBus.output;
-    }
-    {
-        SCOPED_TRACE("relay bodies beyond what suits a bus message");
-        // A look-up whose JSON trails 100 KiB of white space: the app still reads it, so its
-        // answer shows that the whole body went out and the reply came back.
-        auto lookup = json::encode(relay::RelayLookupRequest{
-            "Documents/notes.txt", relay::RelayLookupSource::fsGetAttributes});
-        ASSERT_TRUE(lookup);
-        lookup->insert(lookup->end(), 100 * 1024, ' ');
-        const auto found = run({"--json", "relay", "2", "--body", writeBody("lookup", *lookup)});
-        ASSERT_EQ(found.exitStatus, 0) << found.output;
-        const auto answer = jsonLines(found.output).at(0);
-        EXPECT_EQ(answer.value("status", -1), 0);
-        EXPECT_EQ(answer.at("body").value("filename", ""), "notes.txt") << found.output;
-
-        // One byte over the service's limit gets the size status, as it would over the bus.
-        const auto tooLarge =
-            run({"--json", "relay", "2", "--body",
-                 writeBody("large", Bytes(service::kMaxRelayBodyBytes + 1, ' '))});
-        EXPECT_EQ(tooLarge.exitStatus, 1) << tooLarge.output;
-        EXPECT_EQ(jsonLines(tooLarge.output).at(0).value("status", -1), 7) << tooLarge.output;
     }
     {
         SCOPED_TRACE("lookup");
@@ -190,12 +179,6 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
         EXPECT_EQ(summary[0].value("size", 0), 12);
         EXPECT_EQ(summary[0].value("filename", ""), "notes.txt");
 
-        const auto missing = run({"--role", "fileprovider", "lookup", "Documents/none"});
-        EXPECT_EQ(missing.exitStatus, 1);
-        EXPECT_NE(missing.output.find("status 9 (deviceStatus), detail 1 (notFound)"),
-                  std::string::npos)
-            << missing.output;
-
         // Without registering, the service refuses to relay.
         const auto refused = run({"--role", "none", "--json", "relay", "2"});
         EXPECT_EQ(refused.exitStatus, 1);
@@ -204,20 +187,9 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
     {
         SCOPED_TRACE("measurements need a file provider, and skiffctl can be one");
         for (const char* command : {"host-to-ext", "ext-to-host"}) {
-            const auto measured = run({"--role", "fileprovider", "--json", command, "64K", "4"});
-            ASSERT_EQ(measured.exitStatus, 0) << command << ": " << measured.output;
-            const auto result = jsonLines(measured.output);
-            ASSERT_EQ(result.size(), 1u) << measured.output;
-            EXPECT_GE(result[0].value("seconds", -1.0), 0.0) << command;
-
-            const auto alone = run({"--role", "none", command, "64K", "4"});
-            EXPECT_EQ(alone.exitStatus, 1) << command << ": " << alone.output;
+            EXPECT_EQ(run({"--role", "fileprovider", command, "64K", "4"}).exitStatus, 0);
+            EXPECT_EQ(run({"--role", "none", command, "64K", "4"}).exitStatus, 1) << command;
         }
-        const auto ping = run({"--role", "fileprovider", "ext-to-host-ping", "0"});
-        EXPECT_EQ(ping.exitStatus, 0) << ping.output;
-        const auto ingest = run({"--role", "none", "--json", "ingest", "1M"});
-        ASSERT_EQ(ingest.exitStatus, 0) << ingest.output;
-        EXPECT_EQ(jsonLines(ingest.output).at(0).value("byteCount", 0), 1048576);
     }
     {
         SCOPED_TRACE("item commands");
@@ -245,12 +217,12 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
 
         // Refusals: in words, and the numbers with --json.
         const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
-            {{"rm", "Documents"}, "directory not empty"},
+            {{"rm", "/Documents/"}, "directory not empty"},
             {{"mkdir", "Documents/new"}, "already exists on the phone"},
-            {{"ls", "Documents/none"}, "not found on the phone"},
-            {{"ls", "Documents/new/n.txt"}, "not a directory"},
-            {{"mv", "Documents/new/n.txt", "Documents"}, "is a directory"},
-            {{"rm", "/Documents"}, "not a valid identifier"},
+            {{"ls", "Documents/none"}, "no such folder on the phone"},
+            {{"ls", "Documents/new/n.txt"}, "that is not a folder"},
+            {{"mv", "Documents/new/n.txt", "Documents"}, "that is a folder"},
+            {{"rm", "Documents/../x"}, "not a valid identifier"},
         };
         for (const auto& [args, words] : refusals) {
             const auto refused = run(args);
@@ -262,10 +234,14 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
                   1u);
 
         ASSERT_EQ(run({"rm", "Documents/new/n.txt"}).exitStatus, 0);
-        ASSERT_EQ(run({"rm", "Documents/new"}).exitStatus, 0);
-        EXPECT_EQ(run({"ls", "Documents"}).output, "");
+        ASSERT_EQ(run({"rm", "Documents/new/"}).exitStatus, 0);
+        EXPECT_EQ(run({"ls", "Documents/"}).output, "");
         EXPECT_FALSE(fs::exists(storage / "Documents/new"));
     }
+    stack_.phone().detach(ServiceStack::kDevice);
+    const auto noPhone = run({"ls"});
+    EXPECT_EQ(noPhone.exitStatus, 1);
+    EXPECT_NE(noPhone.output.find("no phone is attached"), std::string::npos) << noPhone.output;
 }
 
 }  // namespace

@@ -116,17 +116,26 @@ TEST_F(HarborXpcTest, StatusFollowsPhonesInArrivalOrderAndTheFileProvider) {
     auto statusNow = [&] {
         testing::Answer<Bytes> answer;
         stranger->host().getStatus(answer.reply());
-        return json::decode<ServiceStatus>(answer.first()).value_or(ServiceStatus{-1, {}, false});
+        return json::decode<ServiceStatus>(answer.first())
+            .value_or(ServiceStatus{-1, {}, false, {}});
     };
-    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {}, false}));
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {}, false, false}));
 
     auto extension = client(HarborBridgeClientRole::fileProvider);
     for (const auto* udid : {"B", "A", "B"}) {  // a repeated arrival keeps its place
         core->handleUsbDeviceEvent(1, udid);
     }
-    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {"B", "A"}, true}));
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {"B", "A"}, true, false}));
     core->handleUsbDeviceEvent(2, "B");  // removed
     EXPECT_EQ(statusNow().attachedDevices, std::vector<std::string>{"A"});
+
+    // A later file provider cuts the first off until the first registers again.
+    auto tool = client(HarborBridgeClientRole::fileProvider);
+    EXPECT_TRUE(statusNow().fileProviderReplaced.value_or(false));
+    tool->invalidate();
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {"A"}, false, true}));
+    extension->host().registerClient(0, [](bool ok) { EXPECT_TRUE(ok); });
+    EXPECT_EQ(statusNow(), (ServiceStatus{kBuildNumber, {"A"}, true, false}));
 }
 
 TEST_F(HarborXpcTest, PingsAndMeasurementsReachOnlyARegisteredOtherRole) {
@@ -179,7 +188,7 @@ TEST_F(HarborXpcTest, HostToExtensionChunksGoOneAtATime) {
     EXPECT_EQ(fake.ingested, (std::vector<std::size_t>{16, 16, 16}));
 }
 
-TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndThePhonesRefusalAsTheAppSentIt) {
+TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndEveryFailureWithEmptyData) {
     const std::string beginRead =
         R"({"identifier":"x","sessionID":"00000000-0000-0000-0000-000000000001"})";
     auto stranger = client(std::nullopt);
@@ -201,8 +210,8 @@ TEST_F(HarborXpcTest, FileIOAnswersItsGuardsFirstAndThePhonesRefusalAsTheAppSent
     const auto rejection = json::encode(transfer::FileIODeviceRejection{6}).value();
     opener->answer(0, 6, rejection);
     EXPECT_EQ(refused.get(),
-              std::make_tuple(rejection, static_cast<std::int64_t>(
-                                             transfer::FileIOBridgeError::deviceRejected)));
+              std::make_tuple(
+                  Bytes{}, static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected)));
 }
 
 TEST_F(HarborXpcTest, ShutdownRepliesWhetherTheVolumeIsOffAndAlwaysSendsTheUnmountNotice) {

@@ -49,14 +49,6 @@ TEST(FileIORecords, FieldTypesAreEnforced) {
     EXPECT_FALSE(decode<FileIODeviceRejection>(*encode(relay::RelayItemSummary{})));
 }
 
-TEST(FileIORecords, EnumsConvertOnlyTheirRawRange) {
-    EXPECT_EQ(fileIOOperationFromRaw(3), FileIOOperation::endWrite);
-    EXPECT_FALSE(fileIOOperationFromRaw(4));
-    EXPECT_FALSE(fileIOOperationFromRaw(-1));
-    EXPECT_EQ(fileIOBridgeErrorFromRaw(8), FileIOBridgeError::encodeFailed);
-    EXPECT_FALSE(fileIOBridgeErrorFromRaw(9));
-}
-
 TEST(ChunkBodies, LittleEndianLayoutWithoutPadding) {
     const auto read = encodeReadChunkRequest("ab", 0x0102030405060708ULL);
     ASSERT_TRUE(read);

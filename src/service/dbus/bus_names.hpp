@@ -18,5 +18,7 @@ inline constexpr const char* kErrorInvalidArgs = "org.freedesktop.DBus.Error.Inv
 // Signals of the host object, for observers that need no role.
 inline constexpr const char* kSignalNotification = "Notification";
 inline constexpr const char* kSignalDeviceChanged = "DeviceChanged";
+inline constexpr const char* kSignalRoleChanged = "RoleChanged";
+inline constexpr const char* kSignalVolumeNotice = "VolumeNotice";
 
 }  // namespace skiff::service::dbus

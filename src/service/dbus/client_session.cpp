@@ -38,7 +38,29 @@ void ClientSession::keepRegistered(std::int64_t role, PresenceHandler onChange) 
     HarborClient::Observer observer;
     observer.servicePresence = [this](bool present) {
         std::lock_guard guard(mutex_);
-        present_ = present;
+        displaced_ = false;
+        pending_ = present ? Event::serviceBack : Event::serviceLeft;
+        changed_.notify_all();
+    };
+    // A later client of the role displaces this one; once the role is free again, this
+    // one takes it back.
+    observer.roleChanged = [this, self = client_->uniqueName()](std::int64_t role,
+                                                                const std::string& holder,
+                                                                const std::string& replaced) {
+        std::lock_guard guard(mutex_);
+        if (role != role_) {
+            return;
+        }
+        if (replaced == self) {
+            displaced_ = true;
+            displacedBy_ = holder;
+            pending_ = Event::displaced;
+        } else if (displaced_ && holder.empty()) {
+            displaced_ = false;
+            pending_ = Event::roleFree;
+        } else {
+            return;
+        }
         changed_.notify_all();
     };
     client_->observe(std::move(observer));
@@ -46,20 +68,33 @@ void ClientSession::keepRegistered(std::int64_t role, PresenceHandler onChange) 
 
 void ClientSession::follow() {
     for (;;) {
-        bool present = false;
+        Event event{};
+        std::string displacedBy;
         {
             std::unique_lock lock(mutex_);
-            changed_.wait(lock, [this] { return stopping_ || present_.has_value(); });
+            changed_.wait(lock, [this] { return stopping_ || pending_.has_value(); });
             if (stopping_) {
                 return;
             }
-            present = *present_;
-            present_.reset();
+            event = *pending_;
+            pending_.reset();
+            displacedBy = displacedBy_;
         }
-        if (!present) {
+        if (event == Event::serviceLeft) {
             log::xpc().info("skiffd left the bus; waiting for it to come back");
             onChange_(false);
             continue;
+        }
+        if (event == Event::displaced) {
+            log::xpc().error(
+                "another client (%{public}s) took role %{public}lld; calls fail until it leaves",
+                displacedBy.c_str(), static_cast<long long>(role_));
+            onChange_(false);
+            continue;
+        }
+        if (event == Event::roleFree) {
+            log::xpc().info("role %{public}lld is free again; registering anew",
+                            static_cast<long long>(role_));
         }
         bool registered = false;
         try {

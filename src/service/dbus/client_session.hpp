@@ -4,6 +4,8 @@
 // keepRegistered() also follows skiffd on the bus: when it leaves, the owner hears so at
 // once; when a skiffd takes the name again, the session registers the role with it anew
 // and tells the owner, so that a restart of the service costs only the calls in between.
+// Likewise when a later client takes the role: the owner hears it at once, and the session
+// takes the role back when that client leaves.
 //
 // Threads: the bus client runs its own thread; the follower runs on a thread of the
 // session's, so that the blocking registration and the owner's callback (which may make
@@ -37,10 +39,10 @@ public:
 
     HarborClient& client() { return *client_; }
 
-    // Called with false when skiffd leaves the bus, and with true once a returning skiffd
-    // accepted the role again (a refusal is logged and reported as false). Calls come one at
-    // a time from the session's own thread, latest presence first: flips that pass while
-    // one is handled are folded into one.
+    // Called with false when skiffd leaves the bus or a later client takes the role, and
+    // with true once a returning skiffd, or a role free again, accepted the role anew (a
+    // refusal is logged and reported as false). Calls come one at a time from the session's
+    // own thread, latest event first: events that pass while one is handled are folded.
     using PresenceHandler = std::function<void(bool registered)>;
 
     // Precondition: the role was registered already, and nobody else observes through
@@ -57,7 +59,11 @@ private:
     PresenceHandler onChange_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::optional<bool> present_;  // the presence not yet handled
+    // What happened and is not yet handled; a later event replaces an earlier one.
+    enum class Event { serviceLeft, serviceBack, displaced, roleFree };
+    std::optional<Event> pending_;
+    bool displaced_ = false;  // a later client holds the role
+    std::string displacedBy_;
     bool stopping_ = false;
     std::thread follower_;
 };

@@ -124,6 +124,25 @@ int onDeviceChanged(sd_bus_message* m, void* u, sd_bus_error*) {
     return 0;
 }
 
+int onRoleChanged(sd_bus_message* m, void* u, sd_bus_error*) {
+    std::int64_t role = 0;
+    std::string holder, replaced;
+    auto& observer = sideOf(u).observer;
+    if (observer.roleChanged && wire::readAll(m, role, holder, replaced) >= 0) {
+        observer.roleChanged(role, holder, replaced);
+    }
+    return 0;
+}
+
+int onVolumeNotice(sd_bus_message* m, void* u, sd_bus_error*) {
+    std::string text;
+    auto& observer = sideOf(u).observer;
+    if (observer.volumeNotice && wire::readAll(m, text) >= 0) {
+        observer.volumeNotice(text);
+    }
+    return 0;
+}
+
 int onServiceOwner(sd_bus_message* m, void* u, sd_bus_error*) {
     std::string name, oldOwner, newOwner;
     auto& observer = sideOf(u).observer;
@@ -219,6 +238,16 @@ public:
     }
     void unmountVolume(bool force, std::function<void(bool, std::string)> reply) override {
         call("UnmountVolume", std::move(reply), force);
+    }
+    void postVolumeNotice(std::string text) override {
+        bus_->post([bus = bus_, onError = onError_, text = std::move(text)] {
+            const int r =
+                sendOneWay(*bus, kServiceName, kHostPath, kHostInterface, "PostVolumeNotice",
+                           [&](sd_bus_message* m) { return wire::appendAll(m, text); });
+            if (r < 0) {
+                onError({kErrorFailed, std::strerror(-r)});
+            }
+        });
     }
 
     template <typename... R, typename... A>
@@ -335,7 +364,7 @@ struct HarborClient::Impl {
 
     void observe(HarborClient::Observer observer) {
         MatchInstalled installed;
-        installed.remaining = 3;
+        installed.remaining = 5;
         auto result = installed.result.get_future();
         side.bus->post([this, observer = std::move(observer), &installed]() mutable {
             side.observer = std::move(observer);
@@ -350,6 +379,8 @@ struct HarborClient::Impl {
             const Match matches[] = {
                 {kServiceName, kHostPath, kHostInterface, kSignalNotification, onNotification},
                 {kServiceName, kHostPath, kHostInterface, kSignalDeviceChanged, onDeviceChanged},
+                {kServiceName, kHostPath, kHostInterface, kSignalRoleChanged, onRoleChanged},
+                {kServiceName, kHostPath, kHostInterface, kSignalVolumeNotice, onVolumeNotice},
                 {"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                  "NameOwnerChanged", onServiceOwner},
             };
@@ -518,6 +549,10 @@ std::pair<bool, std::string> HarborClient::mountVolume() {
     auto [ok, message] = impl_->await<bool, std::string>(
         [](HarborBridgeHostProtocol& h, auto reply) { h.mountVolume(reply); });
     return {ok, std::move(message)};
+}
+
+void HarborClient::postVolumeNotice(const std::string& text) {
+    impl_->host(nullptr)->postVolumeNotice(text);
 }
 
 std::pair<bool, std::string> HarborClient::unmountVolume(bool force) {

@@ -41,6 +41,11 @@ public:
     struct Observer {
         std::function<void(std::int64_t message, Bytes param)> notification;
         std::function<void(const std::string& udid, bool attached)> deviceChanged;
+        // The holder of a role changed; `replaced` names a client a later one displaced.
+        std::function<void(std::int64_t role, const std::string& holder,
+                           const std::string& replaced)>
+            roleChanged;
+        std::function<void(const std::string& text)> volumeNotice;
         // The service took its name on the bus (true) or lost it (false).
         std::function<void(bool present)> servicePresence;
     };
@@ -92,6 +97,9 @@ public:
     // Whether the volume was mounted (unmounted), and the reason when not.
     std::pair<bool, std::string> mountVolume();
     std::pair<bool, std::string> unmountVolume(bool force);
+    // One-way, never waits: a line for the volume's user, shown by every observer
+    // (skiffctl watch). Failures are only logged.
+    void postVolumeNotice(const std::string& text);
 
     // The shared-memory path. The descriptor is only lent: the service maps its own copy.
     std::uint32_t registerSharedBuffer(int fd);

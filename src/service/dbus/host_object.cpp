@@ -164,6 +164,13 @@ int filesystemDidUnmount(sd_bus_message* m, void* u, sd_bus_error* e) {
     });
 }
 
+int postVolumeNotice(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<>, std::string>(m, u, e, [](Host& h, std::string text, auto reply) {
+        h.postVolumeNotice(std::move(text));
+        reply();
+    });
+}
+
 int shutdown(sd_bus_message* m, void* u, sd_bus_error* e) {
     return serve<std::tuple<bool>>(m, u, e, [](Host& h, auto reply) { h.shutdown(reply); });
 }
@@ -302,6 +309,8 @@ const sd_bus_vtable kHostVtable[] = {
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("FilesystemDidUnmount", "", "", "", "", filesystemDidUnmount,
                              SD_BUS_VTABLE_UNPRIVILEGED | SD_BUS_VTABLE_METHOD_NO_REPLY),
+    SD_BUS_METHOD_WITH_NAMES("PostVolumeNotice", "s", SD_BUS_PARAM(text), "", "", postVolumeNotice,
+                             SD_BUS_VTABLE_UNPRIVILEGED | SD_BUS_VTABLE_METHOD_NO_REPLY),
     SD_BUS_METHOD_WITH_NAMES("Shutdown", "", "", "b", SD_BUS_PARAM(ok), shutdown,
                              SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("GetStatus", "", "", "ay", SD_BUS_PARAM(status), getStatus,
@@ -324,6 +333,9 @@ const sd_bus_vtable kHostVtable[] = {
         relayToUsbMuxShared, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_SIGNAL_WITH_NAMES("Notification", "xay", SD_BUS_PARAM(message) SD_BUS_PARAM(param), 0),
     SD_BUS_SIGNAL_WITH_NAMES("DeviceChanged", "sb", SD_BUS_PARAM(udid) SD_BUS_PARAM(attached), 0),
+    SD_BUS_SIGNAL_WITH_NAMES("RoleChanged", "xss",
+                             SD_BUS_PARAM(role) SD_BUS_PARAM(holder) SD_BUS_PARAM(replaced), 0),
+    SD_BUS_SIGNAL_WITH_NAMES("VolumeNotice", "s", SD_BUS_PARAM(text), 0),
     SD_BUS_VTABLE_END,
 };
 

@@ -1,6 +1,7 @@
 #include "service/dbus/peer_connection.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "service/dbus/bus_names.hpp"
@@ -131,7 +132,13 @@ std::uint32_t PeerConnection::registerBuffer(std::shared_ptr<SharedMemory> buffe
     if (buffers_.size() >= kMaxSharedBuffersPerPeer) {
         return 0;
     }
-    const auto id = nextBufferId_++;
+    // Ids come from one count for the whole service, so an id another connection was
+    // given is never one of this connection's and is refused instead of naming memory.
+    static std::atomic<std::uint32_t> lastId{0};
+    std::uint32_t id = 0;
+    while (id == 0) {
+        id = ++lastId;
+    }
     buffers_.emplace(id, std::move(buffer));
     return id;
 }

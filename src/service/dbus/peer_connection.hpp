@@ -35,6 +35,7 @@ public:
                    std::chrono::milliseconds clientDeadline);
 
     const std::string& peer() const { return peer_; }
+    std::string name() const override { return peer_; }
 
     void setExportedObject(std::shared_ptr<HarborBridgeHostProtocol> host) override;
     HarborBridgeHostProtocol* exportedObject() const override;
@@ -46,7 +47,8 @@ public:
     // A call of this peer that will be answered later; released if the peer leaves first.
     std::shared_ptr<PendingCall> track(sd_bus_message* call);
 
-    // Shared buffers of this peer, by id. register fails (0) past the per-peer limit.
+    // Shared buffers of this peer, by an id unique in the service. register fails (0) past
+    // the per-peer limit.
     std::uint32_t registerBuffer(std::shared_ptr<SharedMemory> buffer);
     bool releaseBuffer(std::uint32_t id);
     std::shared_ptr<SharedMemory> buffer(std::uint32_t id) const;
@@ -68,7 +70,6 @@ private:
     std::function<void()> invalidationHandler_;
     std::vector<std::weak_ptr<PendingCall>> pending_;
     std::map<std::uint32_t, std::shared_ptr<SharedMemory>> buffers_;
-    std::uint32_t nextBufferId_ = 1;
 };
 
 }  // namespace skiff::service::dbus

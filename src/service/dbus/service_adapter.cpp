@@ -47,17 +47,26 @@ public:
     }
 
     void deviceChanged(const std::string& udid, bool attached) override {
-        bus_->post([bus = bus_, udid, attached] {
-            const int r = emitSignal(*bus, kSignalDeviceChanged, [&](sd_bus_message* m) {
-                return wire::appendAll(m, udid, attached);
-            });
+        post(kSignalDeviceChanged, udid, attached);
+    }
+    void roleChanged(std::int64_t role, const std::string& holder,
+                     const std::string& replaced) override {
+        post(kSignalRoleChanged, role, holder, replaced);
+    }
+    void volumeNotice(const std::string& text) override { post(kSignalVolumeNotice, text); }
+
+private:
+    template <class... A>
+    void post(const char* member, A... args) {
+        bus_->post([bus = bus_, member, args...] {
+            const int r = emitSignal(
+                *bus, member, [&](sd_bus_message* m) { return wire::appendAll(m, args...); });
             if (r < 0) {
-                log::xpc().error("DeviceChanged not sent: %{public}s", std::strerror(-r));
+                log::xpc().error("%{public}s not sent: %{public}s", member, std::strerror(-r));
             }
         });
     }
 
-private:
     std::shared_ptr<BusConnection> bus_;
     std::shared_ptr<NoticeQueue> notifications_;
 };
