@@ -133,6 +133,10 @@ void PhoneRelay::detach() {
     bufferId_.reset();
 }
 
+void PhoneRelay::notice(const std::string& text) {
+    client_.postVolumeNotice(text);
+}
+
 bool PhoneRelay::reattach() {
     try {
         const auto id = client_.registerSharedBuffer(buffer_->fd());

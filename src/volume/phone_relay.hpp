@@ -90,6 +90,10 @@ public:
     // would not take it; reads then keep failing with EIO.
     bool reattach();
 
+    // Tells the user, through the service's volume notice that `skiffctl watch` shows, what
+    // happened to their files. One-way: it never waits for the service.
+    void notice(const std::string& text);
+
     Answer<RelayItemSummary> lookup(const std::string& identifier, relay::RelayLookupSource source);
     // Every item of the directory, following the app's pages within the bounds above. Each
     // entry is filed as identifier + "/" + its own filename whatever identifier the reply

@@ -65,10 +65,10 @@ bool nameTooLong(const char* name) {
     return std::strlen(name) > kNameMax;
 }
 
-// Where the user hears of what happened to their files: the log now, and the volume notice
-// of the service once it carries one.
-void tellUser(const std::string& text) {
+// Where the user hears of what happened to their files: the log and the service's notice.
+void tellUser(PhoneRelay& phone, const std::string& text) {
     log::xpc().warning("skiff-fs: %{public}s", text.c_str());
+    phone.notice(text);
 }
 
 }  // namespace
@@ -1096,8 +1096,9 @@ int VolumeFs::keepBoth(Node& node, const std::string& identifier) {
         if (const int error = pushWhole(node, beside, false, std::nullopt, size); error != 0) {
             return error;
         }
-        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
-                 "computer's version is kept as \"" + beside + "\"");
+        tellUser(phone_, "\"" + identifier +
+                             "\" changed on the phone while it was written here; this " +
+                             "computer's version is kept as \"" + beside + "\"");
     } else {
         const auto data =
             transfer::harborDataPath(std::getenv("XDG_DATA_HOME"), std::getenv("HOME"));
@@ -1120,8 +1121,9 @@ int VolumeFs::keepBoth(Node& node, const std::string& identifier) {
         if (out.get() < 0 || static_cast<std::uint64_t>(from) < size || ::fsync(out.get()) != 0) {
             return EIO;
         }
-        tellUser("\"" + identifier + "\" changed on the phone while it was written here; this " +
-                 "computer's part of it is kept in " + (folder / name).string());
+        tellUser(phone_, "\"" + identifier +
+                             "\" changed on the phone while it was written here; this " +
+                             "computer's part of it is kept in " + (folder / name).string());
     }
     std::lock_guard guard(node.mutex);
     auto& content = node.content;
