@@ -2,6 +2,7 @@
 // Client roles and message codes shared by the registry, the notifications and the
 // phone's pushes. Both travel as plain integers.
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
@@ -10,6 +11,10 @@ namespace skiff::service {
 // The companion app listens here on the phone: relays, the probe, transfers and the
 // unmount notice all go to this port.
 inline constexpr std::uint16_t kCompanionAppPort = 33325;
+
+// The largest body one relay request or answer may carry, and so the payload limit of one
+// tunnel frame: 5 MiB.
+inline constexpr std::size_t kMaxRelayBodyBytes = 5'242'880;
 
 enum class HarborBridgeClientRole : std::int64_t {
     fileProvider = 0,

@@ -13,13 +13,10 @@
 #include <stdexcept>
 #include <string>
 
+#include "common/bridge_messages.hpp"
 #include "common/bytes.hpp"
 
 namespace skiff::service {
-
-// The largest relay body a client may send, and so the largest answer it can get: the
-// payload limit of one tunnel frame.
-inline constexpr std::size_t kMaxRelayBodyBytes = 5'242'880;
 
 // Thrown synchronously by a host method that this build does not offer yet; the adapter
 // answers the call with the bus error org.freedesktop.DBus.Error.NotSupported.
@@ -52,7 +49,8 @@ public:
     virtual void requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                             std::function<void(double)> reply) = 0;
     virtual void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) = 0;
-    virtual void relayToUsbMux(std::int64_t selector, Bytes param,
+    // The body may be a view of the caller's shared buffer: it is not copied on its way.
+    virtual void relayToUsbMux(std::int64_t selector, SharedBytes param,
                                std::function<void(Bytes, std::int64_t, std::int64_t)> reply) = 0;
     virtual void requestFileIO(std::int64_t operation, Bytes param,
                                std::function<void(Bytes, std::int64_t)> reply) = 0;

@@ -26,7 +26,7 @@ TunnelRelayBridge::TunnelRelayBridge(asio::any_io_executor executor,
     : Actor(executor),
       engine_(std::move(engine)),
       opener_(std::move(opener)),
-      executor_(std::move(executor)) {}
+      executor_(strand().get_inner_executor()) {}
 
 void TunnelRelayBridge::setPushSink(std::weak_ptr<PushSink> sink) {
     std::lock_guard guard(sinkLock_);
@@ -62,10 +62,16 @@ asio::awaitable<void> TunnelRelayBridge::endExclusiveUse(std::uint16_t port) {
 
 asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code,
                                                               SharedBytes payload) {
+    return isolated(shared_from_this(), &TunnelRelayBridge::doRelayForClient, code,
+                    std::move(payload));
+}
+
+asio::awaitable<RelayReply> TunnelRelayBridge::doRelayForClient(std::uint16_t code,
+                                                                SharedBytes payload) {
     if (payload.size() > tunnel::maxFramePayload) {
         co_return RelayReply{{}, raw(UsbMuxRelayError::payloadTooLarge), 0};
     }
-    RelayOutcome outcome = co_await relay(service::kCompanionAppPort, code, std::move(payload));
+    RelayOutcome outcome = co_await doRelay(service::kCompanionAppPort, code, std::move(payload));
     if (outcome.response) {
         touchContact();
         // Answer codes the service does not know read as a plain I/O error.
@@ -80,7 +86,7 @@ asio::awaitable<RelayReply> TunnelRelayBridge::relayForClient(std::uint16_t code
                              raw(UsbMuxRelayError::deviceStatus), status};
     }
     const std::int64_t status = outcome.failureStatus;
-    co_await unbindAfterFailure(std::move(outcome));
+    co_await doUnbindAfterFailure(std::move(outcome));
     co_return RelayReply{{}, status, 0};
 }
 

@@ -72,7 +72,8 @@ public:
     // Drops the binding that failed in outcome, unless another has replaced it already.
     asio::awaitable<void> unbindAfterFailure(RelayOutcome outcome);
 
-    // A client's relay to the app's port, mapped to its reply.
+    // A client's relay to the app's port, mapped to its reply. Runs on the bridge's strand
+    // from start to end, so a failure is unbound without a second hand-over.
     asio::awaitable<RelayReply> relayForClient(std::uint16_t code, SharedBytes payload);
 
     // The device went away: fail every waiting request and drop the tunnel.
@@ -94,6 +95,7 @@ private:
     asio::awaitable<RelayOutcome> doRelay(std::uint16_t port, std::uint16_t code,
                                           SharedBytes payload);
     asio::awaitable<void> doUnbindAfterFailure(RelayOutcome outcome);
+    asio::awaitable<RelayReply> doRelayForClient(std::uint16_t code, SharedBytes payload);
     asio::awaitable<void> doDropBinding();
     asio::awaitable<void> doInvalidateTunnel(std::uint16_t port);
     asio::awaitable<void> doBeginExclusiveUse(std::uint16_t port);
@@ -109,6 +111,7 @@ private:
     std::shared_ptr<TunnelOpener> opener_;
     mutable std::mutex sinkLock_;
     std::weak_ptr<PushSink> sink_;
+    // Where push handlers run: beside the strand, never on it.
     asio::any_io_executor executor_;
 
     // Strand state.

@@ -14,7 +14,6 @@
 #include "service/service_status.hpp"
 #include "transfer/file_io_records.hpp"
 #include "transfer/transfer_coordinator.hpp"
-#include "tunnel/tunnel_frame.hpp"
 
 namespace skiff::service {
 
@@ -22,8 +21,6 @@ namespace {
 
 using relay::UsbMuxRelayError;
 
-static_assert(kMaxRelayBodyBytes == tunnel::maxFramePayload,
-              "a relay body travels in one tunnel frame");
 using RelayReplyFn = std::function<void(Bytes, std::int64_t, std::int64_t)>;
 
 constexpr auto kFileProvider = static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
@@ -142,8 +139,8 @@ asio::awaitable<void> speedTestTask(std::shared_ptr<BridgeCore> core,
     reply(ok, std::move(text));
 }
 
-asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t code, Bytes param,
-                                RelayReplyFn reply) {
+asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t code,
+                                SharedBytes param, RelayReplyFn reply) {
     // The phone may have gone since the entry looked.
     if (!core->usbMuxConnection()) {
         reply({}, status(UsbMuxRelayError::transportFailed), 0);
@@ -321,7 +318,7 @@ void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply
                        std::move(reply));
 }
 
-void Harbor_XPC::relayToUsbMux(std::int64_t selector, Bytes param, RelayReplyFn reply) {
+void Harbor_XPC::relayToUsbMux(std::int64_t selector, SharedBytes param, RelayReplyFn reply) {
     const auto role = core_.roleOfHost(this);
     if (role != kFileProvider && role != kDesktopApp) {
         reply({}, status(UsbMuxRelayError::notConnected), 0);

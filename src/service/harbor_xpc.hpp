@@ -38,7 +38,7 @@ public:
     void requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount,
                                     std::function<void(double)> reply) override;
     void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) override;
-    void relayToUsbMux(std::int64_t selector, Bytes param,
+    void relayToUsbMux(std::int64_t selector, SharedBytes param,
                        std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override;
     void requestFileIO(std::int64_t operation, Bytes param,
                        std::function<void(Bytes, std::int64_t)> reply) override;

@@ -119,15 +119,19 @@ int main(int argc, char** argv) {
     runtime::IoRuntime runtime;
     runtime.start();
     usbmuxkit::UsbMuxService usbMux(runtime.executor());
+    // The serialised core shares one strand: the relay bridge, the tunnel engine, the probe
+    // and the transfers call each other without a hand-over, and each still runs one body
+    // at a time between co_awaits. Blocking native calls stay on their serial queues.
+    const asio::any_io_executor coreStrand = asio::make_strand(runtime.executor());
     auto relayBridge = std::make_shared<relay::TunnelRelayBridge>(
-        runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()),
+        coreStrand, std::make_shared<tunnel::TunnelEngine>(coreStrand),
         std::make_shared<relay::UsbMuxTunnelOpener>());
     service::BridgeCollaborators collaborators;
     collaborators.executor = runtime.executor();
     collaborators.usbMux = std::make_shared<service::UsbMuxServiceLink>(usbMux);
     collaborators.relayBridge = relayBridge;
     auto transfers = std::make_shared<transfer::TransferCoordinator>(
-        runtime.executor(), std::make_shared<service::RelayTransferSender>(relayBridge),
+        coreStrand, std::make_shared<service::RelayTransferSender>(relayBridge),
         std::make_shared<transfer::SharedFileStorage>());
     collaborators.transfers = transfers;
     // The probe asks the core whether a phone is there, and the core tells the probe when
@@ -135,7 +139,7 @@ int main(int argc, char** argv) {
     auto coreCell = std::make_shared<std::weak_ptr<service::BridgeCore>>();
     auto volume = std::make_shared<mount::MountService>(std::move(volumeTools));
     mount::ProbeCollaborators probeParts;
-    probeParts.executor = runtime.executor();
+    probeParts.executor = coreStrand;
     probeParts.volume = volume;
     probeParts.usbConnected = [coreCell] {
         auto core = coreCell->lock();
@@ -156,8 +160,6 @@ int main(int argc, char** argv) {
     *coreCell = core;
     relayBridge->setPushSink(core);
     transfers->setProgressSink(core);
-    transfers->startCleanup();
-    core->bootstrapUsbMuxIfNeeded();
 
     // The first of a stop signal (0) and a lost bus (1) decides the exit status.
     std::promise<int> exitStatus;
@@ -184,6 +186,10 @@ int main(int argc, char** argv) {
         // earlier run left behind can go.
         volume->cleanUpAfterEarlierRun();
         core->setObserver(adapter->observer());
+        // Nothing runs until every part is wired: a device event or a progress step before
+        // this point would reach no observer.
+        transfers->startCleanup();
+        core->bootstrapUsbMuxIfNeeded();
         adapter->start([&] {
             log::xpc().error("the bus connection is gone; exiting so that skiffd is restarted");
             decide(1);

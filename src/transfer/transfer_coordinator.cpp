@@ -11,6 +11,7 @@
 #include <optional>
 #include <utility>
 
+#include "common/bridge_messages.hpp"
 #include "common/file_io.hpp"
 #include "common/log.hpp"
 
@@ -355,7 +356,7 @@ asio::awaitable<void> TransferCoordinator::doReleaseWrite(std::string token) {
 }
 
 asio::awaitable<Bytes> TransferCoordinator::send(std::uint16_t code, SharedBytes body) {
-    if (body.size() > kMaxRelayBody) {
+    if (body.size() > service::kMaxRelayBodyBytes) {
         throw TransferError::transport(UsbMuxRelayError::payloadTooLarge);
     }
     RelayAnswer answer = co_await relay_->send(code, body);

@@ -108,10 +108,6 @@ private:
 // (decodeFailed); a file that cannot be made, read or written is storageFailed.
 FileIOBridgeError bridgeErrorFor(const TransferError& error);
 
-// Companion app port and the largest body one relay request may carry.
-inline constexpr std::uint16_t kCompanionAppPort = 33325;
-inline constexpr std::size_t kMaxRelayBody = 5'242'880;
-
 class TransferCoordinator : public runtime::Actor,
                             public std::enable_shared_from_this<TransferCoordinator> {
 public:

@@ -46,7 +46,7 @@ asio::awaitable<void> SocketTunnelTransport::doSend(Bytes head, SharedBytes tail
         error = asio::error::bad_descriptor;
     } else {
         const std::array<asio::const_buffer, 2> pieces{asio::buffer(head),
-                                                       asio::buffer(tail.bytes())};
+                                                       asio::buffer(tail.data(), tail.size())};
         co_await asio::async_write(socket_, pieces,
                                    asio::redirect_error(asio::use_awaitable, error));
     }

@@ -7,14 +7,15 @@
 #include <optional>
 #include <span>
 
+#include "common/bridge_messages.hpp"
 #include "common/bytes.hpp"
 
 namespace skiff::tunnel {
 
 inline constexpr std::uint32_t kFrameMagic = 0x55545250;
 inline constexpr std::size_t kFrameHeaderSize = 16;
-// Binds both directions and every relayed body above the tunnel.
-inline constexpr std::uint32_t maxFramePayload = 5'242'880;
+// Binds both directions; it is the relay body limit, every relayed body fits one frame.
+inline constexpr std::uint32_t maxFramePayload = service::kMaxRelayBodyBytes;
 
 // Kinds 4 and 5 are reserved by the format: they parse, but no endpoint sends or
 // accepts them.

@@ -30,9 +30,9 @@ asio::awaitable<void> UsbMuxTunnelTransport::send(Bytes head, SharedBytes tail) 
     // One native call for both pieces, so that no other send comes between them.
     // Jobs are named locals: the co_await temporaries rule in common/task.hpp.
     auto write = [connection = connection_, head = std::move(head), tail = std::move(tail)] {
-        return usbmux_tunnel_conn_send_pair(
-            connection.get(), head.data(), static_cast<std::uint32_t>(head.size()),
-            tail.bytes().data(), static_cast<std::uint32_t>(tail.size()));
+        return usbmux_tunnel_conn_send_pair(connection.get(), head.data(),
+                                            static_cast<std::uint32_t>(head.size()), tail.data(),
+                                            static_cast<std::uint32_t>(tail.size()));
     };
     bool sent = co_await sendQueue_.run(std::move(write));
     if (!sent) {

@@ -36,6 +36,9 @@ public:
 
     asio::awaitable<int> increment() { return isolated(shared_from_this(), &Counter::doIncrement); }
 
+    // Reads the value without suspending.
+    asio::awaitable<int> value() { return isolated(shared_from_this(), &Counter::doValue); }
+
     // Parks on the strand until `release` is resumed.
     asio::awaitable<void> park(OnceReply<void> release) {
         return isolated(shared_from_this(), &Counter::doPark, std::move(release));
@@ -43,6 +46,8 @@ public:
 
 private:
     asio::awaitable<void> doPark(OnceReply<void> release) { co_await std::move(release).wait(); }
+
+    asio::awaitable<int> doValue() { co_return value_; }
 
     asio::awaitable<int> doIncrement() {
         assertIsolated();
@@ -82,6 +87,24 @@ TEST(Actor, BodiesRunOnTheStrandAndCallersResumeOnTheirOwnExecutor) {
     EXPECT_TRUE(runSync(callerStrand, task()));
     ASSERT_TRUE(readyInTime(other));
     EXPECT_EQ(runSync(runtime.executor(), counter.increment()), kCalls + 1);
+}
+
+// Actors built on one strand call each other directly: the callee's body runs before
+// anything posted to the strand meanwhile, as no hand-over lets it in.
+TEST(Actor, ACallAlreadyOnTheStrandRunsInline) {
+    StartedRuntime runtime;
+    const asio::any_io_executor shared = asio::make_strand(runtime.executor());
+    auto first = std::make_shared<Counter>(shared);
+    auto second = std::make_shared<Counter>(shared);
+    auto overtaken = std::make_shared<std::atomic<bool>>(false);
+    auto task = [&]() -> asio::awaitable<bool> {
+        asio::post(shared, [overtaken] { *overtaken = true; });
+        co_await first->value();
+        co_await second->value();
+        co_return second->isIsolated() && !*overtaken;
+    };
+    EXPECT_TRUE(runSync(shared, task()));
+    EXPECT_EQ(runSync(runtime.executor(), second->increment()), 1);
 }
 
 TEST(SerialQueue, RunsJobsInOrderOnItsOwnThreadAndPassesResultsAndErrors) {

@@ -115,13 +115,13 @@ public:
     void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) override {
         reply(true, "RTT: 1.00 ms — ok\n");
     }
-    void relayToUsbMux(std::int64_t selector, Bytes param,
+    void relayToUsbMux(std::int64_t selector, SharedBytes param,
                        std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override {
         if (selector < 0) {
             throw InvalidArgs("negative selector");
         }
         events_.note("relay");
-        reply(Bytes(param.rbegin(), param.rend()), selector, -selector);
+        reply(Bytes(param.span().rbegin(), param.span().rend()), selector, -selector);
     }
     void requestFileIO(std::int64_t operation, Bytes param,
                        std::function<void(Bytes, std::int64_t)> reply) override {

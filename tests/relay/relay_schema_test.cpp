@@ -45,11 +45,18 @@ constexpr const char* kSummaryText =
     R"("changeTime":{"tvSec":3,"tvNsec":4},"birthTime":{"tvSec":5,"tvNsec":6},)"
     R"("contentVersion":"AQID"})";
 
-TEST(RelaySchema, ItemSummaryRoundTripsWithExactKeys) {
+TEST(RelaySchema, ItemSummaryRoundTripsWithExactKeysAndAnEmptyVersionStaysDistinct) {
     const auto body = encode(summary());
     ASSERT_TRUE(body);
     EXPECT_EQ(textOf(*body), kSummaryText);
     EXPECT_EQ(decode<RelayItemSummary>(*body), summary());
+
+    auto b = summary();
+    b.metadataVersion = Bytes{};
+    const auto withEmpty = encode(b);
+    ASSERT_TRUE(withEmpty);
+    EXPECT_NE(textOf(*withEmpty).find(R"("metadataVersion":"")"), std::string::npos);
+    EXPECT_EQ(decode<RelayItemSummary>(*withEmpty), b);
 }
 
 TEST(RelaySchema, LookupRequestCodesEverySourceByName) {
@@ -74,18 +81,13 @@ TEST(RelaySchema, LookupRequestCodesEverySourceByName) {
     }
 }
 
-TEST(RelaySchema, ItemSummaryRejectsOutOfRangeAndMistypedFields) {
+// The generic strictness is the JSON helpers'; these are the field types of this record.
+TEST(RelaySchema, ItemSummaryFieldsKeepTheirTypesAndCodesTheirRange) {
     const auto good = skiff::json::toJson(summary());
     const std::vector<std::pair<const char*, Json>> bad = {
         {"size", -1},
         {"mode", 4294967296ULL},
-        {"uid", -1},
-        {"inode", 1.5},
-        {"isDirectory", "false"},
-        {"filename", nullptr},
         {"accessTime", Json::parse(R"({"tvSec":0,"tvNsec":2147483648})")},
-        {"accessTime", Json::parse(R"({"tvSec":9223372036854775808,"tvNsec":0})")},
-        {"birthTime", Json::parse(R"({"tvSec":0})")},
         {"contentVersion", "not base64"},
     };
     for (const auto& [key, value] : bad) {
@@ -93,26 +95,9 @@ TEST(RelaySchema, ItemSummaryRejectsOutOfRangeAndMistypedFields) {
         j[key] = value;
         EXPECT_FALSE(decode<RelayItemSummary>(bytesOf(j.dump()))) << j.dump();
     }
-    for (const char* key : {"identifier", "linkCount", "changeTime"}) {
-        auto j = good;
-        j.erase(key);
-        EXPECT_FALSE(decode<RelayItemSummary>(bytesOf(j.dump()))) << key;
-    }
-}
-
-TEST(RelaySchema, EmptyVersionStaysDistinctFromAbsentAndCodesKeepTheirRange) {
-    auto b = summary();
-    b.metadataVersion = Bytes{};
-    EXPECT_NE(summary(), b);
-    const auto body = encode(b);
-    ASSERT_TRUE(body);
-    EXPECT_NE(textOf(*body).find(R"("metadataVersion":"")"), std::string::npos);
-    EXPECT_EQ(decode<RelayItemSummary>(*body), b);
-
     using skiff::json::enumFromRaw;
     EXPECT_EQ(enumFromRaw<UsbMuxRelayError>(12), UsbMuxRelayError::internalError);
     EXPECT_FALSE(enumFromRaw<UsbMuxRelayError>(13));
-    EXPECT_FALSE(enumFromRaw<UsbMuxRelayError>(-1));
     EXPECT_EQ(enumFromRaw<RelayDeviceStatus>(9), RelayDeviceStatus::noSpace);
     EXPECT_FALSE(enumFromRaw<RelayDeviceStatus>(10));
     EXPECT_FALSE(enumFromRaw<UsbMuxRelaySelector>(21));

@@ -1,5 +1,6 @@
 // The relay bridge against a socket-pair tunnel: binding on demand and its reuse, status
-// mapping, dropping a failed tunnel, exclusive use and push dispatch.
+// mapping, dropping a failed tunnel, exclusive use and push dispatch; each with the bridge
+// and the engine on strands of their own and on the one strand skiffd gives them.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -31,7 +32,7 @@ struct Pushed {
     std::string body;
 };
 
-class TunnelRelayBridgeTest : public ::testing::Test {
+class TunnelRelayBridgeTest : public ::testing::TestWithParam<bool> {
 protected:
     // Records every push the bridge hands on, by where it went.
     struct RecordingSink final : PushSink {
@@ -45,9 +46,11 @@ protected:
     };
 
     void SetUp() override {
-        engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
+        const asio::any_io_executor core =
+            GetParam() ? asio::make_strand(runtime.executor()) : runtime.executor();
+        engine = std::make_shared<tunnel::TunnelEngine>(core);
         opener = std::make_shared<FakeOpener>(runtime.executor());
-        bridge = std::make_shared<TunnelRelayBridge>(runtime.executor(), engine, opener);
+        bridge = std::make_shared<TunnelRelayBridge>(core, engine, opener);
         sink = std::make_shared<RecordingSink>(*this);
         bridge->setPushSink(sink);
     }
@@ -84,7 +87,7 @@ protected:
     std::vector<Pushed> pushed;
 };
 
-TEST_F(TunnelRelayBridgeTest, BindsOnceAndMapsTheAppsAnswerCodes) {
+TEST_P(TunnelRelayBridgeTest, BindsOnceAndMapsTheAppsAnswerCodes) {
     EXPECT_EQ(bridge->lastIOSContact(), std::nullopt);
     auto ok = relayAnswered(0, 0, "summary");
     EXPECT_EQ(ok.data, bytesOf("summary"));
@@ -106,7 +109,7 @@ TEST_F(TunnelRelayBridgeTest, BindsOnceAndMapsTheAppsAnswerCodes) {
     EXPECT_EQ(runSync(runtime.executor(), engine->tunnelKey()), "relay:33325");
 }
 
-TEST_F(TunnelRelayBridgeTest, FailedTunnelIsClosedAndTheNextRequestReconnects) {
+TEST_P(TunnelRelayBridgeTest, FailedTunnelIsClosedAndTheNextRequestReconnects) {
     relayAnswered(0, 0, "");
     auto reply = relayAsync(2, bytesOf("lost"));
     opener->peer(0).readFrame();
@@ -121,7 +124,7 @@ TEST_F(TunnelRelayBridgeTest, FailedTunnelIsClosedAndTheNextRequestReconnects) {
     EXPECT_EQ(opener->events(), (std::vector<std::string>{"open 33325", "open 33325"}));
 }
 
-TEST_F(TunnelRelayBridgeTest, AppNotReachableGivesStatusOneAndOversizeSevenWithoutTunnel) {
+TEST_P(TunnelRelayBridgeTest, AppNotReachableGivesStatusOneAndOversizeSevenWithoutTunnel) {
     auto tooLarge = runSync(runtime.executor(),
                             bridge->relayForClient(2, Bytes(tunnel::maxFramePayload + 1, 0)));
     EXPECT_EQ(tooLarge.status, 7);
@@ -133,7 +136,7 @@ TEST_F(TunnelRelayBridgeTest, AppNotReachableGivesStatusOneAndOversizeSevenWitho
     EXPECT_EQ(refused.detail, 0);
 }
 
-TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
+TEST_P(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
     relayAnswered(0, 0, "");
     runSync(runtime.executor(), bridge->beginExclusiveUse(service::kCompanionAppPort));
     Bytes rest;
@@ -150,7 +153,7 @@ TEST_F(TunnelRelayBridgeTest, RelaysWaitWhileTheTunnelIsHeldExclusively) {
                                                           "invalidate 33325", "open 33325"}));
 }
 
-TEST_F(TunnelRelayBridgeTest, RemovalOrInvalidationFailsWaitersAndClosesTheTunnel) {
+TEST_P(TunnelRelayBridgeTest, RemovalOrInvalidationFailsWaitersAndClosesTheTunnel) {
     const std::function<asio::awaitable<void>()> drops[] = {
         [&] { return bridge->dropBinding(); },
         [&] { return bridge->invalidateTunnel(service::kCompanionAppPort); },
@@ -177,7 +180,7 @@ TEST_F(TunnelRelayBridgeTest, RemovalOrInvalidationFailsWaitersAndClosesTheTunne
     runSync(runtime.executor(), bridge->endExclusiveUse(service::kCompanionAppPort));
 }
 
-TEST_F(TunnelRelayBridgeTest, PushesAreDispatchedByMessage) {
+TEST_P(TunnelRelayBridgeTest, PushesAreDispatchedByMessage) {
     relayAnswered(0, 0, "");
     auto& phone = opener->peer(0);
     for (std::uint16_t code : {0, 1, 2, 3, 4, 5}) {
@@ -199,6 +202,8 @@ TEST_F(TunnelRelayBridgeTest, PushesAreDispatchedByMessage) {
     EXPECT_TRUE(has("mount", 3));
     EXPECT_TRUE(has("item", 4));
 }
+
+INSTANTIATE_TEST_SUITE_P(OwnOrSharedStrand, TunnelRelayBridgeTest, ::testing::Bool());
 
 }  // namespace
 }  // namespace skiff::relay

@@ -80,7 +80,7 @@ public:
     asio::awaitable<RelayAnswer> send(std::uint16_t code, SharedBytes body) override {
         codes.push_back(code);
         if (code == 11) {
-            writeChunkBodies.push_back(body.bytes());
+            writeChunkBodies.push_back(body.copy());
             if (static_cast<int>(writeChunkBodies.size()) == loseWriteChunkSend) {
                 co_return RelayAnswer{raw(UsbMuxRelayError::transportFailed), 0, {}};
             }
@@ -106,7 +106,7 @@ public:
                 held->cancel();
             }
         }
-        co_return answer(code, body.bytes());
+        co_return answer(code, body.copy());
     }
     asio::awaitable<void> reestablish() override {
         ++reestablished;

@@ -81,6 +81,9 @@ inline int append(sd_bus_message* m, ByteView v) {
 inline int append(sd_bus_message* m, const Bytes& v) {
     return append(m, ByteView(v));
 }
+inline int append(sd_bus_message* m, const SharedBytes& v) {
+    return append(m, v.span());
+}
 inline int append(sd_bus_message* m, UnixFd v) {
     return sd_bus_message_append_basic(m, 'h', &v.fd);
 }

@@ -212,7 +212,7 @@ public:
     void runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply) override {
         call("RunUsbMuxSpeedTest", std::move(reply));
     }
-    void relayToUsbMux(std::int64_t selector, Bytes param,
+    void relayToUsbMux(std::int64_t selector, SharedBytes param,
                        std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override {
         call("RelayToUsbMux", std::move(reply), selector, std::move(param));
     }

@@ -256,10 +256,11 @@ int relayToUsbMuxShared(sd_bus_message* m, void* u, sd_bus_error* e) {
                          connection->peer().c_str(), refusal.c_str());
         return refuse(e, kErrorInvalidArgs, refusal);
     }
-    // One byte past the limit is as refused as any longer body, and copying more would
-    // let a caller make the service allocate the whole of its buffer.
-    const auto copied = std::min<std::size_t>(param->size(), kMaxRelayBodyBytes + 1);
-    Bytes body(param->begin(), param->begin() + static_cast<std::ptrdiff_t>(copied));
+    // Relayed from where it lies, the mapping held until the send is done: a caller that
+    // changes its buffer meanwhile only garbles its own request. One byte past the limit
+    // is as refused as any longer body.
+    const auto length = std::min<std::size_t>(param->size(), kMaxRelayBodyBytes + 1);
+    SharedBytes body(buffer, param->first(length));
     auto host = connection->exportedObjectShared();
     if (!host) {
         return refuse(e, kErrorAccessDenied, "connection closed");
