@@ -812,8 +812,13 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
             if (start >= phoneSize) {
                 return EIO;  // the phone's copy is shorter than the bytes it must give
             }
-            if (const int error = phone_.readChunk(identifier, start, chunk); error != 0) {
-                return error;
+            // At the node's version, so that a replacement on the phone is an error rather
+            // than bytes of two versions.
+            const int error = version
+                                  ? phone_.readRange(identifier, start, kChunkSize, *version, chunk)
+                                  : phone_.readChunk(identifier, start, chunk);
+            if (error != 0) {
+                return error == kVersionChangedErrno ? EIO : error;
             }
             // A chunk shorter than the item says is a fault of the phone, never the end.
             const auto expected = std::min<std::uint64_t>(kChunkSize, phoneSize - start);
@@ -969,51 +974,20 @@ void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
 
 // --- pushes ------------------------------------------------------------------------
 
-int VolumeFs::pushWhole(Node& node, const std::string& identifier, bool onPhone,
-                        const std::optional<Bytes>& version, std::uint64_t size) {
-    // The phone takes a whole file: what the copy lacks comes from the phone first, unless
-    // the phone's copy is no longer the one the user started from.
-    bool whole = false;
+int VolumeFs::pushChanges(Node& node, const std::string& identifier,
+                          const std::optional<Bytes>& base, std::uint64_t size, bool everything) {
+    // The phone stages from its own copy of the base version, so only what was written here
+    // travels; a new item starts empty, so the bytes it gets are all it will hold.
+    PhoneRelay::PushPlan plan;
+    plan.identifier = identifier;
+    plan.baseVersion = base;
+    plan.size = size;
     {
         std::lock_guard guard(node.mutex);
-        whole = node.content.present.covers(0, size);
+        plan.dirty = everything ? std::vector<ByteRange>{{0, size}} : node.content.dirty.ranges();
+        plan.fd = node.content.fd.get();
     }
-    if (onPhone && !whole) {
-        const auto now = phone_.lookup(identifier, RelayLookupSource::fsGetAttributes);
-        if (now.error != 0) {
-            return now.error;
-        }
-        if (now.value.contentVersion != version) {
-            return kConflictErrno;
-        }
-        {
-            std::lock_guard guard(node.mutex);
-            node.attributes.size = now.value.size;
-        }
-        if (const int error = fetch(node, 0, size); error != 0) {
-            return error;
-        }
-    }
-    const auto name = "volume_" + Uuid::random().text() + ".stage";
-    try {
-        auto staged = storage_.create(name, 0);
-        std::lock_guard guard(node.mutex);
-        off_t from = 0;
-        while (static_cast<std::uint64_t>(from) < size) {
-            const auto moved =
-                ::copy_file_range(node.content.fd.get(), &from, staged.get(), nullptr,
-                                  size - static_cast<std::uint64_t>(from), 0);
-            if (moved <= 0) {
-                storage_.remove(name);
-                return EIO;
-            }
-        }
-    } catch (const std::exception& e) {
-        log::xpc().error("skiff-fs cannot stage %{public}s: %{public}s", identifier.c_str(),
-                         e.what());
-        return EIO;
-    }
-    const auto answer = phone_.push(identifier, version.value_or(Bytes{}), name, size);
+    const auto answer = phone_.pushRanges(plan);
     if (answer.error != 0) {
         return answer.error;
     }
@@ -1051,7 +1025,7 @@ int VolumeFs::push(const std::shared_ptr<Node>& node) {
     const auto identifier = nodes_.identifierOf(*node);
     // On disk before the phone is asked, so that a crash meanwhile loses nothing.
     record(*node, identifier);
-    int error = pushWhole(*node, identifier, onPhone, version, size);
+    int error = pushChanges(*node, identifier, onPhone ? version : std::nullopt, size, false);
     if (error == kConflictErrno) {
         error = keepBoth(*node, identifier);
         if (error == 0) {
@@ -1093,7 +1067,7 @@ int VolumeFs::keepBoth(Node& node, const std::string& identifier) {
     if (whole) {
         // A new item beside the phone's: the whole file is here.
         const auto beside = childOf(parentOf(identifier), name);
-        if (const int error = pushWhole(node, beside, false, std::nullopt, size); error != 0) {
+        if (const int error = pushChanges(node, beside, std::nullopt, size, true); error != 0) {
             return error;
         }
         tellUser(phone_, "\"" + identifier +

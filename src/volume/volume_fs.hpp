@@ -97,8 +97,10 @@ private:
     void markChanged(const std::shared_ptr<Node>& node);
     // Sends the node's changes to the phone and waits for the outcome. Node::io held.
     int push(const std::shared_ptr<Node>& node);
-    int pushWhole(Node& node, const std::string& identifier, bool onPhone,
-                  const std::optional<Bytes>& version, std::uint64_t size);
+    // Stages the item at `base` (a new item when absent), sends the dirty ranges (or every
+    // byte when `everything`) and commits. Node::io held.
+    int pushChanges(Node& node, const std::string& identifier, const std::optional<Bytes>& base,
+                    std::uint64_t size, bool everything);
     // The phone's copy changed since the user's started: the user's bytes are kept beside
     // it (or in the recovered folder) and the node follows the phone again. Node::io held.
     int keepBoth(Node& node, const std::string& identifier);
