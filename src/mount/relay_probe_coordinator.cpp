@@ -76,6 +76,10 @@ void RelayProbeCoordinator::volumeDidUnmount() {
     spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doVolumeDidUnmount);
 }
 
+void RelayProbeCoordinator::fileSystemDidEnd() {
+    spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doFileSystemDidEnd);
+}
+
 void RelayProbeCoordinator::stop() {
     spawnIsolated(shared_from_this(), &RelayProbeCoordinator::doStop);
 }
@@ -117,6 +121,10 @@ asio::awaitable<void> RelayProbeCoordinator::doVolumeDidMount() {
 
 asio::awaitable<void> RelayProbeCoordinator::doVolumeDidUnmount() {
     remountWanted_ = false;
+    co_await doFileSystemDidEnd();
+}
+
+asio::awaitable<void> RelayProbeCoordinator::doFileSystemDidEnd() {
     if (collaborators_.usbConnected()) {
         log::xpc().info("[relay-probe] volume unmounted — resume probe");
         startProbe();

@@ -56,6 +56,7 @@ public:
     void usbDidDisconnect();
     void volumeDidMount() override;
     void volumeDidUnmount() override;
+    void fileSystemDidEnd() override;
     // Ends the running loop for good (process teardown).
     void stop();
 
@@ -67,6 +68,7 @@ private:
     asio::awaitable<void> doUsbDidDisconnect();
     asio::awaitable<void> doVolumeDidMount();
     asio::awaitable<void> doVolumeDidUnmount();
+    asio::awaitable<void> doFileSystemDidEnd();
     asio::awaitable<void> doStop();
 
     void startProbe();

@@ -36,6 +36,10 @@ public:
     virtual ~VolumeListener() = default;
     virtual void volumeDidMount() = 0;
     virtual void volumeDidUnmount() = 0;
+    // The file system reports that it is gone. After a forced unmount this is only the echo
+    // of that unmount, which must not cancel what the forcing side planned (a remount once
+    // the phone is back); anything else is an unmount like any other.
+    virtual void fileSystemDidEnd() { volumeDidUnmount(); }
 };
 
 }  // namespace skiff::mount

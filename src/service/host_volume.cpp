@@ -15,9 +15,11 @@ namespace {
 constexpr std::uint16_t kUnmountNoticeCode = 20;
 }  // namespace
 
-asio::awaitable<void> unmountNoticeTask(std::shared_ptr<BridgeCore> core) {
-    const auto& bridge = core->relayBridge();
-    if (core->usbMuxConnection() && bridge) {
+namespace {
+
+asio::awaitable<void> tellPhoneOfUnmount(const BridgeCore& core) {
+    const auto& bridge = core.relayBridge();
+    if (core.usbMuxConnection() && bridge) {
         const auto reply = co_await bridge->relayForClient(kUnmountNoticeCode, {});
         if (reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::ok)) {
             log::xpc().info("filesystemUnmounted — iOS notified");
@@ -25,8 +27,14 @@ asio::awaitable<void> unmountNoticeTask(std::shared_ptr<BridgeCore> core) {
             log::xpc().info("filesystemUnmounted — iOS notify skipped/failed");
         }
     }
+}
+
+}  // namespace
+
+asio::awaitable<void> unmountNoticeTask(std::shared_ptr<BridgeCore> core) {
+    co_await tellPhoneOfUnmount(*core);
     if (const auto& listener = core->volumeListener()) {
-        listener->volumeDidUnmount();
+        listener->fileSystemDidEnd();
     }
 }
 
@@ -51,7 +59,10 @@ asio::awaitable<void> shutdownTask(std::shared_ptr<BridgeCore> core,
         log::xpc().error("shutdown — unmount failed: %{public}s", e.what());
         off = false;
     }
-    co_await unmountNoticeTask(core);
+    co_await tellPhoneOfUnmount(*core);
+    if (const auto& listener = core->volumeListener()) {
+        listener->volumeDidUnmount();
+    }
     reply(off);
 }
 

@@ -979,6 +979,7 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
     // The phone stages from its own copy of the base version, so only what was written here
     // travels; a new item starts empty, so the bytes it gets are all it will hold.
     PhoneRelay::PushPlan plan;
+    std::uint32_t mode = 0;
     plan.identifier = identifier;
     plan.baseVersion = base;
     plan.size = size;
@@ -986,10 +987,19 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         std::lock_guard guard(node.mutex);
         plan.dirty = everything ? std::vector<ByteRange>{{0, size}} : node.content.dirty.ranges();
         plan.fd = node.content.fd.get();
+        mode = node.attributes.mode & 07777;
     }
-    const auto answer = phone_.pushRanges(plan);
+    auto answer = phone_.pushRanges(plan);
     if (answer.error != 0) {
         return answer.error;
+    }
+    // A new item takes the phone's default mode; the one it was created with (git's
+    // executables, a private 0600 file) follows it there.
+    if (!base && (answer.value.mode & 07777) != mode) {
+        if (auto moded = phone_.setAttributes(identifier, std::nullopt, std::nullopt, mode);
+            moded.error == 0) {
+            answer = std::move(moded);
+        }
     }
     std::lock_guard guard(node.mutex);
     auto& content = node.content;

@@ -147,9 +147,20 @@ TEST_F(RelayProbeTest, StopEndsTheLoopAtOnceWhetherItSleepsOrWaitsForTheApp) {
 
 // USB events and mounts switch loops; the keepalive forces the volume off after three
 // misses in a row (a miss is a round whose two attempts both failed); a volume forced off
-// for a lost phone comes back once its app answers, unless someone unmounted it meanwhile.
+// for a lost phone comes back once its app answers (its file system ending is only the echo of
+// the forced unmount), unless someone unmounted it meanwhile.
 TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack) {
-    enum Event { mountedByHand, mounted, usbIn, usbOut, unmounted, appSilent, appAnswers, busy };
+    enum Event {
+        mountedByHand,
+        mounted,
+        usbIn,
+        usbOut,
+        unmounted,
+        fsEnded,
+        appSilent,
+        appAnswers,
+        busy
+    };
     const std::string back = "[relay-probe] iOS relay back after a forced unmount — mount again";
     const std::string again = "[relay-probe] volume mounted again — start mounted keepalive";
     const std::string keepalive =
@@ -174,8 +185,8 @@ TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack)
          {mountedLine, kMiss1, kMiss2, kMiss3, kExhausted,
           "[relay-probe] force unmount after lost relay failed: device is busy"},
          {"forced unmount"}},
-        {"gone from USB and back",
-         {{mountedByHand, 0}, {usbIn, 1}, {usbOut, 2}, {usbIn, 5}},
+        {"gone from USB, its file system ends, and back",
+         {{mountedByHand, 0}, {usbIn, 1}, {usbOut, 2}, {fsEnded, 2}, {usbIn, 5}},
          {keepalive, forced, kReachable, back, again},
          {"forced unmount", "mount"}},
         {"its app silent and back",
@@ -219,6 +230,8 @@ TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack)
                 probe->usbDidDisconnect();
             } else if (event == unmounted) {
                 probe->volumeDidUnmount();
+            } else if (event == fsEnded) {
+                probe->fileSystemDidEnd();
             }
             ASSERT_TRUE(clock->driveUntil([&] { return probeLines().size() >= lines; }));
             // A loop that was started has asked once, and whether a phone is there is known,
