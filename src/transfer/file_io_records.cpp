@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "common/little_endian.hpp"
+
 namespace skiff::transfer {
 namespace {
 
@@ -19,53 +21,15 @@ bool encodable(std::string_view identifier) {
     return identifier.size() <= kMaxChunkIdentifierBytes && isUtf8(identifier);
 }
 
-void putLittleEndian(Bytes& out, std::uint64_t value, std::size_t bytes) {
-    for (std::size_t i = 0; i < bytes; ++i) {
-        out.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
-    }
-}
-
 Bytes header(std::string_view identifier, std::uint64_t offset, std::uint32_t length) {
     Bytes out;
     out.reserve(kFixedBytes + identifier.size());
-    putLittleEndian(out, identifier.size(), kIdentifierLengthBytes);
+    appendLittleEndian(out, identifier.size(), kIdentifierLengthBytes);
     out.insert(out.end(), identifier.begin(), identifier.end());
-    putLittleEndian(out, offset, kOffsetBytes);
-    putLittleEndian(out, length, kLengthBytes);
+    appendLittleEndian(out, offset, kOffsetBytes);
+    appendLittleEndian(out, length, kLengthBytes);
     return out;
 }
-
-// Reads the fields of a body front to back; every take fails once the body is short.
-class Reader {
-public:
-    explicit Reader(std::span<const std::uint8_t> body) : rest_(body) {}
-
-    std::optional<std::uint64_t> number(std::size_t bytes) {
-        const auto taken = take(bytes);
-        if (!taken) {
-            return std::nullopt;
-        }
-        std::uint64_t value = 0;
-        for (std::size_t i = 0; i < bytes; ++i) {
-            value |= static_cast<std::uint64_t>((*taken)[i]) << (8 * i);
-        }
-        return value;
-    }
-
-    std::optional<std::span<const std::uint8_t>> take(std::uint64_t bytes) {
-        if (bytes > rest_.size()) {
-            return std::nullopt;
-        }
-        const auto taken = rest_.first(static_cast<std::size_t>(bytes));
-        rest_ = rest_.subspan(static_cast<std::size_t>(bytes));
-        return taken;
-    }
-
-    std::size_t remaining() const { return rest_.size(); }
-
-private:
-    std::span<const std::uint8_t> rest_;
-};
 
 struct ChunkHeader {
     std::string identifier;
@@ -73,7 +37,7 @@ struct ChunkHeader {
     std::uint32_t length = 0;
 };
 
-std::optional<ChunkHeader> readHeader(Reader& reader) {
+std::optional<ChunkHeader> readHeader(LittleEndianReader& reader) {
     const auto identifierLength = reader.number(kIdentifierLengthBytes);
     const auto identifier = identifierLength ? reader.take(*identifierLength) : std::nullopt;
     const auto offset = identifier ? reader.number(kOffsetBytes) : std::nullopt;
@@ -105,7 +69,7 @@ std::optional<Bytes> encodeReadChunkRequest(std::string_view identifier, std::ui
 }
 
 std::optional<ReadChunkRequest> decodeReadChunkRequest(std::span<const std::uint8_t> body) {
-    Reader reader(body);
+    LittleEndianReader reader(body);
     auto fields = readHeader(reader);
     if (!fields || reader.remaining() != 0) {
         return std::nullopt;
@@ -131,7 +95,7 @@ std::optional<Bytes> encodeWriteChunkRequest(std::string_view identifier, std::u
 }
 
 std::optional<WriteChunkRequest> decodeWriteChunkRequest(std::span<const std::uint8_t> body) {
-    Reader reader(body);
+    LittleEndianReader reader(body);
     auto fields = readHeader(reader);
     if (!fields || reader.remaining() != fields->length) {
         return std::nullopt;
