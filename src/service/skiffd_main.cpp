@@ -210,7 +210,7 @@ int main(int argc, char** argv) {
     probe->stop();
     // The USB layer stops while the runtime still runs its last tasks, so no device event
     // is delivered into a torn-down graph.
-    asio::co_spawn(runtime.executor(), usbMux.shutdown(), asio::use_future).get();
+    asio::co_spawn(runtime.executor(), usbMux.shutdown(true), asio::use_future).get();
     // A tunnel's blocking receive ends with the USB layer and still posts its completion.
     runtime.drain(kDrainLimit);
     return status;

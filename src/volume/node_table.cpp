@@ -172,7 +172,9 @@ std::size_t NodeTable::size() const {
     return byId_.size();
 }
 
-void NodeTable::dropIfUnused(const std::shared_ptr<Node>& node) {
+void NodeTable::dropIfUnused(const std::shared_ptr<Node>& entry) {
+    // A copy: the reference may be the table's own entry, which the erase below destroys.
+    const std::shared_ptr<Node> node = entry;
     if (node->lookups_ > 0 || node->opens_ > 0 || (node->pinned_ && !node->unlinked_) ||
         node->id == kRootNode) {
         return;

@@ -310,9 +310,13 @@ TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterAResta
     EXPECT_TRUE(testing::eventually(
         [&] { return readFile(storage() / "Documents/notes.txt") == "new\n"; }));
 
-    // The phone leaves during a push and comes back.
+    // The phone leaves while the file is written and comes back. Opened before, so that
+    // the open does not depend on how long the kernel keeps the entry.
+    const int away = ::open(notes.c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_GE(away, 0);
     stack_->phone().detach(ServiceStack::kDevice);
-    run("echo away > '" + notes.string() + "'");
+    ASSERT_EQ(::write(away, "away\n", 5), 5);
+    ::close(away);  // its push fails, or wins the race with the detach
     stack_->phone().attach(ServiceStack::kDevice);
     EXPECT_TRUE(testing::eventually([&] {
         return readFile(storage() / "Documents/notes.txt") == "away\n";

@@ -17,7 +17,7 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
     explicit State(Strand s) : strand(std::move(s)) {}
 
     asio::awaitable<void> start();
-    asio::awaitable<void> shutdown();
+    asio::awaitable<void> shutdown(bool final);
     asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler);
     asio::awaitable<SpeedTestRound> runSpeedTestRound(std::uint16_t port,
                                                       std::uint64_t payloadBytes);
@@ -33,6 +33,7 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
     const Strand strand;
     // Touched only on the strand.
     bool started = false;
+    bool ended = false;  // a final shutdown ran: no start after it
     DeviceEventHandler deviceEventHandler;
     // Each body waits for the one before it to finish, so a round that blocks on the
     // queue still holds the service as a whole, as its callers expect.
@@ -201,7 +202,7 @@ asio::awaitable<void> UsbMuxService::start() {
 
 asio::awaitable<void> UsbMuxService::State::start() {
     auto turn = co_await turns.lock();
-    if (started) {
+    if (started || ended) {
         co_return;
     }
     // Registered before the manager starts as well as after: the library announces the
@@ -220,13 +221,14 @@ asio::awaitable<void> UsbMuxService::State::start() {
     }
 }
 
-asio::awaitable<void> UsbMuxService::shutdown() {
+asio::awaitable<void> UsbMuxService::shutdown(bool final) {
     state_->interruptRound();
-    return isolated(state_, &State::shutdown);
+    return isolated(state_, &State::shutdown, final);
 }
 
-asio::awaitable<void> UsbMuxService::State::shutdown() {
+asio::awaitable<void> UsbMuxService::State::shutdown(bool final) {
     auto turn = co_await turns.lock();
+    ended = ended || final;
     usbmux_mgr_set_device_event_callback(nullptr);
     co_await queue.run([] { usbmux_mgr_shutdown(); });
     started = false;

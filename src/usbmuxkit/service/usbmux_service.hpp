@@ -67,8 +67,10 @@ public:
 
     // Throws Error(startFailed) when the native manager does not start.
     asio::awaitable<void> start();
-    // A round in progress fails at once rather than holding the shutdown up.
-    asio::awaitable<void> shutdown();
+    // A round in progress fails at once rather than holding the shutdown up. With
+    // `final`, a start that has not run yet (a task still queued) does nothing afterwards:
+    // the process is ending, and a USB layer started then would outlive the graph.
+    asio::awaitable<void> shutdown(bool final = false);
     asio::awaitable<void> setDeviceEventHandler(DeviceEventHandler handler);
 
     // Blocks a serial queue (never an io_context thread) for the whole round and holds
