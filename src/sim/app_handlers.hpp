@@ -5,10 +5,14 @@
 
 #include <asio.hpp>
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <map>
+#include <span>
+#include <utility>
 
 #include "common/bytes.hpp"
+#include "relay/relay_schema.hpp"
 #include "tunnel/tunnel_engine.hpp"
 
 namespace skiff::sim {
@@ -22,5 +26,13 @@ inline constexpr std::uint16_t kUnknownRequestCode = 1;
 
 // Code 0 answers code 0 with an empty body: what a keepalive needs.
 void installBasicHandlers(AppHandlerTable& table);
+
+// A request answered at once from the storage folder, on the app's executor.
+using StorageRequest = tunnel::TunnelMessage (*)(const std::filesystem::path&, const Bytes&);
+
+// Installs each request of `requests` under its code, answering from `storageRoot`.
+void installStorageHandlers(
+    AppHandlerTable& table, const std::filesystem::path& storageRoot,
+    std::span<const std::pair<relay::UsbMuxRelaySelector, StorageRequest>> requests);
 
 }  // namespace skiff::sim

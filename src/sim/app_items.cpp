@@ -220,31 +220,14 @@ tunnel::TunnelMessage renameItem(const std::filesystem::path& storageRoot, const
         });
 }
 
-namespace {
-
-using ItemRequest = tunnel::TunnelMessage (*)(const std::filesystem::path&, const Bytes&);
-
-// A plain function, so that the coroutine owns its arguments rather than a lambda's captures.
-asio::awaitable<tunnel::TunnelMessage> answerItemRequest(std::filesystem::path root,
-                                                         ItemRequest request, Bytes body) {
-    co_return request(root, body);
-}
-
-}  // namespace
-
 void installItemHandlers(AppHandlerTable& table, std::filesystem::path storageRoot) {
-    const std::pair<Selector, ItemRequest> requests[] = {
+    const std::pair<Selector, StorageRequest> requests[] = {
         {Selector::listDirectory, &listDirectory},
         {Selector::removeItem, &removeItem},
         {Selector::makeDirectory, &makeDirectory},
         {Selector::renameItem, &renameItem},
     };
-    for (const auto& [selector, request] : requests) {
-        table[static_cast<std::uint16_t>(selector)] = [root = storageRoot,
-                                                       request = request](Bytes body) {
-            return answerItemRequest(root, request, std::move(body));
-        };
-    }
+    installStorageHandlers(table, storageRoot, requests);
 }
 
 }  // namespace skiff::sim

@@ -160,30 +160,13 @@ tunnel::TunnelMessage storageSpace(const std::filesystem::path& storageRoot, con
     return answerWith(relay::RelaySpaceReply{fs.f_blocks * unit, fs.f_bavail * unit});
 }
 
-namespace {
-
-using VolumeRequest = tunnel::TunnelMessage (*)(const std::filesystem::path&, const Bytes&);
-
-// A plain function, so that the coroutine owns its arguments rather than a lambda's captures.
-asio::awaitable<tunnel::TunnelMessage> answerVolumeRequest(std::filesystem::path root,
-                                                           VolumeRequest request, Bytes body) {
-    co_return request(root, body);
-}
-
-}  // namespace
-
 void installVolumeHandlers(AppHandlerTable& table, std::filesystem::path storageRoot) {
-    const std::pair<Selector, VolumeRequest> requests[] = {
+    const std::pair<Selector, StorageRequest> requests[] = {
         {Selector::setAttributes, &setAttributes},
         {Selector::readVersionRange, &readVersionRange},
         {Selector::storageSpace, &storageSpace},
     };
-    for (const auto& [selector, request] : requests) {
-        table[static_cast<std::uint16_t>(selector)] = [root = storageRoot,
-                                                       request = request](Bytes body) {
-            return answerVolumeRequest(root, request, std::move(body));
-        };
-    }
+    installStorageHandlers(table, storageRoot, requests);
 }
 
 }  // namespace skiff::sim

@@ -211,7 +211,7 @@ int serve(const CommandLine& line, int& readyFd) {
         std::fprintf(stderr, "skiff-fs: no folder for local copies: %s\n", e.what());
         return 1;
     }
-    volume::VolumeFs volumeFs(*phone, storage, copies);
+    volume::VolumeFs volumeFs(*phone, copies);
     {
         std::lock_guard guard(served->mutex);
         served->volume = &volumeFs;

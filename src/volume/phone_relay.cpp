@@ -419,41 +419,4 @@ Answer<RelayItemSummary> PhoneRelay::rename(const std::string& identifier,
                      relay::RelayRenameRequest{identifier, newIdentifier});
 }
 
-Answer<RelayItemSummary> PhoneRelay::push(const std::string& identifier,
-                                          const Bytes& expectedVersion,
-                                          const std::string& containerName,
-                                          std::uint64_t byteCount) {
-    const auto token = Uuid::random().text();
-    const auto request = json::encode(transfer::FileIOBeginWriteRequest{
-        identifier, Uuid::random(), expectedVersion, token, containerName, byteCount});
-    if (!request) {
-        return {EINVAL, {}};
-    }
-    Answer<RelayItemSummary> answer;
-    try {
-        auto reply = client_.requestFileIO(
-            static_cast<std::int64_t>(transfer::FileIOOperation::beginWrite), *request);
-        answer.error = errnoOfFileIO(reply.status, reply.response);
-        if (reply.status ==
-            static_cast<std::int64_t>(transfer::FileIOBridgeError::deviceRejected)) {
-            // A refusal answers no detail: the item's version tells a stale write apart.
-            const auto now = lookup(identifier, relay::RelayLookupSource::fsGetAttributes);
-            const bool gone = now.error == ENOENT && !expectedVersion.empty();
-            const bool moved =
-                now.error == 0 && now.value.contentVersion.value_or(Bytes{}) != expectedVersion;
-            answer.error = gone || moved ? kConflictErrno : EIO;
-        }
-        if (answer.error == 0) {
-            answer = decoded(json::decode<RelayItemSummary>(reply.response));
-        }
-        const auto release = json::encode(transfer::FileIOEndWriteRequest{token});
-        client_.requestFileIO(static_cast<std::int64_t>(transfer::FileIOOperation::endWrite),
-                              release.value_or(Bytes{}));
-    } catch (const std::exception& e) {
-        log::xpc().error("skiff-fs push failed: %{public}s", e.what());
-        answer.error = EIO;
-    }
-    return answer;
-}
-
 }  // namespace skiff::volume

@@ -125,11 +125,6 @@ public:
     Answer<RelayItemSummary> makeDirectory(const std::string& identifier);
     Answer<RelayItemSummary> rename(const std::string& identifier,
                                     const std::string& newIdentifier);
-    // Pushes the shared container's file `containerName` (byteCount bytes) as the item's
-    // content, refused when the item's content version is no longer `expectedVersion`.
-    // The container file is released (removed) afterwards, whatever the outcome.
-    Answer<RelayItemSummary> push(const std::string& identifier, const Bytes& expectedVersion,
-                                  const std::string& containerName, std::uint64_t byteCount);
 
     // Stages the item at size from the content it has now (a new, empty item when
     // baseVersion is absent), sends the dirty ranges read from fd, and commits.

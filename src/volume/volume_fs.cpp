@@ -77,10 +77,8 @@ struct VolumeFs::Entry {
     std::shared_ptr<Node> node;
 };
 
-VolumeFs::VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage,
-                   std::filesystem::path copies)
+VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies)
     : phone_(phone),
-      storage_(std::move(storage)),
       copies_(std::move(copies)),
       owner_(::getuid()),
       group_(::getgid()),
@@ -286,16 +284,21 @@ int VolumeFs::entryOf(const std::string& identifier, RelayLookupSource source, E
     return 0;
 }
 
-void VolumeFs::replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node) {
+fuse_entry_param VolumeFs::kernelEntry(Node& node) {
     fuse_entry_param e{};
-    e.ino = node->id;
+    e.ino = node.id;
     e.generation = 1;
     {
-        std::lock_guard guard(node->mutex);
-        e.attr = attributesOf(*node);
+        std::lock_guard guard(node.mutex);
+        e.attr = attributesOf(node);
     }
     e.attr_timeout = kKernelCacheSeconds;
     e.entry_timeout = kKernelCacheSeconds;
+    return e;
+}
+
+void VolumeFs::replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node) {
+    const fuse_entry_param e = kernelEntry(*node);
     if (fuse_reply_entry(req, &e) != 0) {
         forget(node->id, 1);
     }
@@ -766,15 +769,7 @@ void VolumeFs::create(fuse_req_t req, NodeId parent, const char* name, mode_t mo
     handle->node = node;
     handle->writable = true;
     fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
-    fuse_entry_param e{};
-    e.ino = node->id;
-    e.generation = 1;
-    {
-        std::lock_guard guard(node->mutex);
-        e.attr = attributesOf(*node);
-    }
-    e.attr_timeout = kKernelCacheSeconds;
-    e.entry_timeout = kKernelCacheSeconds;
+    const fuse_entry_param e = kernelEntry(*node);
     if (fuse_reply_create(req, &e, fi) != 0) {
         nodes_.forget(node->id, 1);
         release(nullptr, fi);

@@ -39,7 +39,7 @@ namespace skiff::volume {
 class VolumeFs {
 public:
     // `copies` is the folder of the local copies (made when missing).
-    VolumeFs(PhoneRelay& phone, transfer::SharedFileStorage storage, std::filesystem::path copies);
+    VolumeFs(PhoneRelay& phone, std::filesystem::path copies);
     ~VolumeFs();
     VolumeFs(const VolumeFs&) = delete;
     VolumeFs& operator=(const VolumeFs&) = delete;
@@ -85,6 +85,8 @@ private:
     int refresh(const std::shared_ptr<Node>& node, relay::RelayLookupSource source, bool fresh);
     // The item at `identifier` as a node the kernel holds one more look-up of.
     int entryOf(const std::string& identifier, relay::RelayLookupSource source, Entry& entry);
+    // The kernel's entry of the node, with its attributes. Takes Node::mutex.
+    fuse_entry_param kernelEntry(Node& node);
     void replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node);
     struct stat attributesOf(Node& node);
     void apply(Node& node, const RelayItemSummary& summary);
@@ -111,7 +113,6 @@ private:
     void invalidate(NodeId id);
 
     PhoneRelay& phone_;
-    const transfer::SharedFileStorage storage_;
     const std::filesystem::path copies_;
     const uid_t owner_;
     const gid_t group_;
