@@ -168,6 +168,11 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
         // Whatever was bound before is dead or for another key: drop its connection first,
         // so that the open below connects anew instead of finding the dead one.
         co_await unbindAndClose();
+        {
+            // Another failed request may have taken the old transport and still be closing
+            // it; an open before that close ends would be handed the dying connection.
+            auto closed = co_await closing_.lock();
+        }
         transport = co_await opener_->open(port);
         if (transport) {
             co_await engine_->unbind();
@@ -196,6 +201,7 @@ asio::awaitable<std::optional<std::uint64_t>> TunnelRelayBridge::ensureBinding(s
 asio::awaitable<void> TunnelRelayBridge::unbindAndClose() {
     // Taken before the co_await: a binding made meanwhile keeps its own transport.
     auto transport = std::exchange(transport_, nullptr);
+    auto closing = co_await closing_.lock();
     co_await engine_->unbind();
     if (transport) {
         co_await transport->close();

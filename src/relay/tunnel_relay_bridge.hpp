@@ -121,6 +121,8 @@ private:
     // beginExclusiveUse to endExclusiveUse.
     runtime::AsyncMutex tunnelUse_;
     runtime::AsyncMutex::Lock exclusiveUse_;
+    // Held while a dropped transport closes: an open waits for it.
+    runtime::AsyncMutex closing_;
 
     mutable std::mutex contactLock_;
     std::optional<Clock::time_point> lastIOSContact_;

@@ -112,7 +112,8 @@ TEST_F(TransferE2eTest, AFetchWhoseTunnelDropsMidwayReconnectsAndCompletes) {
     stack_.phone().command("fault drop-at-chunk 2");
     const auto cut = run({"--json", "pull", "Documents/big.bin", pulledTo});
     stack_.phone().command("fault clear");
-    ASSERT_EQ(cut.exitStatus, 0) << cut.output;
+    ASSERT_EQ(cut.exitStatus, 0) << cut.output << stack_.service().output() << "the phone said:\n"
+                                 << stack_.phone().process().output();
     EXPECT_EQ(readFile(pulledTo), onPhone);
     EXPECT_TRUE(leftovers(stack_).empty()) << leftovers(stack_).front();
 }
