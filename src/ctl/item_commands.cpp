@@ -106,11 +106,22 @@ int runList(CtlSession& session, const Output& out, const std::string& identifie
 
     if (out.json) {
         printJson({{"status", 0}, {"detail", 0}, {"items", json::toJson(items)}});
-    } else {
-        for (const auto& item : items) {
-            std::cout << listLine(item, longFormat) << "\n";
+        return kExitOk;
+    }
+    // A name that could not be typed back (say "a/b" or "..") would only mislead.
+    std::size_t leftOut = 0;
+    for (const auto& item : items) {
+        if (!relay::isItemName(item.filename)) {
+            ++leftOut;
+            continue;
         }
-        std::cout << std::flush;
+        std::cout << listLine(item, longFormat) << "\n";
+    }
+    std::cout << std::flush;
+    if (leftOut != 0) {
+        std::cerr << "skiffctl: " << what << ": left out " << leftOut
+                  << (leftOut == 1 ? " entry whose name" : " entries whose names")
+                  << " cannot be used here" << std::endl;
     }
     return kExitOk;
 }
@@ -146,11 +157,17 @@ int runRename(CtlSession& session, const Output& out, const std::string& from,
 CLI::Validator identifierAsTyped() {
     return CLI::Validator(
         [](std::string& identifier) {
-            const auto first = identifier.find_first_not_of('/');
-            identifier =
-                first == std::string::npos
-                    ? std::string()
-                    : identifier.substr(first, identifier.find_last_not_of('/') + 1 - first);
+            // Slashes at either end and repeated ones are how people type paths, not names.
+            std::string spelled;
+            for (const char c : identifier) {
+                if (c != '/' || (!spelled.empty() && spelled.back() != '/')) {
+                    spelled.push_back(c);
+                }
+            }
+            if (!spelled.empty() && spelled.back() == '/') {
+                spelled.pop_back();
+            }
+            identifier = std::move(spelled);
             return std::string();
         },
         "", "identifier");

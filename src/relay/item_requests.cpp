@@ -2,19 +2,20 @@
 
 namespace skiff::relay {
 
+bool isItemName(std::string_view name) {
+    // A NUL would cut the path short at the system calls.
+    return !name.empty() && name != "." && name != ".." &&
+           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
 bool isValidItemIdentifier(std::string_view identifier) {
     if (identifier.empty()) {
         return true;
     }
-    // A NUL would cut the path short at the system calls.
-    if (identifier.find('\0') != std::string_view::npos) {
-        return false;
-    }
     std::size_t start = 0;
     while (true) {
         const auto end = std::min(identifier.find('/', start), identifier.size());
-        const auto part = identifier.substr(start, end - start);
-        if (part.empty() || part == "." || part == "..") {
+        if (!isItemName(identifier.substr(start, end - start))) {
             return false;
         }
         if (end == identifier.size()) {

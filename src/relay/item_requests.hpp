@@ -24,6 +24,9 @@ inline constexpr std::size_t kListPageLimit = 1000;
 
 // Whether identifier is spelled as above.
 bool isValidItemIdentifier(std::string_view identifier);
+// Whether name can be one component of an identifier: not empty, ".", or "..", and no "/"
+// or NUL in it. A listing entry with any other name cannot be asked for again.
+bool isItemName(std::string_view name);
 
 // listDirectory (3). cursor is the nextCursor of the page before; absent for the first.
 struct RelayListRequest {

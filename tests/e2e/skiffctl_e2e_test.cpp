@@ -233,6 +233,16 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
                                R"({"status":9,"detail":3,"error":"directory not empty"})"),
                   1u);
 
+        // What ls prints can be typed back: the phone's unusable names are left out, said
+        // once, and a path typed with doubled slashes names the same item.
+        stack_.phone().command("fault bad-names on");
+        const auto hostile = run({"ls", "Documents"});
+        stack_.phone().command("fault bad-names off");
+        EXPECT_EQ(hostile.exitStatus, 0) << hostile.output;
+        EXPECT_TRUE(hostile.output.starts_with("new/\n")) << hostile.output;
+        EXPECT_NE(hostile.output.find("left out 5 entries"), std::string::npos) << hostile.output;
+        EXPECT_EQ(run({"ls", "//Documents//new//"}).output, "n.txt\n");
+
         ASSERT_EQ(run({"rm", "Documents/new/n.txt"}).exitStatus, 0);
         ASSERT_EQ(run({"rm", "Documents/new/"}).exitStatus, 0);
         EXPECT_EQ(run({"ls", "Documents/"}).output, "");
