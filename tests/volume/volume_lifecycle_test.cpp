@@ -98,7 +98,7 @@ protected:
     }
 
     CtlRun ctl(std::vector<std::string> args) {
-        args.insert(args.begin(), buildPath("src/ctl/skiffctl"));
+        args.insert(args.begin(), ctlProgram_);
         ChildProcess process(std::move(args), stack_->environment());
         const auto status = process.waitForExit(kE2eWait);
         process.waitForOutput(std::string_view("\0", 1), kE2eWait);
@@ -141,6 +141,7 @@ protected:
 
     std::unique_ptr<ServiceStack> stack_;
     fs::path mountPoint_;
+    std::string ctlProgram_ = buildPath("src/ctl/skiffctl");
 };
 
 TEST_F(VolumeLifecycle, TheDesktopOrThePhoneMountsAndUnmountsTheVolumeAndStatusFollows) {
@@ -160,6 +161,14 @@ TEST_F(VolumeLifecycle, TheDesktopOrThePhoneMountsAndUnmountsTheVolumeAndStatusF
     // A second mount is refused and leaves the first serving.
     EXPECT_EQ(ctl({"mount"}).exitStatus, 1);
     expectServing();
+
+    // An app that stops answering leaves a healthy volume waiting, never "broken".
+    stack_->phone().command("fault silent on");
+    const auto waiting = ctl({"status"});
+    stack_->phone().command("fault silent off");
+    EXPECT_NE(waiting.output.find("volume: mounted at " + mountPoint_.string()), std::string::npos)
+        << waiting.output;
+    EXPECT_EQ(waiting.output.find("broken"), std::string::npos) << waiting.output;
 
     const auto unmounted = ctl({"unmount"});
     ASSERT_EQ(unmounted.exitStatus, 0) << unmounted.output << stack_->service().output();
@@ -217,6 +226,29 @@ TEST_F(VolumeLifecycle, ADeadFileSystemIsBrokenUntilForcedOffAndALostPhoneForces
     // With its last user gone the file system ends.
     expectGone();
     EXPECT_EQ(volumeStatus().first, "notMounted");
+}
+
+TEST_F(VolumeLifecycle, AnInstalledServiceMountsThroughTheToolInstalledWithIt) {
+    // Installed under a prefix the tree was not configured with, with no tool named: skiffd
+    // finds the mount.skiff installed beside it.
+    const TempDir prefix("skiff-install");
+    ChildProcess install(
+        {SKIFF_CMAKE_COMMAND, "--install", buildPath(""), "--prefix", prefix.path()}, {});
+    const auto installed = install.waitForExit(kE2eWait);
+    ASSERT_TRUE(installed && WIFEXITED(*installed) && WEXITSTATUS(*installed) == 0)
+        << install.output();
+    stack_.reset();
+    stack_ = std::make_unique<ServiceStack>(writeNotes, std::vector<std::string>{},
+                                            prefix.path() + "/bin/skiffd");
+    mountPoint_ = fs::path(stack_->container()).parent_path() / "mnt";
+    ctlProgram_ = prefix.path() + "/bin/skiffctl";
+
+    const auto mounted = ctl({"mount"});
+    ASSERT_EQ(mounted.exitStatus, 0) << mounted.output << stack_->service().output();
+    expectServing();
+    const auto unmounted = ctl({"unmount"});
+    EXPECT_EQ(unmounted.exitStatus, 0) << unmounted.output << stack_->service().output();
+    expectGone();
 }
 
 }  // namespace
