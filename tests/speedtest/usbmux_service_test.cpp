@@ -19,9 +19,10 @@ protected:
         PhoneTest::TearDown();
     }
     // A phone with `devices` and a started service in front of it.
-    UsbMuxService& started(std::vector<std::string> devices, std::vector<std::string> args = {}) {
+    UsbMuxService& started(std::vector<std::string> devices, std::vector<std::string> args = {},
+                           std::chrono::milliseconds deadline = UsbMuxService::kRoundDeadline) {
         startPhone(std::move(devices), std::move(args));
-        service_ = std::make_unique<UsbMuxService>(runtime_.executor());
+        service_ = std::make_unique<UsbMuxService>(runtime_.executor(), deadline);
         run(service_->start());
         return *service_;
     }
@@ -107,6 +108,12 @@ TEST_F(SpeedTest, AFailedStepNamesItsErrorCode) {
     ASSERT_TRUE(usbmux_tunnel_ensure(firstDeviceTunnel()));
     control("fault close on");  // the app hangs up on the ping
     EXPECT_EQ(failure(service, 0), ErrorCode::connectionFailed);
+}
+
+TEST_F(SpeedTest, ARoundPastItsDeadlineFailsInsteadOfWaitingForThePhone) {
+    auto& service = started({"phone-A"}, {}, std::chrono::milliseconds(200));
+    control("fault delay 600000");  // the pong would come ten minutes late
+    EXPECT_EQ(failure(service), ErrorCode::pingFailed);
 }
 
 TEST_F(SpeedTest, NoDevicesWithoutAPhone) {

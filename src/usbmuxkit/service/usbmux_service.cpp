@@ -14,7 +14,8 @@ namespace usbmuxkit {
 
 // The bodies run on the service's strand, each in its turn.
 struct UsbMuxService::State : std::enable_shared_from_this<State> {
-    explicit State(Strand s) : strand(std::move(s)) {}
+    State(Strand s, std::chrono::milliseconds deadline)
+        : strand(std::move(s)), roundDeadline(deadline) {}
 
     asio::awaitable<void> start();
     asio::awaitable<void> shutdown(bool final);
@@ -31,6 +32,7 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
     std::optional<std::chrono::system_clock::time_point> lastContact();
 
     const Strand strand;
+    const std::chrono::milliseconds roundDeadline;
     // Touched only on the strand.
     bool started = false;
     bool ended = false;  // a final shutdown ran: no start after it
@@ -42,6 +44,7 @@ struct UsbMuxService::State : std::enable_shared_from_this<State> {
     // read from any thread, under their own lock.
     std::mutex roundMutex;
     usbmux_tunnel_conn* measuring = nullptr;
+    bool expired = false;  // the round in progress outlived its deadline
     std::optional<std::chrono::system_clock::time_point> lastMoved;
     // Every native call that may block runs here, never on the pool's threads.
     skiff::runtime::SerialQueue queue{"Mox.Harbor.usbmux-service"};
@@ -140,8 +143,9 @@ double UsbMuxService::ThroughputResult::mbitPerSecond() const {
     return static_cast<double>(bytes) * 8 / (seconds * 1000000);
 }
 
-UsbMuxService::UsbMuxService(asio::any_io_executor executor)
-    : Actor(std::move(executor)), state_(std::make_shared<State>(strand())) {}
+UsbMuxService::UsbMuxService(asio::any_io_executor executor,
+                             std::chrono::milliseconds roundDeadline)
+    : Actor(std::move(executor)), state_(std::make_shared<State>(strand(), roundDeadline)) {}
 
 UsbMuxService::~UsbMuxService() {
     bool wasTarget = false;
@@ -261,7 +265,20 @@ asio::awaitable<UsbMuxService::SpeedTestRound> UsbMuxService::State::runSpeedTes
     }
     auto self = shared_from_this();
     auto measure = [self, port, payloadBytes] { return self->measureRound(port, payloadBytes); };
+    {
+        std::lock_guard lock(roundMutex);
+        expired = false;
+    }
+    asio::steady_timer deadline(strand, roundDeadline);
+    deadline.async_wait([self](const asio::error_code& error) {
+        if (!error) {
+            std::lock_guard lock(self->roundMutex);
+            self->expired = true;
+            usbmux_tunnel_conn_invalidate(self->measuring);
+        }
+    });
     RoundOutcome outcome = co_await queue.run(std::move(measure));
+    deadline.cancel();
     if (auto* code = std::get_if<ErrorCode>(&outcome)) {
         throw Error(*code);
     }
@@ -279,7 +296,14 @@ RoundOutcome UsbMuxService::State::measureRound(std::uint16_t port, std::uint64_
         watchRound(nullptr);
         usbmux_tunnel_conn_release(conn);
     }
-    if (auto* code = std::get_if<ErrorCode>(&outcome); code && *code == ErrorCode::pingFailed) {
+    bool timedOut = false;
+    {
+        std::lock_guard lock(roundMutex);
+        timedOut = expired;
+    }
+    // Past the deadline the tunnel was dropped here: the failed step is the answer.
+    if (auto* code = std::get_if<ErrorCode>(&outcome);
+        code && *code == ErrorCode::pingFailed && !timedOut) {
         // A failed ping only tells whether a tunnel to the port exists at all.
         return resolveDeviceUDID(id).empty() ? ErrorCode::noDevices : ErrorCode::connectionFailed;
     }

@@ -60,9 +60,14 @@ public:
 
     using DeviceEventHandler = std::function<void(const DeviceEvent&)>;
 
+    // A round still running after this fails: its tunnel is invalidated, so that a phone
+    // that stops answering mid-round cannot hold the service for ever.
+    static constexpr std::chrono::milliseconds kRoundDeadline{120'000};
+
     // skiffd makes one in main, tests make their own on a runtime of theirs. The native
     // layer behind it is always the process-wide tunnel manager.
-    explicit UsbMuxService(asio::any_io_executor executor);
+    explicit UsbMuxService(asio::any_io_executor executor,
+                           std::chrono::milliseconds roundDeadline = kRoundDeadline);
     ~UsbMuxService();
 
     // Throws Error(startFailed) when the native manager does not start.
