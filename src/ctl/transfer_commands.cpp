@@ -161,23 +161,52 @@ HarborClient::FileIOReply requestWithProgress(CtlSession& session, TransferRepor
     return answer.get();
 }
 
-// Why the phone refused to hand out the item: a look-up names it.
-std::string whyRefused(CtlSession& session, const std::string& identifier) {
+// The phone's item at identifier, or the device status that refused the look-up (nullopt
+// with no item when the look-up itself could not be made).
+struct Looked {
+    std::optional<relay::RelayItemSummary> item;
+    std::optional<std::int64_t> refusal;
+};
+Looked lookUp(CtlSession& session, const std::string& identifier) {
     auto body = json::encode(
-        relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsLookupByName});
+        relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsGetAttributes});
     if (!body) {
-        return "the phone refused";
+        return {};
     }
     const auto reply = session.client().relayToUsbMux(
         static_cast<std::int64_t>(relay::UsbMuxRelaySelector::lookupItem), std::move(*body));
-    const auto notFound = static_cast<std::int64_t>(relay::RelayDeviceStatus::notFound);
     if (reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::deviceStatus)) {
-        if (reply.code == notFound) {
-            return "\"" + identifier + "\" not found on the phone";
-        }
-        return "the phone refused: " + std::string(deviceStatusName(reply.code));
+        return {std::nullopt, reply.code};
+    }
+    return {json::decode<relay::RelayItemSummary>(reply.response), std::nullopt};
+}
+
+bool isNotFound(const Looked& looked) {
+    return looked.refusal == static_cast<std::int64_t>(relay::RelayDeviceStatus::notFound);
+}
+
+// Why the phone refused to hand out the item: a look-up names it.
+std::string whyRefused(CtlSession& session, const std::string& identifier) {
+    const auto looked = lookUp(session, identifier);
+    if (isNotFound(looked)) {
+        return "\"" + identifier + "\" not found on the phone";
+    }
+    if (looked.item && looked.item->isDirectory) {
+        return "\"" + identifier + "\": that is a folder";
+    }
+    if (looked.refusal) {
+        return "the phone refused: " + std::string(deviceStatusName(*looked.refusal));
     }
     return "the phone refused";
+}
+
+// Why the phone refused to store the item: its folder is missing, or something else.
+std::string whyRefusedToStore(CtlSession& session, const std::string& identifier) {
+    const auto slash = identifier.rfind('/');
+    if (slash != std::string::npos && isNotFound(lookUp(session, identifier.substr(0, slash)))) {
+        return "\"" + identifier.substr(0, slash) + "\": no such folder on the phone";
+    }
+    return "the phone refused to store \"" + identifier + "\"";
 }
 
 int serviceFailure(TransferReport& report, std::int64_t status, const std::string& message) {
@@ -336,13 +365,13 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
     // The push replaces whatever the phone holds: it expects the item's current version
     // (none for a new item).
     Bytes current;
-    if (auto lookup = json::encode(
-            relay::RelayLookupRequest{identifier, relay::RelayLookupSource::fsGetAttributes})) {
-        const auto reply = session.client().relayToUsbMux(
-            static_cast<std::int64_t>(relay::UsbMuxRelaySelector::lookupItem), std::move(*lookup));
-        if (const auto item = json::decode<relay::RelayItemSummary>(reply.response)) {
-            current = item->contentVersion.value_or(Bytes{});
+    if (const auto looked = lookUp(session, identifier); looked.item) {
+        if (looked.item->isDirectory) {
+            return serviceFailure(report,
+                                  static_cast<std::int64_t>(FileIOBridgeError::deviceRejected),
+                                  "\"" + identifier + "\": that is a folder");
         }
+        current = looked.item->contentVersion.value_or(Bytes{});
     }
     auto body = json::encode(transfer::FileIOBeginWriteRequest{
         identifier, sessionID, current, transferID.text(), staged, byteCount});
@@ -352,9 +381,8 @@ int runPush(CtlSession& session, const Output& out, const std::string& file,
     const auto reply =
         requestWithProgress(session, report, sessionID, FileIOOperation::beginWrite, *body);
     if (reply.status != 0) {
-        return beginFailed(report, reply.status, [&] {
-            return "the phone refused to store \"" + identifier + "\" (does its folder exist?)";
-        });
+        return beginFailed(report, reply.status,
+                           [&] { return whyRefusedToStore(session, identifier); });
     }
     report.finished(byteCount, std::chrono::duration<double>(Clock::now() - start).count());
     return kExitOk;

@@ -154,6 +154,9 @@ TEST_F(SkiffctlE2eTest, CommandsAnswerWithTheirResultsOrSayWhyAndExitAccordingly
             {{"relay", "2", "--body", missing}, 3, "cannot read"},
             {{"pull", "Documents/notes.txt", missing + "/in/no/folder"}, 3, "cannot write"},
             {{"pull", "Documents/absent.txt", dir.path()}, 1, "not found on the phone"},
+            {{"pull", "Documents", dir.path()}, 1, "that is a folder"},
+            {{"push", feed, "Documents"}, 1, "that is a folder"},
+            {{"push", feed, "Nope/feed"}, 1, "\"Nope\": no such folder on the phone"},
         };
         for (const auto& c : cases) {
             // A client that cannot reach its bus is not leak-checked (as before).
