@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "common/bridge_messages.hpp"
 #include "common/bytes.hpp"
@@ -32,6 +33,20 @@ class InvalidArgs : public std::invalid_argument {
 public:
     using std::invalid_argument::invalid_argument;
 };
+
+// One request of an ordered relay and its answer: RelayToUsbMux's arguments and results.
+struct OrderedRelayRequest {
+    std::int64_t selector = 0;
+    Bytes param;
+};
+struct OrderedRelayAnswer {
+    Bytes response;
+    std::int64_t status = 0;
+    std::int64_t code = 0;
+};
+
+// An ordered relay carries at most this many requests.
+inline constexpr std::size_t kMaxOrderedRelays = 64;
 
 // What the service exports to every client (one object per client connection).
 class HarborBridgeHostProtocol {
@@ -54,6 +69,16 @@ public:
                                std::function<void(Bytes, std::int64_t, std::int64_t)> reply) = 0;
     virtual void requestFileIO(std::int64_t operation, Bytes param,
                                std::function<void(Bytes, std::int64_t)> reply) = 0;
+    // Our own: the requests go to the app in this order, each sent without waiting for the
+    // answer of the one before (the app handles one item's requests in arrival order), so
+    // a stage, its chunks and its commit cost one round trip. One answer each, in order,
+    // each checked and answered as relayToUsbMux would. Not every host offers it.
+    virtual void relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
+                                      std::function<void(std::vector<OrderedRelayAnswer>)> reply) {
+        (void)requests;
+        (void)reply;
+        throw NotSupported("ordered relays are not available from this host");
+    }
     virtual void filesystemDidUnmount() = 0;
     virtual void shutdown(std::function<void(bool)> reply) = 0;
     // The service's state for people and scripts (a ServiceStatus JSON body). Not every

@@ -73,21 +73,71 @@ asio::awaitable<RelayReply> TunnelRelayBridge::doRelayForClient(std::uint16_t co
     }
     RelayOutcome outcome = co_await doRelay(service::kCompanionAppPort, code, std::move(payload));
     if (outcome.response) {
-        touchContact();
-        // Answer codes the service does not know read as a plain I/O error.
-        const std::int64_t status = outcome.response->code > 9
-                                        ? static_cast<std::int64_t>(RelayDeviceStatus::ioError)
-                                        : outcome.response->code;
-        if (status == 0) {
-            co_return RelayReply{std::move(outcome.response->payload), raw(UsbMuxRelayError::ok),
-                                 0};
-        }
-        co_return RelayReply{std::move(outcome.response->payload),
-                             raw(UsbMuxRelayError::deviceStatus), status};
+        co_return replyFor(std::move(*outcome.response));
     }
     const std::int64_t status = outcome.failureStatus;
     co_await doUnbindAfterFailure(std::move(outcome));
     co_return RelayReply{{}, status, 0};
+}
+
+RelayReply TunnelRelayBridge::replyFor(tunnel::TunnelMessage answer) {
+    touchContact();
+    // Answer codes the service does not know read as a plain I/O error.
+    const std::int64_t status =
+        answer.code > 9 ? static_cast<std::int64_t>(RelayDeviceStatus::ioError) : answer.code;
+    if (status == 0) {
+        return RelayReply{std::move(answer.payload), raw(UsbMuxRelayError::ok), 0};
+    }
+    return RelayReply{std::move(answer.payload), raw(UsbMuxRelayError::deviceStatus), status};
+}
+
+asio::awaitable<std::vector<RelayReply>> TunnelRelayBridge::relayInOrderForClient(
+    std::vector<std::pair<std::uint16_t, SharedBytes>> requests) {
+    return isolated(shared_from_this(), &TunnelRelayBridge::doRelayInOrderForClient,
+                    std::move(requests));
+}
+
+asio::awaitable<std::vector<RelayReply>> TunnelRelayBridge::doRelayInOrderForClient(
+    std::vector<std::pair<std::uint16_t, SharedBytes>> requests) {
+    std::vector<RelayReply> replies(requests.size());
+    RelayOutcome failed;
+    const auto binding = co_await ensureBinding(service::kCompanionAppPort);
+    if (!binding) {
+        for (auto& reply : replies) {
+            reply.status = raw(UsbMuxRelayError::notConnected);
+        }
+        co_return replies;
+    }
+    failed.binding = *binding;
+    // Every request is on its way before the first answer is awaited.
+    std::vector<std::optional<runtime::OnceReply<tunnel::TunnelMessage>>> sent(requests.size());
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        if (requests[i].second.size() > tunnel::maxFramePayload) {
+            replies[i].status = raw(UsbMuxRelayError::payloadTooLarge);
+            continue;
+        }
+        try {
+            sent[i] = co_await engine_->send(requests[i].first, std::move(requests[i].second));
+        } catch (const std::exception&) {
+            replies[i].status = raw(UsbMuxRelayError::notConnected);
+            failed.failureStatus = replies[i].status;
+        }
+    }
+    for (std::size_t i = 0; i < sent.size(); ++i) {
+        if (!sent[i]) {
+            continue;
+        }
+        try {
+            replies[i] = replyFor(co_await std::move(*sent[i]).wait());
+        } catch (const std::exception&) {
+            replies[i].status = raw(UsbMuxRelayError::transportFailed);
+            failed.failureStatus = replies[i].status;
+        }
+    }
+    if (failed.failureStatus != 0) {
+        co_await doUnbindAfterFailure(std::move(failed));
+    }
+    co_return replies;
 }
 
 std::optional<TunnelRelayBridge::Clock::time_point> TunnelRelayBridge::lastIOSContact() const {

@@ -16,6 +16,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/actor.hpp"
 #include "common/async_mutex.hpp"
@@ -75,6 +77,10 @@ public:
     // A client's relay to the app's port, mapped to its reply. Runs on the bridge's strand
     // from start to end, so a failure is unbound without a second hand-over.
     asio::awaitable<RelayReply> relayForClient(std::uint16_t code, SharedBytes payload);
+    // Several client relays to the app's port: each is sent without waiting for the answer
+    // of the one before, in the given order, then every answer is awaited. One reply each.
+    asio::awaitable<std::vector<RelayReply>> relayInOrderForClient(
+        std::vector<std::pair<std::uint16_t, SharedBytes>> requests);
 
     // The device went away: fail every waiting request and drop the tunnel.
     asio::awaitable<void> dropBinding();
@@ -96,6 +102,10 @@ private:
                                           SharedBytes payload);
     asio::awaitable<void> doUnbindAfterFailure(RelayOutcome outcome);
     asio::awaitable<RelayReply> doRelayForClient(std::uint16_t code, SharedBytes payload);
+    asio::awaitable<std::vector<RelayReply>> doRelayInOrderForClient(
+        std::vector<std::pair<std::uint16_t, SharedBytes>> requests);
+    // The client's reply to the app's answer; marks the contact.
+    RelayReply replyFor(tunnel::TunnelMessage answer);
     asio::awaitable<void> doDropBinding();
     asio::awaitable<void> doInvalidateTunnel(std::uint16_t port);
     asio::awaitable<void> doBeginExclusiveUse(std::uint16_t port);

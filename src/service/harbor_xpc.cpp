@@ -155,6 +155,30 @@ asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t 
     reply(std::move(result.data), result.status, result.detail);
 }
 
+using OrderedReplyFn = std::function<void(std::vector<OrderedRelayAnswer>)>;
+
+// The answers of requests refused before the relay carry their status already; the others
+// go to the app together.
+asio::awaitable<void> orderedRelayTask(std::shared_ptr<BridgeCore> core,
+                                       std::vector<std::pair<std::uint16_t, SharedBytes>> sent,
+                                       std::vector<std::size_t> positions,
+                                       std::vector<OrderedRelayAnswer> answers,
+                                       OrderedReplyFn reply) {
+    auto bridge = core->relayBridge();
+    if (!core->usbMuxConnection() || !bridge) {
+        for (const auto i : positions) {
+            answers[i].status = status(UsbMuxRelayError::transportFailed);
+        }
+        reply(std::move(answers));
+        co_return;
+    }
+    auto replies = co_await bridge->relayInOrderForClient(std::move(sent));
+    for (std::size_t k = 0; k < replies.size(); ++k) {
+        answers[positions[k]] = {std::move(replies[k].data), replies[k].status, replies[k].detail};
+    }
+    reply(std::move(answers));
+}
+
 using FileIOReplyFn = std::function<void(Bytes, std::int64_t)>;
 using transfer::FileIOBridgeError;
 
@@ -340,6 +364,46 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, SharedBytes param, RelayRe
     }
     runtime::spawnTask(core_.executor(), core_.shared_from_this(), &relayTask,
                        static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
+}
+
+void Harbor_XPC::relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
+                                      OrderedReplyFn reply) {
+    if (requests.size() > kMaxOrderedRelays) {
+        throw InvalidArgs("an ordered relay carries at most " + std::to_string(kMaxOrderedRelays) +
+                          " requests, not " + std::to_string(requests.size()));
+    }
+    for (const auto& request : requests) {
+        if (request.selector < 0 || request.selector > 0xFFFF) {
+            throw InvalidArgs("relay selector " + std::to_string(request.selector) +
+                              " outside the frame code range 0-65535");
+        }
+    }
+    std::vector<OrderedRelayAnswer> answers(requests.size());
+    const auto role = core_.roleOfHost(this);
+    const bool registered = role == kFileProvider || role == kDesktopApp;
+    const bool attached = core_.usbMuxConnection().has_value();
+    std::vector<std::pair<std::uint16_t, SharedBytes>> sent;
+    std::vector<std::size_t> positions;
+    for (std::size_t i = 0; i < requests.size(); ++i) {
+        // The checks of a single relay, in its order, for each request.
+        if (!registered) {
+            answers[i].status = status(UsbMuxRelayError::notConnected);
+        } else if (requests[i].param.size() > kMaxRelayBodyBytes) {
+            answers[i].status = status(UsbMuxRelayError::payloadTooLarge);
+        } else if (!attached) {
+            answers[i].status = status(UsbMuxRelayError::transportFailed);
+        } else {
+            sent.emplace_back(static_cast<std::uint16_t>(requests[i].selector),
+                              SharedBytes(std::move(requests[i].param)));
+            positions.push_back(i);
+        }
+    }
+    if (sent.empty()) {
+        reply(std::move(answers));
+        return;
+    }
+    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &orderedRelayTask,
+                       std::move(sent), std::move(positions), std::move(answers), std::move(reply));
 }
 
 void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes param,

@@ -42,6 +42,8 @@ public:
                        std::function<void(Bytes, std::int64_t, std::int64_t)> reply) override;
     void requestFileIO(std::int64_t operation, Bytes param,
                        std::function<void(Bytes, std::int64_t)> reply) override;
+    void relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
+                              std::function<void(std::vector<OrderedRelayAnswer>)> reply) override;
     void filesystemDidUnmount() override;
     void shutdown(std::function<void(bool)> reply) override;
     void getStatus(std::function<void(Bytes)> reply) override;

@@ -85,6 +85,11 @@ asio::awaitable<TunnelMessage> TunnelEngine::request(std::uint16_t code, SharedB
         isolated(shared_from_this(), &TunnelEngine::doRequest, code, std::move(payload)));
 }
 
+asio::awaitable<runtime::OnceReply<TunnelMessage>> TunnelEngine::send(std::uint16_t code,
+                                                                      SharedBytes payload) {
+    return isolated(shared_from_this(), &TunnelEngine::doRequest, code, std::move(payload));
+}
+
 asio::awaitable<TunnelMessage> TunnelEngine::awaitResponse(
     asio::awaitable<runtime::OnceReply<TunnelMessage>> registered) {
     auto caller = co_await std::move(registered);

@@ -62,6 +62,11 @@ public:
     // or the transport's own TunnelTransportError when writing this request failed. The
     // payload goes to the transport as it is, behind a separate header: never copied.
     asio::awaitable<TunnelMessage> request(std::uint16_t code, SharedBytes payload);
+    // Client role: sends a request without waiting for its response, which the returned
+    // reply gives (its wait throws as request does). Requests sent one after another reach
+    // the transport in that order. Throws TunnelEngineError when nothing is bound.
+    asio::awaitable<runtime::OnceReply<TunnelMessage>> send(std::uint16_t code,
+                                                            SharedBytes payload);
 
     // Server role: queues a push and sends what the queue holds unless requests are in
     // hand. A failed or refused send is dropped (the read loop notices a dead tunnel).

@@ -8,6 +8,7 @@
 
 #include "common/run_sync.hpp"
 #include "e2e/service_stack.hpp"
+#include "relay/item_requests.hpp"
 #include "service/dbus/client_session.hpp"
 #include "service/service_status.hpp"
 
@@ -125,6 +126,43 @@ TEST(BridgeE2eTest, RelaysOutliveDroppedStreamsAndEitherOfTwoPhonesLeaving) {
             extension.recorder->waitForState({2, false}, mark, std::chrono::milliseconds(0)))
             << "the link was reported gone while a phone stayed";
     }
+}
+
+TEST(BridgeE2eTest, AnOrderedRelayReachesTheAppInOrderAndChecksEachRequest) {
+    ServiceStack stack(writeNotes);
+    auto extension = registerWithPhone(stack, kFileProvider);
+    using relay::UsbMuxRelaySelector;
+    const auto item = [](UsbMuxRelaySelector selector, const std::string& identifier) {
+        return service::OrderedRelayRequest{
+            static_cast<std::int64_t>(selector),
+            json::encode(relay::RelayItemRequest{identifier}).value()};
+    };
+    // Each request depends on the one before having been handled: only arrival order
+    // makes every answer right. A body over the limit is refused alone.
+    const auto answers = extension.client->relayToUsbMuxInOrder({
+        item(UsbMuxRelaySelector::makeDirectory, "Documents/o"),
+        {kLookup, lookupBody("Documents/o")},
+        {kLookup, Bytes(service::kMaxRelayBodyBytes + 1, '{')},
+        item(UsbMuxRelaySelector::removeItem, "Documents/o"),
+        {kLookup, lookupBody("Documents/o")},
+    });
+    std::vector<std::pair<std::int64_t, std::int64_t>> outcomes;
+    for (const auto& answer : answers) {
+        outcomes.emplace_back(answer.status, answer.code);
+    }
+    const std::int64_t tooLarge = 7, refused = 9, notFound = 1;
+    EXPECT_EQ(outcomes, (std::vector<std::pair<std::int64_t, std::int64_t>>{
+                            {0, 0}, {0, 0}, {tooLarge, 0}, {0, 0}, {refused, notFound}}));
+
+    // What no correct client sends is refused as a whole; an unregistered one is told.
+    EXPECT_THROW(extension.client->relayToUsbMuxInOrder({{70000, {}}}), service::dbus::BusError);
+    EXPECT_THROW(extension.client->relayToUsbMuxInOrder(
+                     std::vector<service::OrderedRelayRequest>(service::kMaxOrderedRelays + 1)),
+                 service::dbus::BusError);
+    auto stranger = stack.connect();
+    const auto unregistered = stranger->relayToUsbMuxInOrder({{kLookup, lookupBody("")}});
+    ASSERT_EQ(unregistered.size(), 1u);
+    EXPECT_EQ(unregistered[0].status, 1);
 }
 
 }  // namespace

@@ -11,8 +11,11 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
+#include "common/bridge_protocols.hpp"
 #include "common/bytes.hpp"
 
 namespace skiff::service::dbus {
@@ -135,6 +138,12 @@ inline int read(sd_bus_message* m, UnixFd& v) {
     return sd_bus_message_read_basic(m, 'h', &v.fd);
 }
 
+// Arrays of ordered-relay requests and answers (`a(xay)`, `a(ayxx)`).
+int append(sd_bus_message* m, const std::vector<OrderedRelayRequest>& v);
+int read(sd_bus_message* m, std::vector<OrderedRelayRequest>& v);
+int append(sd_bus_message* m, const std::vector<OrderedRelayAnswer>& v);
+int read(sd_bus_message* m, std::vector<OrderedRelayAnswer>& v);
+
 // Appends every value in order; stops at the first failure.
 template <class... A>
 int appendAll([[maybe_unused]] sd_bus_message* m, const A&... values) {
@@ -149,6 +158,73 @@ int readAll([[maybe_unused]] sd_bus_message* m, A&... values) {
     int r = 1;
     ((r > 0 ? (r = read(m, values), r = (r == 0 ? -EBADMSG : r)) : r), ...);
     return r < 0 ? r : 0;
+}
+
+// An array of structures, each appended or read with its members in order.
+template <class T, class Members>
+int appendStructs(sd_bus_message* m, const char* signature, const std::vector<T>& values,
+                  Members members) {
+    const std::string element = std::string("(") + signature + ")";
+    int r = sd_bus_message_open_container(m, 'a', element.c_str());
+    for (const auto& value : values) {
+        if (r >= 0) {
+            r = sd_bus_message_open_container(m, 'r', signature);
+        }
+        if (r >= 0) {
+            r = std::apply([m](const auto&... v) { return appendAll(m, v...); }, members(value));
+        }
+        if (r >= 0) {
+            r = sd_bus_message_close_container(m);
+        }
+    }
+    return r < 0 ? r : sd_bus_message_close_container(m);
+}
+template <class T, class Members>
+int readStructs(sd_bus_message* m, const char* signature, std::vector<T>& values, Members members) {
+    const std::string element = std::string("(") + signature + ")";
+    int r = sd_bus_message_enter_container(m, 'a', element.c_str());
+    if (r <= 0) {
+        return r;
+    }
+    for (;;) {
+        r = sd_bus_message_enter_container(m, 'r', signature);
+        if (r <= 0) {
+            break;
+        }
+        T value;
+        r = std::apply([m](auto&... v) { return readAll(m, v...); }, members(value));
+        if (r >= 0) {
+            r = sd_bus_message_exit_container(m);
+        }
+        if (r < 0) {
+            return r;
+        }
+        values.push_back(std::move(value));
+    }
+    if (r < 0) {
+        return r;
+    }
+    r = sd_bus_message_exit_container(m);
+    return r < 0 ? r : 1;
+}
+
+inline auto orderedRequestMembers(auto& request) {
+    return std::tie(request.selector, request.param);
+}
+inline auto orderedAnswerMembers(auto& answer) {
+    return std::tie(answer.response, answer.status, answer.code);
+}
+inline int append(sd_bus_message* m, const std::vector<OrderedRelayRequest>& v) {
+    return appendStructs(m, "xay", v, [](const auto& x) { return orderedRequestMembers(x); });
+}
+inline int read(sd_bus_message* m, std::vector<OrderedRelayRequest>& v) {
+    return readStructs(m, "xay", v, [](auto& x) { return orderedRequestMembers(x); });
+}
+inline int append(sd_bus_message* m, const std::vector<OrderedRelayAnswer>& v) {
+    return appendStructs(m, "ayxx", v, [](const auto& x) { return orderedAnswerMembers(x); });
+}
+inline int read(sd_bus_message* m, std::vector<OrderedRelayAnswer>& v) {
+    return readStructs(m, "ayxx", v, [](auto& x) { return orderedAnswerMembers(x); });
 }
 
 }  // namespace wire

@@ -220,6 +220,10 @@ public:
                        std::function<void(Bytes, std::int64_t)> reply) override {
         call("RequestFileIO", std::move(reply), operation, std::move(param));
     }
+    void relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
+                              std::function<void(std::vector<OrderedRelayAnswer>)> reply) override {
+        call("RelayToUsbMuxInOrder", std::move(reply), std::move(requests));
+    }
     void filesystemDidUnmount() override {
         bus_->post([bus = bus_, onError = onError_] {
             const int r = sendOneWay(*bus, kServiceName, kHostPath, kHostInterface,
@@ -521,6 +525,15 @@ HarborClient::RelayReply HarborClient::relayToUsbMux(std::int64_t selector, Byte
             h.relayToUsbMux(selector, std::move(param), reply);
         });
     return {std::move(response), status, code};
+}
+
+std::vector<OrderedRelayAnswer> HarborClient::relayToUsbMuxInOrder(
+    std::vector<OrderedRelayRequest> requests) {
+    auto [answers] =
+        impl_->await<std::vector<OrderedRelayAnswer>>([&](HarborBridgeHostProtocol& h, auto reply) {
+            h.relayToUsbMuxInOrder(std::move(requests), reply);
+        });
+    return std::move(answers);
 }
 
 HarborClient::FileIOReply HarborClient::requestFileIO(std::int64_t operation, Bytes param) {

@@ -89,6 +89,8 @@ public:
     double requestExtToHostThroughput(std::uint64_t chunkSize, std::uint64_t chunkCount);
     std::pair<bool, std::string> runUsbMuxSpeedTest();
     RelayReply relayToUsbMux(std::int64_t selector, Bytes param);
+    // Our own: the requests sent in order without waiting for each answer; one answer each.
+    std::vector<OrderedRelayAnswer> relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests);
     FileIOReply requestFileIO(std::int64_t operation, Bytes param);
     void filesystemDidUnmount();
     bool shutdown();

@@ -149,6 +149,13 @@ int relayToUsbMux(sd_bus_message* m, void* u, sd_bus_error* e) {
         });
 }
 
+int relayToUsbMuxInOrder(sd_bus_message* m, void* u, sd_bus_error* e) {
+    return serve<std::tuple<std::vector<OrderedRelayAnswer>>, std::vector<OrderedRelayRequest>>(
+        m, u, e, [](Host& h, std::vector<OrderedRelayRequest> requests, auto reply) {
+            h.relayToUsbMuxInOrder(std::move(requests), reply);
+        });
+}
+
 int requestFileIO(sd_bus_message* m, void* u, sd_bus_error* e) {
     return serve<std::tuple<Bytes, std::int64_t>, std::int64_t, Bytes>(
         m, u, e, [](Host& h, std::int64_t operation, Bytes param, auto reply) {
@@ -305,6 +312,9 @@ const sd_bus_vtable kHostVtable[] = {
     SD_BUS_METHOD_WITH_NAMES("RelayToUsbMux", "xay", SD_BUS_PARAM(selector) SD_BUS_PARAM(param),
                              "ayxx", SD_BUS_PARAM(response) SD_BUS_PARAM(status) SD_BUS_PARAM(code),
                              relayToUsbMux, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES("RelayToUsbMuxInOrder", "a(xay)", SD_BUS_PARAM(requests), "a(ayxx)",
+                             SD_BUS_PARAM(answers), relayToUsbMuxInOrder,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES("RequestFileIO", "xay", SD_BUS_PARAM(operation) SD_BUS_PARAM(param),
                              "ayx", SD_BUS_PARAM(response) SD_BUS_PARAM(status), requestFileIO,
                              SD_BUS_VTABLE_UNPRIVILEGED),
