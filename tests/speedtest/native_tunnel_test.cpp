@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <future>
-#include <mutex>
 #include <random>
 
 #include "speedtest/speedtest_support.hpp"
@@ -22,21 +21,6 @@ tunnel_id tunnelTo(const std::string& udid, uint16_t port = kAppPort) {
     std::strncpy(id.udid, udid.c_str(), sizeof(id.udid) - 1);
     id.port = port;
     return id;
-}
-
-// Device events as "TYPE UDID", from libusbmuxd's event thread; the callback is a plain
-// function, so the record is process-wide.
-std::mutex eventMutex;
-std::vector<std::string> events;
-void noteEvent(const DeviceEvent* event) {
-    std::lock_guard lock(eventMutex);
-    events.push_back(std::to_string(event->eventType) + " " + event->udid);
-}
-bool eventSeen(const std::string& entry) {
-    return skiff::testing::eventually([&] {
-        std::lock_guard lock(eventMutex);
-        return std::find(events.begin(), events.end(), entry) != events.end();
-    });
 }
 
 // Sends through the echo app and reads the same bytes back on a second thread, as the
@@ -97,8 +81,8 @@ TEST_F(NativeTunnel, TunnelsOpenToListedDevicesAndCarryBytesBothWays) {
 
 TEST_F(NativeTunnel, ThePhoneClosingTheStreamOrLeavingFailsReceives) {
     startPhone({"phone-A"}, kEchoApp);
-    events.clear();
-    usbmux_mgr_set_device_event_callback(&noteEvent);
+    usbmux_mgr_set_device_event_callback(
+        [](const DeviceEvent* event) { noteEvent(event->eventType, event->udid); });
     ASSERT_TRUE(usbmux_mgr_start());
     // Changes before libusbmuxd's event stream is up are never evented; it is up once it
     // announces the device already there.
