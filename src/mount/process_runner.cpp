@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,11 +13,10 @@
 #include <optional>
 #include <system_error>
 
+#include "common/spawned_child.hpp"
 #include "common/text.hpp"
 #include "common/unique_fd.hpp"
 #include "mount/mount_error.hpp"
-
-extern char** environ;
 
 namespace skiff::mount {
 namespace {
@@ -40,8 +37,7 @@ struct ExitStatus {
     int value = 0;  // the exit status, or the signal that ended the tool
 };
 
-// One launched tool. Owns the child until it is reaped: a tool still running when its
-// owner goes (an abandoned run) is killed, and reaped when that does not block.
+// One launched tool, with its standard error caught in a pipe.
 class ToolProcess {
 public:
     ToolProcess(const std::string& executable, const Arguments& arguments) {
@@ -51,63 +47,19 @@ public:
         }
         errorOutput_ = UniqueFd(ends[0]);
         const UniqueFd writeEnd(ends[1]);
-
-        std::vector<char*> argv;
-        argv.push_back(const_cast<char*>(executable.c_str()));
-        for (const auto& argument : arguments) {
-            argv.push_back(const_cast<char*>(argument.c_str()));
-        }
-        argv.push_back(nullptr);
-
-        posix_spawn_file_actions_t actions;
-        posix_spawnattr_t attributes;
-        ::posix_spawn_file_actions_init(&actions);
-        ::posix_spawnattr_init(&attributes);
-        ::posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        ::posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        ::posix_spawn_file_actions_adddup2(&actions, writeEnd.get(), 2);
-        sigset_t none;
-        sigset_t all;
-        ::sigemptyset(&none);
-        ::sigfillset(&all);
-        ::posix_spawnattr_setsigmask(&attributes, &none);
-        ::posix_spawnattr_setsigdefault(&attributes, &all);
-        ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        const int error =
-            ::posix_spawn(&pid_, executable.c_str(), &actions, &attributes, argv.data(), environ);
-        ::posix_spawnattr_destroy(&attributes);
-        ::posix_spawn_file_actions_destroy(&actions);
-        if (error != 0) {
-            pid_ = -1;
-            throwSystemError(error, "could not launch " + executable);
-        }
-        pidfd_ = UniqueFd(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
-        if (pidfd_.get() < 0) {
-            const int openError = errno;
-            ::kill(pid_, SIGKILL);
-            reap(0);
-            throwSystemError(openError, "could not watch " + executable);
-        }
+        SpawnOptions options;
+        options.argv.push_back(executable);
+        options.argv.insert(options.argv.end(), arguments.begin(), arguments.end());
+        options.standardError = writeEnd.get();
+        child_.emplace(options);
         // Read after the exit without waiting for a background child that may hold it.
         ::fcntl(errorOutput_.get(), F_SETFL, O_NONBLOCK);
     }
 
-    ~ToolProcess() {
-        if (!status_) {
-            signal(SIGKILL);
-            reap(WNOHANG);
-        }
-    }
-    ToolProcess(const ToolProcess&) = delete;
-    ToolProcess& operator=(const ToolProcess&) = delete;
-
-    int pidfd() const { return pidfd_.get(); }
+    int pidfd() const { return child_->pidfd(); }
     int errorOutputFd() const { return errorOutput_.get(); }
     const std::string& errorOutput() const { return errorText_; }
-
-    void signal(int number) const {
-        ::syscall(SYS_pidfd_send_signal, pidfd_.get(), number, nullptr, 0);
-    }
+    void signal(int number) const { child_->signal(number); }
 
     // Reads what is waiting in the pipe; false once it has ended.
     bool collectErrorOutput() {
@@ -128,27 +80,18 @@ public:
 
     // The exit status once the child has gone; waits only when options lack WNOHANG.
     std::optional<ExitStatus> reap(int options) {
-        if (status_) {
-            return status_;
+        const auto raw = child_->reap(options);
+        if (!raw) {
+            return std::nullopt;
         }
-        int raw = 0;
-        pid_t done;
-        do {
-            done = ::waitpid(pid_, &raw, options);
-        } while (done < 0 && errno == EINTR);
-        if (done == pid_) {
-            status_ = WIFSIGNALED(raw) ? ExitStatus{true, WTERMSIG(raw)}
-                                       : ExitStatus{false, WEXITSTATUS(raw)};
-        }
-        return status_;
+        return WIFSIGNALED(*raw) ? ExitStatus{true, WTERMSIG(*raw)}
+                                 : ExitStatus{false, WEXITSTATUS(*raw)};
     }
 
 private:
-    pid_t pid_ = -1;
-    UniqueFd pidfd_;
     UniqueFd errorOutput_;
+    std::optional<SpawnedChild> child_;
     std::string errorText_;
-    std::optional<ExitStatus> status_;
 };
 
 void checkExit(const std::string& executable, const ExitStatus& status, std::string_view errors) {

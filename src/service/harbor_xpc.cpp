@@ -362,7 +362,12 @@ void Harbor_XPC::relayToUsbMux(std::int64_t selector, SharedBytes param, RelayRe
         throw InvalidArgs("relay selector " + std::to_string(selector) +
                           " outside the frame code range 0-65535");
     }
-    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &relayTask,
+    // Started on the relay's strand, the relay runs inline: no hand-over to the strand and
+    // back to the pool on the way of every look-up.
+    const auto& bridge = core_.relayBridge();
+    const asio::any_io_executor executor =
+        bridge ? asio::any_io_executor(bridge->strand()) : core_.executor();
+    runtime::spawnTask(executor, core_.shared_from_this(), &relayTask,
                        static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
 }
 

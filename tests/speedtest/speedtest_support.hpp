@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,7 +21,24 @@ inline constexpr std::uint16_t kAppPort = sim::kCompanionAppPort;
 
 class PhoneTest : public ::testing::Test {
 protected:
+    void SetUp() override {
+        std::lock_guard lock(eventMutex_);
+        events_.clear();
+    }
     void TearDown() override { usbmux_mgr_shutdown(); }
+
+    // Device events as "TYPE UDID", noted from any thread; process-wide, as libusbmuxd's
+    // callback is a plain function.
+    static void noteEvent(std::int32_t type, const std::string& udid) {
+        std::lock_guard lock(eventMutex_);
+        events_.push_back(std::to_string(type) + " " + udid);
+    }
+    static bool eventSeen(const std::string& entry) {
+        return skiff::testing::eventually([&] {
+            std::lock_guard lock(eventMutex_);
+            return std::find(events_.begin(), events_.end(), entry) != events_.end();
+        });
+    }
 
     void startPhone(std::vector<std::string> devices, std::vector<std::string> args = {}) {
         phone_ = std::make_unique<SimulatedPhone>(std::move(devices), std::move(args));
@@ -37,6 +56,8 @@ protected:
 
     skiff::testing::StartedRuntime runtime_;
     std::unique_ptr<SimulatedPhone> phone_;
+    static inline std::mutex eventMutex_;
+    static inline std::vector<std::string> events_;
 };
 
 // The tunnel to the app on the first listed device.

@@ -1,7 +1,4 @@
-#include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 
 #include "speedtest/speedtest_support.hpp"
 #include "usbmuxkit/service/usbmux_service.hpp"
@@ -38,22 +35,7 @@ protected:
         ADD_FAILURE() << "the round succeeded";
         return ErrorCode::pingFailed;
     }
-    void note(const UsbMuxService::DeviceEvent& event) {
-        std::lock_guard lock(mutex_);
-        seen_.push_back(std::to_string(event.eventType) + " " + event.udid);
-        changed_.notify_all();
-    }
-    bool waitFor(const std::string& entry) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, skiff::testing::kWaitLimit, [&] {
-            return std::find(seen_.begin(), seen_.end(), entry) != seen_.end();
-        });
-    }
-
     std::unique_ptr<UsbMuxService> service_;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> seen_;
 };
 
 TEST_F(SpeedTest, NotStartedTouchesNothing) {
@@ -127,19 +109,20 @@ TEST_F(SpeedTest, NoDevicesWhenNoTunnelCouldBeMade) {
 TEST_F(SpeedTest, DeviceEventsReachTheHandlerAsRecords) {
     startPhone({"phone-A"});
     UsbMuxService service(runtime_.executor());
-    run(service.setDeviceEventHandler([this](const auto& event) { note(event); }));
+    run(service.setDeviceEventHandler(
+        [](const auto& event) { noteEvent(event.eventType, event.udid); }));
     run(service.start());
     // libusbmuxd's event stream is up once it announces the present device; changes
     // before that are never evented.
-    ASSERT_TRUE(waitFor("1 phone-A"));
+    ASSERT_TRUE(eventSeen("1 phone-A"));
     phone_->detach("phone-A");
-    EXPECT_TRUE(waitFor("2 phone-A"));
+    EXPECT_TRUE(eventSeen("2 phone-A"));
 
     // A restart registers the kept handler again.
     run(service.shutdown());
     phone_->attach("phone-B");
     run(service.start());
-    EXPECT_TRUE(waitFor("1 phone-B"));
+    EXPECT_TRUE(eventSeen("1 phone-B"));
 }
 
 }  // namespace

@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,66 +11,29 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <stdexcept>
-
-extern char** environ;
+#include <system_error>
+#include <utility>
 
 namespace skiff::test {
-namespace {
-
-std::vector<std::string> mergedEnvironment(const std::vector<std::string>& extra) {
-    std::set<std::string_view> replaced;
-    for (const auto& x : extra) {
-        replaced.insert(std::string_view(x).substr(0, x.find('=')));
-    }
-    std::vector<std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const std::string_view entry(*e);
-        if (!replaced.contains(entry.substr(0, entry.find('=')))) {
-            env.emplace_back(entry);
-        }
-    }
-    env.insert(env.end(), extra.begin(), extra.end());
-    return env;
-}
-
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> out;
-    for (auto& s : strings) {
-        out.push_back(s.data());
-    }
-    out.push_back(nullptr);
-    return out;
-}
-
-}  // namespace
 
 ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv) {
     int pipeFds[2];
     if (::pipe2(pipeFds, O_CLOEXEC) != 0 || ::pipe2(wakeFd_, O_CLOEXEC) != 0) {
         throw std::runtime_error(std::string("pipe: ") + std::strerror(errno));
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], STDERR_FILENO);
-    auto env = mergedEnvironment(extraEnv);
-    auto argvPtrs = pointers(argv);
-    auto envPtrs = pointers(env);
-    int rc = ::posix_spawnp(&pid_, argv.at(0).c_str(), &actions, nullptr, argvPtrs.data(),
-                            envPtrs.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(pipeFds[1]);
-    if (rc != 0) {
-        ::close(pipeFds[0]);
-        ::close(wakeFd_[0]);
-        ::close(wakeFd_[1]);
-        throw std::runtime_error("cannot start " + argv[0] + ": " + std::strerror(rc));
-    }
     outputFd_ = pipeFds[0];
-    // Waits on it are bounded polls of the exit, without sleeping.
-    pidFd_ = int(::syscall(SYS_pidfd_open, pid_, 0));
+    const UniqueFd writeEnd(pipeFds[1]);
+    SpawnOptions options{std::move(argv), true,      environmentWith(extraEnv), -1,
+                         pipeFds[1],      pipeFds[1]};
+    try {
+        child_.emplace(options);
+    } catch (const std::system_error& e) {
+        for (int fd : {outputFd_, wakeFd_[0], wakeFd_[1]}) {
+            ::close(fd);
+        }
+        throw std::runtime_error(e.what());
+    }
     reader_ = std::thread([this] { readOutput(); });
 }
 
@@ -81,10 +42,8 @@ ChildProcess::~ChildProcess() {
     char byte = 1;
     (void)!::write(wakeFd_[1], &byte, 1);
     reader_.join();
-    for (int fd : {outputFd_, pidFd_, wakeFd_[0], wakeFd_[1]}) {
-        if (fd >= 0) {
-            ::close(fd);
-        }
+    for (int fd : {outputFd_, wakeFd_[0], wakeFd_[1]}) {
+        ::close(fd);
     }
 }
 
@@ -137,41 +96,33 @@ std::string ChildProcess::output() const {
 }
 
 std::optional<int> ChildProcess::waitForExit(std::chrono::milliseconds timeout) {
-    if (status_) {
-        return status_;
-    }
-    auto deadline = std::chrono::steady_clock::now() + timeout;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
-        int status = 0;
-        pid_t rc = ::waitpid(pid_, &status, WNOHANG);
-        if (rc == pid_) {
-            status_ = status;
-            awaitOutputEnd();
-            return status_;
+        if (const auto status = child_->reap(WNOHANG)) {
+            if (!std::exchange(exitSeen_, true)) {
+                awaitOutputEnd();
+            }
+            return status;
         }
-        if (rc < 0 && errno != EINTR) {
-            status_ = -1;
-            return status_;
-        }
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left <= std::chrono::milliseconds(0)) {
             return std::nullopt;
         }
-        pollfd exited{pidFd_, POLLIN, 0};
+        pollfd exited{child_->pidfd(), POLLIN, 0};
         ::poll(&exited, 1, int(left.count()));
     }
 }
 
 int ChildProcess::stop(std::chrono::milliseconds grace) {
-    if (status_) {
-        return *status_;
+    if (const auto status = waitForExit(std::chrono::milliseconds(0))) {
+        return *status;
     }
-    ::kill(pid_, SIGTERM);
+    child_->signal(SIGTERM);
     if (auto status = waitForExit(grace)) {
         return *status;
     }
-    ::kill(pid_, SIGKILL);
+    child_->signal(SIGKILL);
     return waitForExit(std::chrono::seconds(30)).value_or(-1);
 }
 
@@ -199,7 +150,7 @@ std::string buildPath(std::string_view relative) {
 }
 
 std::uint64_t ChildProcess::peakResidentBytes() const {
-    std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+    std::ifstream status("/proc/" + std::to_string(pid()) + "/status");
     for (std::string line; std::getline(status, line);) {
         if (line.starts_with("VmHWM:")) {
             return std::stoull(line.substr(6)) * 1024;

@@ -12,9 +12,11 @@
 #include <thread>
 #include <vector>
 
+#include "common/spawned_child.hpp"
+
 namespace skiff::test {
 
-// A child process started with posix_spawn whose standard output and standard error
+// A child process (common/spawned_child.hpp) whose standard output and standard error
 // are collected into one text. The destructor stops it (SIGTERM, bounded wait, SIGKILL),
 // so a test never leaves a process behind.
 class ChildProcess {
@@ -38,7 +40,7 @@ public:
     // Waits for the process to exit by itself; its wait status, or nullopt on time-out.
     std::optional<int> waitForExit(std::chrono::milliseconds timeout);
 
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return child_->pid(); }
 
     // SIGTERM, then SIGKILL after grace; returns the wait status. Harmless when already
     // stopped.
@@ -48,11 +50,10 @@ private:
     void readOutput();
     void awaitOutputEnd();
 
-    pid_t pid_ = -1;
-    int pidFd_ = -1;
+    std::optional<SpawnedChild> child_;
     int outputFd_ = -1;
     int wakeFd_[2] = {-1, -1};
-    std::optional<int> status_;
+    bool exitSeen_ = false;
     std::thread reader_;
     mutable std::mutex mutex_;
     std::condition_variable changed_;

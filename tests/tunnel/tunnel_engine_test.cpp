@@ -12,7 +12,6 @@ namespace skiff::tunnel {
 namespace {
 
 using skiff::testing::bytesOf;
-using skiff::testing::eventually;
 using skiff::testing::readyInTime;
 using skiff::testing::runSync;
 using testing::errorCaseOf;
@@ -181,87 +180,6 @@ TEST_F(TunnelEngineTest, RequestPayloadLimitIsFiveMebibytes) {
     peer->writeFrame(FrameKind::response, 0, sent.header.flow, Bytes(maxFramePayload, 0x22));
     ASSERT_TRUE(readyInTime(largest));
     EXPECT_EQ(largest.get().payload, Bytes(maxFramePayload, 0x22));
-}
-
-TEST_F(TunnelEngineTest, ServerAnswersThroughItsHandlerOrWithCodeOne) {
-    bind(TunnelEndpointRole::server, [](std::uint16_t code, Bytes payload) {
-        return [](std::uint16_t c, Bytes p) -> asio::awaitable<TunnelMessage> {
-            p.push_back('!');
-            co_return TunnelMessage{static_cast<std::uint16_t>(c + 1), std::move(p)};
-        }(code, std::move(payload));
-    });
-    peer->writeFrame(FrameKind::request, 41, 77, bytesOf("ping"));
-    Frame answer = peer->readFrame();
-    EXPECT_EQ(answer.header.kind, FrameKind::response);
-    EXPECT_EQ(answer.header.code, 42);
-    EXPECT_EQ(answer.header.flow, 77u);
-    EXPECT_EQ(answer.payload, bytesOf("ping!"));
-
-    bind(TunnelEndpointRole::server);
-    peer->writeFrame(FrameKind::request, 41, 78, bytesOf("ignored"));
-    Frame fallback = peer->readFrame();
-    EXPECT_EQ(fallback.header.code, 1);
-    EXPECT_EQ(fallback.header.flow, 78u);
-    EXPECT_TRUE(fallback.payload.empty());
-}
-
-TEST_F(TunnelEngineTest, ServerHoldsPushesUntilRequestsInHandAreAnswered) {
-    runtime::OnceReply<void> entered;
-    runtime::OnceReply<void> gate;
-    bind(TunnelEndpointRole::server, [entered, gate](std::uint16_t, Bytes) {
-        return [](runtime::OnceReply<void> in,
-                  runtime::OnceReply<void> g) -> asio::awaitable<TunnelMessage> {
-            in.resume();
-            co_await std::move(g).wait();
-            co_return TunnelMessage{0, Bytes{'r'}};
-        }(entered, gate);
-    });
-    peer->writeFrame(FrameKind::request, 1, 5);
-    runSync(runtime.executor(), runtime::OnceReply<void>(entered).wait());
-    EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 1);
-    runSync(runtime.executor(), engine->enqueuePush(77, bytesOf("held")));
-    gate.resume();
-
-    Frame first = peer->readFrame();
-    Frame second = peer->readFrame();
-    EXPECT_EQ(first.header.kind, FrameKind::response);
-    EXPECT_EQ(first.header.flow, 5u);
-    EXPECT_EQ(second.header.kind, FrameKind::push);
-    EXPECT_EQ(second.header.code, 77);
-    EXPECT_EQ(second.payload, bytesOf("held"));
-    EXPECT_EQ(runSync(runtime.executor(), engine->handlingRequestCount()), 0);
-
-    runSync(runtime.executor(), engine->enqueuePush(78, {}));
-    Frame idle = peer->readFrame();
-    EXPECT_EQ(idle.header.code, 78);
-    EXPECT_NE(idle.header.flow, 0u);
-    EXPECT_NE(idle.header.flow, second.header.flow);
-}
-
-TEST_F(TunnelEngineTest, ServerEndsTheTunnelOnBadRequestsAndOversizedAnswers) {
-    for (FrameKind kind : {FrameKind::request, FrameKind::response, FrameKind::push}) {
-        SCOPED_TRACE(static_cast<int>(kind));
-        bind(TunnelEndpointRole::server);
-        // A request with flow 0 is invalid; any other kind does not belong to a server.
-        peer->writeFrame(kind, 1, kind == FrameKind::request ? 1 : 2);
-        if (kind == FrameKind::request) {
-            peer->readFrame();
-            Bytes zeroFlow = encodeFrame(kind, 1, 1, {}).value();
-            zeroFlow[8] = 0;
-            peer->write(zeroFlow);
-        }
-        EXPECT_TRUE(eventually([&] { return !role().has_value(); }));
-    }
-
-    bind(TunnelEndpointRole::server, [](std::uint16_t code, Bytes) {
-        return [](std::uint16_t c) -> asio::awaitable<TunnelMessage> {
-            co_return TunnelMessage{0, Bytes(maxFramePayload + (c == 2 ? 1 : 0))};
-        }(code);
-    });
-    peer->writeFrame(FrameKind::request, 1, 1);
-    EXPECT_EQ(peer->readFrame().payload.size(), maxFramePayload);
-    peer->writeFrame(FrameKind::request, 2, 2);
-    EXPECT_TRUE(eventually([&] { return !role().has_value(); }));
 }
 
 }  // namespace
