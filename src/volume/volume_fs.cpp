@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <fstream>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,18 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+// FUSE names the calling thread; its process is the thread group the kernel lists for it.
+pid_t processOfThread(pid_t thread) {
+    std::ifstream status("/proc/" + std::to_string(thread) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with("Tgid:")) {
+            return static_cast<pid_t>(std::atol(line.c_str() + 5));
+        }
+    }
+    return 0;
+}
+
 constexpr auto kCacheLifetime = std::chrono::seconds(1);
 constexpr double kKernelCacheSeconds = 1.0;
 // A changed node left alone this long goes to the phone.
@@ -37,7 +51,19 @@ constexpr std::size_t kNameMax = 255;
 struct Handle {
     std::shared_ptr<Node> node;
     bool writable = false;
-    std::atomic<bool> written = false;  // by this handle's writes or cuts, since it was opened
+    // By this handle's writes or cuts since its last close. Guarded by the node's mutex,
+    // which keeps Content::unclosedWriters in step with it.
+    bool written = false;
+
+    void wrote(Content& content) {
+        if (!std::exchange(written, true)) {
+            ++content.unclosedWriters;
+        }
+    }
+    // Whether this handle was the last of its node with writes its close has not seen.
+    bool closed(Content& content) {
+        return std::exchange(written, false) && --content.unclosedWriters == 0;
+    }
 };
 
 // One open directory: its entries as listed at open, so that the kernel's pages of one
@@ -356,6 +382,12 @@ void VolumeFs::invalidate(NodeId id) {
     }
 }
 
+bool VolumeFs::fromService(fuse_req_t req) const {
+    const pid_t service = phone_.serviceProcess();
+    const pid_t caller = fuse_req_ctx(req)->pid;
+    return service != 0 && (caller == service || processOfThread(caller) == service);
+}
+
 void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int toSet,
                        fuse_file_info* fi) {
     const auto node = nodes_.get(id);
@@ -379,7 +411,7 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
             std::lock_guard guard(node->mutex);
             error = cut(*node, static_cast<std::uint64_t>(attr.st_size));
             if (fi) {
-                handleOf(fi).written = true;
+                handleOf(fi).wrote(node->content);
             }
             // A cut by path with no writer open has nobody to push it later.
             pushNow = !fi && node->content.writers == 0;
@@ -402,12 +434,9 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
         return;
     }
     const int times = toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME);
-    const bool explicitTime =
-        ((toSet & FUSE_SET_ATTR_ATIME) && !(toSet & FUSE_SET_ATTR_ATIME_NOW)) ||
-        ((toSet & FUSE_SET_ATTR_MTIME) && !(toSet & FUSE_SET_ATTR_MTIME_NOW));
-    if (times && !explicitTime && !(toSet & FUSE_SET_ATTR_MODE)) {
-        // A time set to now is how the service pokes an item the phone changed: refresh it
-        // and drop what the kernel holds of it. A node holding the user's changes keeps them.
+    if (times && fromService(req)) {
+        // The service touches an item the phone changed: refresh it and drop what the
+        // kernel holds of it. A node holding the user's changes keeps them.
         const int error = refresh(node, RelayLookupSource::fsSetAttributesRefresh, true);
         invalidate(id);
         if (error != 0) {
@@ -918,7 +947,7 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
         content.lastChange = Clock::now();
         node.attributes.modifyTime = relayNow();
         node.attributes.changeTime = node.attributes.modifyTime;
-        handle.written = true;
+        handle.wrote(content);
     }
     markChanged(handle.node);
     fuse_reply_write(req, static_cast<std::size_t>(written));
@@ -927,11 +956,19 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
 void VolumeFs::flush(fuse_req_t req, fuse_file_info* fi) {
     auto& handle = handleOf(fi);
     // Shells and dd open the file, duplicate the descriptor and close the first one before
-    // writing: pushing then would send an empty file ahead of the real one. Every close of
-    // a handle that wrote pushes and waits: the kernel tells no close which is the last
-    // (its releases come later, on their own).
-    if (!handle.writable || !handle.written) {
-        fuse_reply_err(req, 0);
+    // writing: pushing then would send an empty file ahead of the real one. So the close of
+    // the last handle with writes not yet closed pushes and waits (the kernel tells no close
+    // which is the last: its releases come later, on their own); an earlier writer's close
+    // leaves the push to it and only reports one that failed before.
+    int earlier = 0;
+    bool last = false;
+    {
+        std::lock_guard guard(handle.node->mutex);
+        last = handle.writable && handle.closed(handle.node->content);
+        earlier = handle.node->content.pushError;
+    }
+    if (!last) {
+        fuse_reply_err(req, handle.writable ? earlier : 0);
         return;
     }
     std::lock_guard io(handle.node->io);
@@ -950,6 +987,7 @@ void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
     bool lastWriter = false;
     if (handle->writable) {
         std::lock_guard guard(node.mutex);
+        handle->closed(node.content);
         lastWriter = --node.content.writers == 0 && node.content.changed;
     }
     if (nodes_.closed(node)) {

@@ -111,6 +111,8 @@ private:
     void dropCopy(Node& node);
     void pushLoop();
     void invalidate(NodeId id);
+    // Whether the request comes from the service's process (any of its threads).
+    bool fromService(fuse_req_t req) const;
 
     PhoneRelay& phone_;
     const std::filesystem::path copies_;
