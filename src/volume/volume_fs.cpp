@@ -103,12 +103,19 @@ struct VolumeFs::Entry {
     std::shared_ptr<Node> node;
 };
 
-VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies)
+VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies, std::uint64_t copyLimit)
     : phone_(phone),
       copies_(std::move(copies)),
       owner_(::getuid()),
       group_(::getgid()),
-      pending_(copies_) {
+      pending_(copies_),
+      budget_([this, copyLimit] {
+          struct statvfs space {};
+          if (::statvfs(copies_.c_str(), &space) != 0) {
+              return copyLimit;
+          }
+          return std::min<std::uint64_t>(copyLimit, space.f_bavail * space.f_frsize / 2);
+      }) {
     std::error_code error;
     std::filesystem::create_directories(copies_, error);
     std::filesystem::permissions(copies_, std::filesystem::perms::owner_all,
@@ -648,7 +655,45 @@ int VolumeFs::ensureCopy(Node& node) {
     return 0;
 }
 
+void VolumeFs::keepIdle(const std::shared_ptr<Node>& node) {
+    {
+        std::lock_guard guard(node->mutex);
+        const auto& content = node->content;
+        struct stat st {};
+        // A copy with changes stays until they are on the phone.
+        if (content.changed || content.fd.get() < 0 || ::fstat(content.fd.get(), &st) != 0) {
+            return;
+        }
+        budget_.idle(node, content.copyName, static_cast<std::uint64_t>(st.st_blocks) * 512);
+    }
+    evictIdle();
+}
+
+void VolumeFs::evictIdle() {
+    for (const auto& idle : budget_.over()) {
+        const auto node = idle.node.lock();
+        if (!node) {
+            // Its node is gone and took the descriptor with it; the file is left.
+            std::error_code ignored;
+            std::filesystem::remove(copies_ / idle.copyName, ignored);
+            continue;
+        }
+        std::lock_guard guard(node->mutex);
+        auto& content = node->content;
+        if (nodes_.opens(*node) > 0 || content.changed || content.copyName != idle.copyName) {
+            continue;
+        }
+        // The kernel's pages of this version stay valid; what it lacks is fetched anew.
+        content.fd = UniqueFd();
+        std::error_code ignored;
+        std::filesystem::remove(copies_ / content.copyName, ignored);
+        content.copyName.clear();
+        content.present = {};
+    }
+}
+
 void VolumeFs::dropCopy(Node& node) {
+    budget_.busy(node);
     std::lock_guard guard(node.mutex);
     auto& content = node.content;
     if (content.changed && !content.copyName.empty()) {
@@ -749,11 +794,13 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         if (writable) {
             ++content.writers;
         }
+        // Under the node's lock, so that no eviction takes the copy just made sure of.
+        nodes_.opened(*node);
     }
     if (writable && (fi->flags & O_TRUNC)) {
         markChanged(node);
     }
-    nodes_.opened(*node);
+    budget_.busy(*node);
     fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
     if (fuse_reply_open(req, fi) != 0) {
         release(nullptr, fi);
@@ -993,6 +1040,8 @@ void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
     if (nodes_.closed(node)) {
         dropCopy(node);
         lastWriter = false;
+    } else if (nodes_.opens(node) == 0) {
+        keepIdle(handle->node);
     }
     if (req) {
         fuse_reply_err(req, 0);

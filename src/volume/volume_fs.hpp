@@ -30,6 +30,7 @@
 #include <thread>
 
 #include "transfer/shared_file_storage.hpp"
+#include "volume/copy_budget.hpp"
 #include "volume/node_table.hpp"
 #include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
@@ -38,8 +39,14 @@ namespace skiff::volume {
 
 class VolumeFs {
 public:
-    // `copies` is the folder of the local copies (made when missing).
-    VolumeFs(PhoneRelay& phone, std::filesystem::path copies);
+    // Local copies nobody holds open take at most this much disk by default.
+    static constexpr std::uint64_t kDefaultCopyLimit = std::uint64_t{2} << 30;
+
+    // `copies` is the folder of the local copies (made when missing). The copies nobody
+    // holds open and without changes of the user's take at most `copyLimit` bytes and half
+    // the free space there; past that the least recently closed go.
+    VolumeFs(PhoneRelay& phone, std::filesystem::path copies,
+             std::uint64_t copyLimit = kDefaultCopyLimit);
     ~VolumeFs();
     VolumeFs(const VolumeFs&) = delete;
     VolumeFs& operator=(const VolumeFs&) = delete;
@@ -109,6 +116,9 @@ private:
     void record(Node& node, const std::string& identifier);
     void resume(const PendingWrite& write);
     void dropCopy(Node& node);
+    // The node's last handle closed: its copy waits for a reopen within the budget.
+    void keepIdle(const std::shared_ptr<Node>& node);
+    void evictIdle();
     void pushLoop();
     void invalidate(NodeId id);
     // Whether the request comes from the service's process (any of its threads).
@@ -120,6 +130,7 @@ private:
     const gid_t group_;
     NodeTable nodes_;
     PendingStore pending_;
+    CopyBudget budget_;
     fuse_session* session_ = nullptr;
 
     std::mutex changedMutex_;  // guards the members below

@@ -59,6 +59,7 @@ protected:
     virtual void prepare(const fs::path&) {}
     // Where skiffd pokes items (its own mount point) rather than a folder of the test's.
     virtual bool atServiceMountPoint() const { return false; }
+    virtual std::vector<std::string> options() const { return {}; }
 
     void SetUp() override {
         if (::access("/dev/fuse", R_OK | W_OK) != 0 ||
@@ -78,10 +79,11 @@ protected:
     }
 
     void startVolume() {
-        volume_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{buildPath("src/volume/skiff-fs"), "skiff-test-source",
-                                     mountPoint_.string(), "-f"},
-            stack_->environment());
+        std::vector<std::string> args{buildPath("src/volume/skiff-fs"), "skiff-test-source",
+                                      mountPoint_.string(), "-f"};
+        const auto more = options();
+        args.insert(args.end(), more.begin(), more.end());
+        volume_ = std::make_unique<ChildProcess>(std::move(args), stack_->environment());
         ASSERT_TRUE(volume_->waitForOutput("skiff-fs: mounted", kE2eWait)) << volume_->output();
         mounted_ = true;
         // The service may learn of the phone a moment after the mount.
@@ -431,6 +433,33 @@ TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterAResta
     EXPECT_TRUE(testing::eventually(
         [&] { return readFile(storage() / "Documents/notes.txt") == "later\n"; }));
     EXPECT_FALSE(fs::exists(copies / "copy_left_by_a_crash"));
+}
+
+class BoundedCopies : public MountedVolume {
+protected:
+    // Room for two of the files below, not three.
+    std::vector<std::string> options() const override { return {"-o", "copy_limit=2500000"}; }
+};
+
+TEST_F(BoundedCopies, CopiesOfClosedFilesStayWithinTheBoundAndChangesWaitingForThePhoneStay) {
+    stack_->phone().command("fault fail-chunk 1");
+    const int fd = ::open((mount() / "Documents/notes.txt").c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_EQ(::write(fd, "mine\n", 5), 5);
+    EXPECT_EQ(::close(fd), -1);
+    for (int i = 0; i < 5; ++i) {
+        const auto name = "sized/file" + std::to_string(i);
+        writePattern(storage() / name, 1'000'000, 'a');
+        EXPECT_EQ(readFile(mount() / name).size(), 1'000'000u) << name;
+    }
+    const auto copies = [&] {
+        const auto all = fs::directory_iterator(fs::path(stack_->container()) / "volume");
+        return std::count_if(fs::begin(all), fs::end(all), [](const fs::directory_entry& entry) {
+            return entry.path().extension() != ".pending";
+        });
+    };
+    EXPECT_TRUE(testing::eventually([&] { return copies() <= 3; })) << copies();
+    EXPECT_TRUE(testing::eventually(
+        [&] { return readFile(storage() / "Documents/notes.txt") == "mine\n"; }));
 }
 
 TEST_F(MountedVolume, CallsFailWhileTheServiceIsAwayAndWorkAgainOnceItIsBack) {
