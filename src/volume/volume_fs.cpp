@@ -51,6 +51,7 @@ constexpr std::size_t kNameMax = 255;
 struct Handle {
     std::shared_ptr<Node> node;
     bool writable = false;
+    std::uint64_t replacements = 0;  // the node's when opened: a later one fails its reads
     // By this handle's writes or cuts since its last close. Guarded by the node's mutex,
     // which keeps Content::unclosedWriters in step with it.
     bool written = false;
@@ -220,7 +221,7 @@ void VolumeFs::retryNow() {
 
 // --- attributes and look-ups --------------------------------------------------------
 
-void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
+void VolumeFs::apply(Node& node, const RelayItemSummary& summary, bool ours) {
     node.attributes = summary;
     node.fetched = Clock::now();
     auto& content = node.content;
@@ -229,7 +230,9 @@ void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
         return;  // the user's bytes are what the file is until they reach the phone
     }
     if (content.version != summary.contentVersion) {
-        // Bytes of another version must never be served for this one.
+        // Bytes of another version must never be served for this one, nor to a handle
+        // that read the one before.
+        content.replacements += content.version && !ours ? 1 : 0;
         content.present = {};
         content.version = summary.contentVersion;
     }
@@ -477,7 +480,7 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
         const auto answer = phone_.setAttributes(identifier, modify, access, mode);
         std::lock_guard guard(node->mutex);
         if (answer.error == 0) {
-            apply(*node, answer.value);
+            apply(*node, answer.value, true);
         } else {
             // Copying tools stop at a failed time or mode; the file itself is on the phone.
             log::xpc().error("skiff-fs could not set the times or mode of %{public}s: %{public}s",
@@ -788,6 +791,7 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         }
         // The kernel's pages stay valid while the phone's version is the one they hold.
         fi->keep_cache = content.version && content.kernelCached == content.version;
+        handle->replacements = content.replacements;
         if (!content.changed) {
             content.kernelCached = content.version;
         }
@@ -927,11 +931,18 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
 }
 
 void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi) {
-    auto& node = *handleOf(fi).node;
+    const auto& handle = handleOf(fi);
+    auto& node = *handle.node;
     const auto start = static_cast<std::uint64_t>(offset);
     bool complete = false;
     {
         std::lock_guard guard(node.mutex);
+        // The phone replaced the file since this handle opened it: it never reads on in the
+        // new one.
+        if (handle.replacements != node.content.replacements) {
+            fuse_reply_err(req, EIO);
+            return;
+        }
         const auto end = std::min<std::uint64_t>(start + size, node.content.size);
         complete = end <= start || node.content.present.covers(start, end - start);
     }
@@ -947,7 +958,8 @@ void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_in
         std::lock_guard guard(node.mutex);
         const auto end = std::min<std::uint64_t>(start + size, node.content.size);
         buffer.resize(end > start ? end - start : 0);
-        if (!buffer.empty() && !node.content.present.covers(start, buffer.size())) {
+        if ((!buffer.empty() && !node.content.present.covers(start, buffer.size())) ||
+            handle.replacements != node.content.replacements) {
             fuse_reply_err(req, EIO);  // the version changed between the fetch and now
             return;
         }

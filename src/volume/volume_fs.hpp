@@ -96,7 +96,9 @@ private:
     fuse_entry_param kernelEntry(Node& node);
     void replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node);
     struct stat attributesOf(Node& node);
-    void apply(Node& node, const RelayItemSummary& summary);
+    // `ours`: the change is one this volume made (times, mode), not a replacement by the
+    // phone, so open handles read on.
+    void apply(Node& node, const RelayItemSummary& summary, bool ours = false);
     // Opens the node's local copy when it has none yet. Node::mutex held.
     int ensureCopy(Node& node);
     // Fetches what the copy lacks of [offset, offset + length). Node::io held.

@@ -170,6 +170,8 @@ TEST_F(MountedTree, AReaderDuringAReplacementOnThePhoneGetsOnlyOldBytesOrAnError
     ASSERT_EQ(::read(fd, piece.data(), 4096), 4096);
     writePattern(storage() / "tree/sized/replacement", size, 'N');
     fs::rename(storage() / "tree/sized/replacement", storage() / "tree/sized/file4");
+    // A listing meanwhile tells the volume of the new version.
+    EXPECT_EQ(run("ls -l '" + (mount() / "tree/sized").string() + "'").status, 0);
     std::size_t offset = 4096;
     ssize_t got = 0;
     while ((got = ::read(fd, piece.data(), piece.size())) > 0) {
