@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -18,6 +19,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/bridge_messages.hpp"
@@ -43,6 +45,7 @@ struct CommandLine {
     bool foreground = false;
     bool debug = false;
     bool replace = false;  // take the file-provider role even from a client holding it
+    std::uint64_t copyLimit = volume::VolumeFs::kDefaultCopyLimit;
 };
 
 // Options only mount(8) and fstab give meaning to; libfuse would refuse them.
@@ -102,6 +105,21 @@ std::optional<CommandLine> parse(int argc, char** argv) {
     line.source = positional[0];
     line.mountPoint = positional[1];
     line.replace = std::erase(line.options, "replace") > 0;
+    // copy_limit=BYTES: the disk the local copies of files nobody holds open may take.
+    constexpr std::string_view kCopyLimit = "copy_limit=";
+    for (auto option = line.options.begin(); option != line.options.end();) {
+        if (!option->starts_with(kCopyLimit)) {
+            ++option;
+            continue;
+        }
+        const auto value = std::string_view(*option).substr(kCopyLimit.size());
+        const auto parsed =
+            std::from_chars(value.data(), value.data() + value.size(), line.copyLimit);
+        if (parsed.ec != std::errc() || parsed.ptr != value.data() + value.size()) {
+            return std::nullopt;
+        }
+        option = line.options.erase(option);
+    }
     return line;
 }
 
@@ -211,7 +229,7 @@ int serve(const CommandLine& line, int& readyFd) {
         std::fprintf(stderr, "skiff-fs: no folder for local copies: %s\n", e.what());
         return 1;
     }
-    volume::VolumeFs volumeFs(*phone, copies);
+    volume::VolumeFs volumeFs(*phone, copies, line.copyLimit);
     {
         std::lock_guard guard(served->mutex);
         served->volume = &volumeFs;
@@ -275,7 +293,8 @@ int main(int argc, char** argv) {
     const auto line = parse(argc, argv);
     if (!line) {
         std::fprintf(stderr,
-                     "usage: skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-o replace] [-f] [-d]\n");
+                     "usage: skiff-fs SOURCE MOUNTPOINT [-o OPTIONS] [-o replace] "
+                     "[-o copy_limit=BYTES] [-f] [-d]\n");
         return kUsage;
     }
     int readyFd = line->foreground ? -1 : detachUntilMounted();

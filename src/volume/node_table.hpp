@@ -49,6 +49,8 @@ struct Content {
     std::chrono::steady_clock::time_point lastPush{};
     std::optional<Bytes> kernelCached;  // the version whose pages the kernel may keep
     std::uint32_t writers = 0;          // open handles that may write
+    std::uint32_t unclosedWriters = 0;  // handles with writes since their last close
+    std::uint64_t replacements = 0;     // times the phone's copy changed under this node
 };
 
 struct Node {

@@ -37,75 +37,12 @@ Answer<T> decoded(const std::optional<T>& value) {
     return {0, *value};
 }
 
-constexpr std::size_t kMaxNameBytes = 255;
-
-// Whether the app's name can be a file name here: one component, UTF-8, within NAME_MAX.
-bool isFileName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.size() <= kMaxNameBytes &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos &&
-           json::serialize(json::Json(name)).has_value();
-}
-
-// The folder an identifier names an item of; the root is its own.
-std::string_view folderOf(std::string_view identifier) {
-    const auto slash = identifier.rfind('/');
-    return slash == std::string_view::npos ? std::string_view{} : identifier.substr(0, slash);
-}
-
 }  // namespace
-
-ListingPages::ListingPages(std::string folder, std::chrono::steady_clock::time_point deadline)
-    : folder_(std::move(folder)), deadline_(deadline) {}
-
-int ListingPages::add(std::span<const std::uint8_t> body, std::optional<std::string>& nextCursor) {
-    bytes_ += body.size();
-    if (++pages_ > kListPageLimit || bytes_ > kListByteLimit ||
-        std::chrono::steady_clock::now() > deadline_) {
-        log::xpc().error(
-            "skiff-fs gives up listing \"%{public}s\": %{public}zu pages, %{public}zu bytes",
-            folder_.c_str(), pages_, bytes_);
-        return EIO;
-    }
-    auto page = json::decode<relay::RelayListReply>(body);
-    // A cursor that does not move would page forever.
-    if (!page || (page->nextCursor && page->nextCursor == cursor_)) {
-        return EIO;
-    }
-    for (auto& item : page->items) {
-        if (!isFileName(item.filename)) {
-            log::xpc().error(
-                "skiff-fs leaves out an item of \"%{public}s\" whose name cannot be "
-                "a file name here",
-                folder_.c_str());
-            continue;
-        }
-        if (folderOf(item.identifier) != folder_ || item.identifier.empty()) {
-            log::xpc().error(
-                "skiff-fs refuses a listing of \"%{public}s\" with an item of "
-                "another folder",
-                folder_.c_str());
-            return EIO;
-        }
-        // The entry is filed where it was found, whatever it claims to be.
-        item.identifier = folder_.empty() ? item.filename : folder_ + "/" + item.filename;
-        if (!names_.insert(item.filename).second) {
-            continue;
-        }
-        if (items_.size() >= kListItemLimit) {
-            log::xpc().error("skiff-fs gives up listing \"%{public}s\": over %{public}zu items",
-                             folder_.c_str(), kListItemLimit);
-            return EIO;
-        }
-        items_.push_back(std::move(item));
-    }
-    cursor_ = page->nextCursor;
-    nextCursor = std::move(page->nextCursor);
-    return 0;
-}
 
 PhoneRelay::PhoneRelay(service::dbus::HarborClient& client)
     : client_(client), buffer_(SharedMemory::create(kSlotCount * kSlotBytes, "skiff-fs")) {
     bufferId_ = client_.registerSharedBuffer(buffer_->fd());
+    serviceProcess_ = static_cast<pid_t>(client_.serviceProcessId());
     for (std::size_t slot = 0; slot < kSlotCount; ++slot) {
         freeSlots_.push_back(slot);
     }
@@ -129,6 +66,8 @@ std::optional<std::uint32_t> PhoneRelay::bufferId() {
 }
 
 void PhoneRelay::detach() {
+    // The id may soon name some other process, whose touches are the user's.
+    serviceProcess_ = 0;
     std::lock_guard guard(slotMutex_);
     bufferId_.reset();
 }
@@ -140,6 +79,7 @@ void PhoneRelay::notice(const std::string& text) {
 bool PhoneRelay::reattach() {
     try {
         const auto id = client_.registerSharedBuffer(buffer_->fd());
+        serviceProcess_ = static_cast<pid_t>(client_.serviceProcessId());
         std::lock_guard guard(slotMutex_);
         bufferId_ = id;
         return true;

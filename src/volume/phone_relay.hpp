@@ -13,6 +13,9 @@
 //
 // Threads: any but the client's bus thread. The client must outlive this object.
 
+#include <sys/types.h>
+
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -31,6 +34,7 @@
 #include "relay/relay_schema.hpp"
 #include "service/dbus/harbor_client.hpp"
 #include "volume/errno_map.hpp"
+#include "volume/listing_pages.hpp"
 #include "volume/range_set.hpp"
 
 namespace skiff::volume {
@@ -40,40 +44,10 @@ using relay::RelayItemSummary;
 // A read at a version the item no longer has: the caller drops what it cached of it.
 inline constexpr int kVersionChangedErrno = ESTALE;
 
-// Bounds of one listing: past any of them the listing fails with EIO rather than grow
-// without end on a reply that never finishes.
-inline constexpr std::size_t kListItemLimit = 500'000;
-inline constexpr std::size_t kListPageLimit = 5'000;
-inline constexpr std::size_t kListByteLimit = 256 * 1'024 * 1'024;
-inline constexpr std::chrono::seconds kListTimeLimit{120};
-
 template <class T>
 struct Answer {
     int error = 0;  // 0 when value holds the answer
     T value{};
-};
-
-// One listing's pages, checked as they arrive so that a hostile reply costs a bounded
-// amount of memory and time and never names an item outside the folder asked for.
-// A plain value of one listing call; one thread.
-class ListingPages {
-public:
-    ListingPages(std::string folder, std::chrono::steady_clock::time_point deadline);
-
-    // Takes one reply body. 0 and the cursor of the next page (absent: the listing is
-    // complete), or EIO: a bound passed, a body that does not decode, a cursor that does not
-    // move, or an entry that claims another folder.
-    int add(std::span<const std::uint8_t> body, std::optional<std::string>& nextCursor);
-    std::vector<RelayItemSummary> take() { return std::move(items_); }
-
-private:
-    std::string folder_;
-    std::chrono::steady_clock::time_point deadline_;
-    std::optional<std::string> cursor_;
-    std::size_t pages_ = 0;
-    std::size_t bytes_ = 0;
-    std::vector<RelayItemSummary> items_;
-    std::unordered_set<std::string> names_;
 };
 
 class PhoneRelay {
@@ -89,6 +63,9 @@ public:
     // A new skiffd accepted the volume: registers the buffer with it. False (logged) when it
     // would not take it; reads then keep failing with EIO.
     bool reattach();
+    // The process id of the skiffd this volume serves (0 while none): its pokes of items
+    // only refresh them. Learned at start and on every reattach().
+    pid_t serviceProcess() const { return serviceProcess_.load(); }
 
     // Tells the user, through the service's volume notice that `skiffctl watch` shows, what
     // happened to their files. One-way: it never waits for the service.
@@ -164,6 +141,7 @@ private:
     void giveSlot(std::size_t slot);
 
     service::dbus::HarborClient& client_;
+    std::atomic<pid_t> serviceProcess_{0};
     std::unique_ptr<SharedMemory> buffer_;
     std::mutex slotMutex_;  // also guards bufferId_
     std::optional<std::uint32_t> bufferId_;

@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <fstream>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -24,6 +26,18 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
+// FUSE names the calling thread; its process is the thread group the kernel lists for it.
+pid_t processOfThread(pid_t thread) {
+    std::ifstream status("/proc/" + std::to_string(thread) + "/status");
+    std::string line;
+    while (std::getline(status, line)) {
+        if (line.starts_with("Tgid:")) {
+            return static_cast<pid_t>(std::atol(line.c_str() + 5));
+        }
+    }
+    return 0;
+}
+
 constexpr auto kCacheLifetime = std::chrono::seconds(1);
 constexpr double kKernelCacheSeconds = 1.0;
 // A changed node left alone this long goes to the phone.
@@ -37,7 +51,20 @@ constexpr std::size_t kNameMax = 255;
 struct Handle {
     std::shared_ptr<Node> node;
     bool writable = false;
-    std::atomic<bool> written = false;  // by this handle's writes or cuts, since it was opened
+    std::uint64_t replacements = 0;  // the node's when opened: a later one fails its reads
+    // By this handle's writes or cuts since its last close. Guarded by the node's mutex,
+    // which keeps Content::unclosedWriters in step with it.
+    bool written = false;
+
+    void wrote(Content& content) {
+        if (!std::exchange(written, true)) {
+            ++content.unclosedWriters;
+        }
+    }
+    // Whether this handle was the last of its node with writes its close has not seen.
+    bool closed(Content& content) {
+        return std::exchange(written, false) && --content.unclosedWriters == 0;
+    }
 };
 
 // One open directory: its entries as listed at open, so that the kernel's pages of one
@@ -77,12 +104,19 @@ struct VolumeFs::Entry {
     std::shared_ptr<Node> node;
 };
 
-VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies)
+VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies, std::uint64_t copyLimit)
     : phone_(phone),
       copies_(std::move(copies)),
       owner_(::getuid()),
       group_(::getgid()),
-      pending_(copies_) {
+      pending_(copies_),
+      budget_([this, copyLimit] {
+          struct statvfs space {};
+          if (::statvfs(copies_.c_str(), &space) != 0) {
+              return copyLimit;
+          }
+          return std::min<std::uint64_t>(copyLimit, space.f_bavail * space.f_frsize / 2);
+      }) {
     std::error_code error;
     std::filesystem::create_directories(copies_, error);
     std::filesystem::permissions(copies_, std::filesystem::perms::owner_all,
@@ -187,7 +221,7 @@ void VolumeFs::retryNow() {
 
 // --- attributes and look-ups --------------------------------------------------------
 
-void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
+void VolumeFs::apply(Node& node, const RelayItemSummary& summary, bool ours) {
     node.attributes = summary;
     node.fetched = Clock::now();
     auto& content = node.content;
@@ -196,7 +230,9 @@ void VolumeFs::apply(Node& node, const RelayItemSummary& summary) {
         return;  // the user's bytes are what the file is until they reach the phone
     }
     if (content.version != summary.contentVersion) {
-        // Bytes of another version must never be served for this one.
+        // Bytes of another version must never be served for this one, nor to a handle
+        // that read the one before.
+        content.replacements += content.version && !ours ? 1 : 0;
         content.present = {};
         content.version = summary.contentVersion;
     }
@@ -356,6 +392,12 @@ void VolumeFs::invalidate(NodeId id) {
     }
 }
 
+bool VolumeFs::fromService(fuse_req_t req) const {
+    const pid_t service = phone_.serviceProcess();
+    const pid_t caller = fuse_req_ctx(req)->pid;
+    return service != 0 && (caller == service || processOfThread(caller) == service);
+}
+
 void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int toSet,
                        fuse_file_info* fi) {
     const auto node = nodes_.get(id);
@@ -379,7 +421,7 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
             std::lock_guard guard(node->mutex);
             error = cut(*node, static_cast<std::uint64_t>(attr.st_size));
             if (fi) {
-                handleOf(fi).written = true;
+                handleOf(fi).wrote(node->content);
             }
             // A cut by path with no writer open has nobody to push it later.
             pushNow = !fi && node->content.writers == 0;
@@ -402,12 +444,9 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
         return;
     }
     const int times = toSet & (FUSE_SET_ATTR_ATIME | FUSE_SET_ATTR_MTIME);
-    const bool explicitTime =
-        ((toSet & FUSE_SET_ATTR_ATIME) && !(toSet & FUSE_SET_ATTR_ATIME_NOW)) ||
-        ((toSet & FUSE_SET_ATTR_MTIME) && !(toSet & FUSE_SET_ATTR_MTIME_NOW));
-    if (times && !explicitTime && !(toSet & FUSE_SET_ATTR_MODE)) {
-        // A time set to now is how the service pokes an item the phone changed: refresh it
-        // and drop what the kernel holds of it. A node holding the user's changes keeps them.
+    if (times && fromService(req)) {
+        // The service touches an item the phone changed: refresh it and drop what the
+        // kernel holds of it. A node holding the user's changes keeps them.
         const int error = refresh(node, RelayLookupSource::fsSetAttributesRefresh, true);
         invalidate(id);
         if (error != 0) {
@@ -441,7 +480,7 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
         const auto answer = phone_.setAttributes(identifier, modify, access, mode);
         std::lock_guard guard(node->mutex);
         if (answer.error == 0) {
-            apply(*node, answer.value);
+            apply(*node, answer.value, true);
         } else {
             // Copying tools stop at a failed time or mode; the file itself is on the phone.
             log::xpc().error("skiff-fs could not set the times or mode of %{public}s: %{public}s",
@@ -619,7 +658,45 @@ int VolumeFs::ensureCopy(Node& node) {
     return 0;
 }
 
+void VolumeFs::keepIdle(const std::shared_ptr<Node>& node) {
+    {
+        std::lock_guard guard(node->mutex);
+        const auto& content = node->content;
+        struct stat st {};
+        // A copy with changes stays until they are on the phone.
+        if (content.changed || content.fd.get() < 0 || ::fstat(content.fd.get(), &st) != 0) {
+            return;
+        }
+        budget_.idle(node, content.copyName, static_cast<std::uint64_t>(st.st_blocks) * 512);
+    }
+    evictIdle();
+}
+
+void VolumeFs::evictIdle() {
+    for (const auto& idle : budget_.over()) {
+        const auto node = idle.node.lock();
+        if (!node) {
+            // Its node is gone and took the descriptor with it; the file is left.
+            std::error_code ignored;
+            std::filesystem::remove(copies_ / idle.copyName, ignored);
+            continue;
+        }
+        std::lock_guard guard(node->mutex);
+        auto& content = node->content;
+        if (nodes_.opens(*node) > 0 || content.changed || content.copyName != idle.copyName) {
+            continue;
+        }
+        // The kernel's pages of this version stay valid; what it lacks is fetched anew.
+        content.fd = UniqueFd();
+        std::error_code ignored;
+        std::filesystem::remove(copies_ / content.copyName, ignored);
+        content.copyName.clear();
+        content.present = {};
+    }
+}
+
 void VolumeFs::dropCopy(Node& node) {
+    budget_.busy(node);
     std::lock_guard guard(node.mutex);
     auto& content = node.content;
     if (content.changed && !content.copyName.empty()) {
@@ -714,17 +791,20 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         }
         // The kernel's pages stay valid while the phone's version is the one they hold.
         fi->keep_cache = content.version && content.kernelCached == content.version;
+        handle->replacements = content.replacements;
         if (!content.changed) {
             content.kernelCached = content.version;
         }
         if (writable) {
             ++content.writers;
         }
+        // Under the node's lock, so that no eviction takes the copy just made sure of.
+        nodes_.opened(*node);
     }
     if (writable && (fi->flags & O_TRUNC)) {
         markChanged(node);
     }
-    nodes_.opened(*node);
+    budget_.busy(*node);
     fi->fh = reinterpret_cast<std::uint64_t>(handle.release());
     if (fuse_reply_open(req, fi) != 0) {
         release(nullptr, fi);
@@ -851,11 +931,18 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
 }
 
 void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi) {
-    auto& node = *handleOf(fi).node;
+    const auto& handle = handleOf(fi);
+    auto& node = *handle.node;
     const auto start = static_cast<std::uint64_t>(offset);
     bool complete = false;
     {
         std::lock_guard guard(node.mutex);
+        // The phone replaced the file since this handle opened it: it never reads on in the
+        // new one.
+        if (handle.replacements != node.content.replacements) {
+            fuse_reply_err(req, EIO);
+            return;
+        }
         const auto end = std::min<std::uint64_t>(start + size, node.content.size);
         complete = end <= start || node.content.present.covers(start, end - start);
     }
@@ -871,7 +958,8 @@ void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_in
         std::lock_guard guard(node.mutex);
         const auto end = std::min<std::uint64_t>(start + size, node.content.size);
         buffer.resize(end > start ? end - start : 0);
-        if (!buffer.empty() && !node.content.present.covers(start, buffer.size())) {
+        if ((!buffer.empty() && !node.content.present.covers(start, buffer.size())) ||
+            handle.replacements != node.content.replacements) {
             fuse_reply_err(req, EIO);  // the version changed between the fetch and now
             return;
         }
@@ -918,7 +1006,7 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
         content.lastChange = Clock::now();
         node.attributes.modifyTime = relayNow();
         node.attributes.changeTime = node.attributes.modifyTime;
-        handle.written = true;
+        handle.wrote(content);
     }
     markChanged(handle.node);
     fuse_reply_write(req, static_cast<std::size_t>(written));
@@ -927,11 +1015,19 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
 void VolumeFs::flush(fuse_req_t req, fuse_file_info* fi) {
     auto& handle = handleOf(fi);
     // Shells and dd open the file, duplicate the descriptor and close the first one before
-    // writing: pushing then would send an empty file ahead of the real one. Every close of
-    // a handle that wrote pushes and waits: the kernel tells no close which is the last
-    // (its releases come later, on their own).
-    if (!handle.writable || !handle.written) {
-        fuse_reply_err(req, 0);
+    // writing: pushing then would send an empty file ahead of the real one. So the close of
+    // the last handle with writes not yet closed pushes and waits (the kernel tells no close
+    // which is the last: its releases come later, on their own); an earlier writer's close
+    // leaves the push to it and only reports one that failed before.
+    int earlier = 0;
+    bool last = false;
+    {
+        std::lock_guard guard(handle.node->mutex);
+        last = handle.writable && handle.closed(handle.node->content);
+        earlier = handle.node->content.pushError;
+    }
+    if (!last) {
+        fuse_reply_err(req, handle.writable ? earlier : 0);
         return;
     }
     std::lock_guard io(handle.node->io);
@@ -950,11 +1046,14 @@ void VolumeFs::release(fuse_req_t req, fuse_file_info* fi) {
     bool lastWriter = false;
     if (handle->writable) {
         std::lock_guard guard(node.mutex);
+        handle->closed(node.content);
         lastWriter = --node.content.writers == 0 && node.content.changed;
     }
     if (nodes_.closed(node)) {
         dropCopy(node);
         lastWriter = false;
+    } else if (nodes_.opens(node) == 0) {
+        keepIdle(handle->node);
     }
     if (req) {
         fuse_reply_err(req, 0);

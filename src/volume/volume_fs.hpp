@@ -30,6 +30,7 @@
 #include <thread>
 
 #include "transfer/shared_file_storage.hpp"
+#include "volume/copy_budget.hpp"
 #include "volume/node_table.hpp"
 #include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
@@ -38,8 +39,14 @@ namespace skiff::volume {
 
 class VolumeFs {
 public:
-    // `copies` is the folder of the local copies (made when missing).
-    VolumeFs(PhoneRelay& phone, std::filesystem::path copies);
+    // Local copies nobody holds open take at most this much disk by default.
+    static constexpr std::uint64_t kDefaultCopyLimit = std::uint64_t{2} << 30;
+
+    // `copies` is the folder of the local copies (made when missing). The copies nobody
+    // holds open and without changes of the user's take at most `copyLimit` bytes and half
+    // the free space there; past that the least recently closed go.
+    VolumeFs(PhoneRelay& phone, std::filesystem::path copies,
+             std::uint64_t copyLimit = kDefaultCopyLimit);
     ~VolumeFs();
     VolumeFs(const VolumeFs&) = delete;
     VolumeFs& operator=(const VolumeFs&) = delete;
@@ -89,7 +96,9 @@ private:
     fuse_entry_param kernelEntry(Node& node);
     void replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node);
     struct stat attributesOf(Node& node);
-    void apply(Node& node, const RelayItemSummary& summary);
+    // `ours`: the change is one this volume made (times, mode), not a replacement by the
+    // phone, so open handles read on.
+    void apply(Node& node, const RelayItemSummary& summary, bool ours = false);
     // Opens the node's local copy when it has none yet. Node::mutex held.
     int ensureCopy(Node& node);
     // Fetches what the copy lacks of [offset, offset + length). Node::io held.
@@ -109,8 +118,13 @@ private:
     void record(Node& node, const std::string& identifier);
     void resume(const PendingWrite& write);
     void dropCopy(Node& node);
+    // The node's last handle closed: its copy waits for a reopen within the budget.
+    void keepIdle(const std::shared_ptr<Node>& node);
+    void evictIdle();
     void pushLoop();
     void invalidate(NodeId id);
+    // Whether the request comes from the service's process (any of its threads).
+    bool fromService(fuse_req_t req) const;
 
     PhoneRelay& phone_;
     const std::filesystem::path copies_;
@@ -118,6 +132,7 @@ private:
     const gid_t group_;
     NodeTable nodes_;
     PendingStore pending_;
+    CopyBudget budget_;
     fuse_session* session_ = nullptr;
 
     std::mutex changedMutex_;  // guards the members below

@@ -29,13 +29,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-void writePattern(const fs::path& path, std::size_t size, char seed) {
-    fs::create_directories(path.parent_path());
+std::string pattern(std::size_t size, char seed) {
     std::string content(size, '\0');
     for (std::size_t i = 0; i < size; ++i) {
         content[i] = static_cast<char>(seed + i * 7 % 251);
     }
-    std::ofstream(path, std::ios::binary) << content;
+    return content;
+}
+
+void writePattern(const fs::path& path, std::size_t size, char seed) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << pattern(size, seed);
 }
 
 // Runs a shell command to its end; its exit status and output.
@@ -53,6 +57,9 @@ class MountedVolume : public ::testing::Test {
 protected:
     // Storage the phone starts with; each test adds what it needs.
     virtual void prepare(const fs::path&) {}
+    // Where skiffd pokes items (its own mount point) rather than a folder of the test's.
+    virtual bool atServiceMountPoint() const { return false; }
+    virtual std::vector<std::string> options() const { return {}; }
 
     void SetUp() override {
         if (::access("/dev/fuse", R_OK | W_OK) != 0 ||
@@ -65,14 +72,18 @@ protected:
             prepare(storage);
         });
         mountDir_ = std::make_unique<TempDir>("skiff-mnt");
+        mountPoint_ = atServiceMountPoint() ? fs::path(stack_->container()).parent_path() / "mnt"
+                                            : fs::path(mountDir_->path());
+        fs::create_directories(mountPoint_);
         startVolume();
     }
 
     void startVolume() {
-        volume_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{buildPath("src/volume/skiff-fs"), "skiff-test-source",
-                                     mountDir_->path(), "-f"},
-            stack_->environment());
+        std::vector<std::string> args{buildPath("src/volume/skiff-fs"), "skiff-test-source",
+                                      mountPoint_.string(), "-f"};
+        const auto more = options();
+        args.insert(args.end(), more.begin(), more.end());
+        volume_ = std::make_unique<ChildProcess>(std::move(args), stack_->environment());
         ASSERT_TRUE(volume_->waitForOutput("skiff-fs: mounted", kE2eWait)) << volume_->output();
         mounted_ = true;
         // The service may learn of the phone a moment after the mount.
@@ -83,18 +94,19 @@ protected:
 
     void TearDown() override {
         if (mounted_) {
-            run("fusermount3 -u -z '" + mountDir_->path() + "'");
+            run("fusermount3 -u -z '" + mountPoint_.string() + "'");
         }
         if (volume_) {
             volume_->stop();
         }
     }
 
-    fs::path mount() const { return mountDir_->path(); }
+    fs::path mount() const { return mountPoint_; }
     fs::path storage() const { return stack_->storage(); }
 
     std::unique_ptr<ServiceStack> stack_;
     std::unique_ptr<TempDir> mountDir_;
+    fs::path mountPoint_;
     std::unique_ptr<ChildProcess> volume_;
     bool mounted_ = false;
 };
@@ -124,7 +136,7 @@ protected:
 
 TEST_F(MountedTree, ATreeReadsListsAndCopiesInAndOutAsThePhoneHoldsIt) {
     const auto mountinfo = readFile("/proc/self/mountinfo");
-    EXPECT_NE(mountinfo.find(mountDir_->path() + " "), std::string::npos);
+    EXPECT_NE(mountinfo.find(mount().string() + " "), std::string::npos);
     EXPECT_NE(mountinfo.find(" - fuse.skiff skiff-test-source "), std::string::npos);
 
     const auto diff = run("diff -r '" + (storage() / "tree").string() + "' '" +
@@ -149,28 +161,50 @@ TEST_F(MountedTree, ATreeReadsListsAndCopiesInAndOutAsThePhoneHoldsIt) {
     EXPECT_EQ(back.status, 0) << back.output;
 }
 
+TEST_F(MountedTree, AReaderDuringAReplacementOnThePhoneGetsOnlyOldBytesOrAnError) {
+    const auto size = 10'000'000;
+    const auto old = pattern(size, 'a');
+    const int fd = ::open((mount() / "tree/sized/file4").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << errno;
+    std::string piece(1 << 20, '\0');
+    ASSERT_EQ(::read(fd, piece.data(), 4096), 4096);
+    writePattern(storage() / "tree/sized/replacement", size, 'N');
+    fs::rename(storage() / "tree/sized/replacement", storage() / "tree/sized/file4");
+    // A listing meanwhile tells the volume of the new version.
+    EXPECT_EQ(run("ls -l '" + (mount() / "tree/sized").string() + "'").status, 0);
+    std::size_t offset = 4096;
+    ssize_t got = 0;
+    while ((got = ::read(fd, piece.data(), piece.size())) > 0) {
+        ASSERT_EQ(piece.compare(0, got, old, offset, got), 0) << "new bytes at " << offset;
+        offset += static_cast<std::size_t>(got);
+    }
+    EXPECT_TRUE(got == 0 ? offset == old.size() : errno == EIO) << offset << " " << errno;
+    ::close(fd);
+}
+
+TEST_F(MountedVolume, AHostileListingLeavesOutBadNamesAndAnEndlessOneFails) {
+    const struct {
+        const char* fault;
+        int error;
+    } cases[] = {{"bad-names", 0}, {"non-utf8-name", 0}, {"endless-list", EIO}};
+    for (const auto& c : cases) {
+        stack_->phone().command(std::string("fault ") + c.fault + " on");
+        std::error_code error;
+        std::vector<std::string> names;
+        for (fs::directory_iterator it(mount() / "Documents", error), end; !error && it != end;
+             it.increment(error)) {
+            names.push_back(it->path().filename());
+        }
+        stack_->phone().command(std::string("fault ") + c.fault + " off");
+        EXPECT_EQ(error.value(), c.error) << c.fault;
+        EXPECT_EQ(names,
+                  c.error ? std::vector<std::string>{} : std::vector<std::string>{"notes.txt"})
+            << c.fault;
+    }
+}
+
 TEST_F(MountedVolume, ChangesOnEitherSideReachTheOtherWithTheirErrors) {
     const auto docs = mount() / "Documents";
-    // The directory's listing is now cached.
-    ASSERT_EQ(std::distance(fs::directory_iterator(docs), fs::directory_iterator()), 1);
-    std::ofstream(storage() / "Documents/fresh.txt") << "from the phone";
-    // What the service does for an item poke.
-    ASSERT_EQ(::utimensat(AT_FDCWD, (docs / "fresh.txt").c_str(), nullptr, 0), 0) << errno;
-    EXPECT_TRUE(fs::exists(docs / "fresh.txt"));
-    bool listed = false;
-    for (const auto& entry : fs::directory_iterator(docs)) {
-        listed = listed || entry.path().filename() == "fresh.txt";
-    }
-    EXPECT_TRUE(listed);
-    // A poke for an item deleted on the phone fails and the item is gone at once.
-    ASSERT_TRUE(fs::exists(docs / "fresh.txt"));
-    fs::remove(storage() / "Documents/fresh.txt");
-    EXPECT_EQ(::utimensat(AT_FDCWD, (docs / "fresh.txt").c_str(), nullptr, 0), -1);
-    EXPECT_FALSE(fs::exists(docs / "fresh.txt"));
-    // A poke sets no time on the phone.
-    const auto before = fs::last_write_time(storage() / "Documents/notes.txt");
-    ASSERT_EQ(::utimensat(AT_FDCWD, (docs / "notes.txt").c_str(), nullptr, 0), 0) << errno;
-    EXPECT_EQ(fs::last_write_time(storage() / "Documents/notes.txt"), before);
 
     // A write over a change made on the phone keeps both: the phone's under the name, the
     // user's beside it when the whole file is here, else in the recovered folder; the
@@ -205,14 +239,6 @@ TEST_F(MountedVolume, ChangesOnEitherSideReachTheOtherWithTheirErrors) {
     EXPECT_EQ(readFile(storage() / "Documents/old.txt"), "new");
     EXPECT_FALSE(fs::exists(storage() / "Documents/new.txt"));
 
-    ASSERT_EQ(::mkdir((docs / "full").c_str(), 0755), 0) << errno;
-    std::ofstream(docs / "full/inside.txt") << "x";
-    EXPECT_EQ(::rmdir((docs / "full").c_str()), -1);
-    EXPECT_EQ(errno, ENOTEMPTY);
-    ASSERT_EQ(::unlink((docs / "full/inside.txt").c_str()), 0) << errno;
-    EXPECT_EQ(::rmdir((docs / "full").c_str()), 0) << errno;
-    EXPECT_FALSE(fs::exists(storage() / "Documents/full"));
-
     ASSERT_EQ(::truncate((docs / "old.txt").c_str(), 1), 0) << errno;
     EXPECT_EQ(readFile(storage() / "Documents/old.txt"), "n");
 
@@ -226,6 +252,59 @@ TEST_F(MountedVolume, ChangesOnEitherSideReachTheOtherWithTheirErrors) {
     ASSERT_EQ(::write(second, "whole", 5), 5);
     ASSERT_EQ(::close(second), 0) << errno;
     EXPECT_EQ(readFile(storage() / "Documents/redirected.txt"), "whole");
+}
+
+class PokedVolume : public MountedVolume {
+protected:
+    bool atServiceMountPoint() const override { return true; }
+
+    // The phone tells skiffd of a change; skiffd touches the item under its mount point.
+    void poke(const std::string& kind, const std::string& item, const std::string& outcome) {
+        ASSERT_TRUE(testing::eventually([&] {
+            return stack_->phone().command("poke " + kind + " " + item).lines ==
+                   std::vector<std::string>{"1"};
+        }));
+        const auto said = "itemMutation poke" + outcome + " path=" + (mount() / item).string();
+        ASSERT_TRUE(stack_->service().waitForOutput(said, kE2eWait)) << said;
+    }
+};
+
+TEST_F(PokedVolume, TheUsersTimesAndModesReachThePhoneAndTheServicesPokesOnlyRefresh) {
+    const auto docs = mount() / "Documents";
+    struct Case {
+        const char* command;  // run in Documents
+        bool (*holds)(const struct stat&);
+    };
+    const Case cases[] = {
+        {"touch -d '2020-01-02 UTC' notes.txt",
+         [](const struct stat& st) { return st.st_mtim.tv_sec == 1'577'923'200; }},
+        {"touch notes.txt",
+         [](const struct stat& st) { return st.st_mtim.tv_sec > 1'600'000'000; }},
+        {"chmod 600 notes.txt", [](const struct stat& st) { return (st.st_mode & 07777) == 0600; }},
+    };
+    for (const auto& c : cases) {
+        const auto ran = run("cd '" + docs.string() + "' && " + c.command);
+        ASSERT_EQ(ran.status, 0) << c.command << ran.output;
+        struct stat onPhone {};
+        struct stat here {};
+        ASSERT_EQ(::stat((storage() / "Documents/notes.txt").c_str(), &onPhone), 0);
+        ASSERT_EQ(::stat((docs / "notes.txt").c_str(), &here), 0);
+        EXPECT_TRUE(c.holds(onPhone)) << c.command;
+        EXPECT_TRUE(c.holds(here)) << c.command;
+    }
+
+    // The service's pokes set no time on the phone and show what the phone changed.
+    ASSERT_EQ(std::distance(fs::directory_iterator(docs), fs::directory_iterator()), 1);
+    std::ofstream(storage() / "Documents/fresh.txt") << "from the phone";
+    const auto before = fs::last_write_time(storage() / "Documents/notes.txt");
+    poke("created", "Documents/notes.txt", " ok kind=created");
+    poke("created", "Documents/fresh.txt", " ok kind=created");
+    EXPECT_EQ(fs::last_write_time(storage() / "Documents/notes.txt"), before);
+    EXPECT_EQ(readFile(docs / "fresh.txt"), "from the phone");
+    // A poke for an item deleted on the phone fails and the item is gone at once.
+    fs::remove(storage() / "Documents/fresh.txt");
+    poke("deleted", "Documents/fresh.txt", " kind=deleted");
+    EXPECT_FALSE(fs::exists(docs / "fresh.txt"));
 }
 
 TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) {
@@ -249,6 +328,8 @@ TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) 
          "(for i in $(seq 100); do echo B$i >> log; done); wait; wc -l < log",
          "200\n", "", nullptr},
         {"touch $(printf 'n%.0s' $(seq 256)) 2>&1 | grep -c 'too long'", "1\n", "", nullptr},
+        {"mkdir f && touch f/x && rmdir f 2>&1 | grep -c 'not empty'; rm f/x && rmdir f", "1\n",
+         "f", nullptr},
     };
     const auto docs = mount() / "Documents";
     for (const auto& c : cases) {
@@ -283,15 +364,29 @@ TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) 
     EXPECT_EQ(::close(fd), 0);
     EXPECT_FALSE(fs::exists(docs / "scratch"));
 
-    // Two descriptors writing different ranges of one file make one file.
-    const int one = ::open((docs / "ranges").c_str(), O_WRONLY | O_CREAT, 0644);
-    const int two = ::open((docs / "ranges").c_str(), O_WRONLY);
+    // Two descriptors writing different ranges of one file make one file, sent by the last
+    // close; while the phone fails, every writer's close says so.
+    const auto ranges = (docs / "ranges").string();
+    const int one = ::open(ranges.c_str(), O_WRONLY | O_CREAT, 0644);
+    const int two = ::open(ranges.c_str(), O_WRONLY);
     ASSERT_GE(two, 0) << errno;
-    EXPECT_EQ(::pwrite(one, "aaaa", 4, 0), 4);
     EXPECT_EQ(::pwrite(two, "bbbb", 4, 4), 4);
+    EXPECT_EQ(::pwrite(one, "aaaa", 4, 0), 4);
     EXPECT_EQ(::close(one), 0);
+    EXPECT_FALSE(fs::exists(storage() / "Documents/ranges"));
     EXPECT_EQ(::close(two), 0);
     EXPECT_EQ(readFile(storage() / "Documents/ranges"), "aaaabbbb");
+    const int three = ::open(ranges.c_str(), O_WRONLY);
+    const int four = ::open(ranges.c_str(), O_WRONLY);
+    ASSERT_GE(four, 0) << errno;
+    stack_->phone().command("fault status 5");
+    EXPECT_EQ(::pwrite(three, "c", 1, 0), 1);
+    EXPECT_EQ(::pwrite(four, "d", 1, 1), 1);
+    EXPECT_EQ(::fsync(four), -1);
+    EXPECT_EQ(::close(three), -1);
+    stack_->phone().command("fault clear");
+    EXPECT_EQ(::close(four), 0);
+    EXPECT_EQ(readFile(storage() / "Documents/ranges"), "cdaabbbb");
 }
 
 TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterARestart) {
@@ -326,17 +421,47 @@ TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterAResta
     // skiff-fs is killed with a push owed; started again, it sends it and removes the local
     // copies nobody recorded.
     stack_->phone().command("fault fail-chunk 1");
-    run("echo later > '" + notes.string() + "'");
+    const int later = ::open(notes.c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_EQ(::write(later, "later\n", 6), 6);
+    EXPECT_EQ(::close(later), -1);
     const auto copies = fs::path(stack_->container()) / "volume";
     std::ofstream(copies / "copy_left_by_a_crash") << "x";
     ::kill(volume_->pid(), SIGKILL);
     volume_->waitForExit(kE2eWait);
-    run("fusermount3 -u -z '" + mountDir_->path() + "'");
-    stack_->phone().command("fault clear");
+    run("fusermount3 -u -z '" + mount().string() + "'");
+    // The first push after the start fails too; a retry sends it.
+    stack_->phone().command("fault fail-chunk 1");
     startVolume();
     EXPECT_TRUE(testing::eventually(
         [&] { return readFile(storage() / "Documents/notes.txt") == "later\n"; }));
     EXPECT_FALSE(fs::exists(copies / "copy_left_by_a_crash"));
+}
+
+class BoundedCopies : public MountedVolume {
+protected:
+    // Room for two of the files below, not three.
+    std::vector<std::string> options() const override { return {"-o", "copy_limit=2500000"}; }
+};
+
+TEST_F(BoundedCopies, CopiesOfClosedFilesStayWithinTheBoundAndChangesWaitingForThePhoneStay) {
+    stack_->phone().command("fault fail-chunk 1");
+    const int fd = ::open((mount() / "Documents/notes.txt").c_str(), O_WRONLY | O_TRUNC);
+    ASSERT_EQ(::write(fd, "mine\n", 5), 5);
+    EXPECT_EQ(::close(fd), -1);
+    for (int i = 0; i < 5; ++i) {
+        const auto name = "sized/file" + std::to_string(i);
+        writePattern(storage() / name, 1'000'000, 'a');
+        EXPECT_EQ(readFile(mount() / name).size(), 1'000'000u) << name;
+    }
+    const auto copies = [&] {
+        const auto all = fs::directory_iterator(fs::path(stack_->container()) / "volume");
+        return std::count_if(fs::begin(all), fs::end(all), [](const fs::directory_entry& entry) {
+            return entry.path().extension() != ".pending";
+        });
+    };
+    EXPECT_TRUE(testing::eventually([&] { return copies() <= 3; })) << copies();
+    EXPECT_TRUE(testing::eventually(
+        [&] { return readFile(storage() / "Documents/notes.txt") == "mine\n"; }));
 }
 
 TEST_F(MountedVolume, CallsFailWhileTheServiceIsAwayAndWorkAgainOnceItIsBack) {

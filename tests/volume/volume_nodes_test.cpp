@@ -19,14 +19,15 @@ TEST(VolumeErrno, EveryAppStatusHasItsErrnoAndRemovingANonEmptyDirectoryIsNotEmp
         Operation operation;
         int expected;
     };
+    // Where the operation changes the answer, and statuses past the known ones.
     const Case cases[] = {
-        {0, Operation::other, 0},          {1, Operation::other, ENOENT},
-        {2, Operation::other, EACCES},     {3, Operation::other, EEXIST},
-        {3, Operation::remove, ENOTEMPTY}, {4, Operation::other, EINVAL},
-        {5, Operation::other, EIO},        {6, Operation::other, kConflictErrno},
-        {7, Operation::other, ENOTDIR},    {8, Operation::other, EISDIR},
-        {9, Operation::other, ENOSPC},     {10, Operation::other, EIO},
-        {-1, Operation::other, EIO},       {1, Operation::remove, ENOENT},
+        {0, Operation::other, 0},
+        {3, Operation::other, EEXIST},
+        {3, Operation::remove, ENOTEMPTY},
+        {1, Operation::remove, ENOENT},
+        {6, Operation::other, kConflictErrno},
+        {10, Operation::other, EIO},
+        {-1, Operation::other, EIO},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(errnoOfDeviceStatus(c.status, c.operation), c.expected) << c.status;
@@ -129,12 +130,7 @@ TEST(NodeTable, ANodeLivesWhileLookedUpOpenOrPinnedAndAnUnlinkedOneUntilItsLastC
     }
 }
 
-TEST(NodeTable, IdentifiersKnowTheirDirectoryAndNeverReuseANodeId) {
-    EXPECT_EQ(childOf("", "a"), "a");
-    EXPECT_EQ(childOf("a", "b.txt"), "a/b.txt");
-    EXPECT_EQ(parentOf("a/b.txt"), "a");
-    EXPECT_EQ(parentOf("a"), "");
-    EXPECT_EQ(nameOf("a/b.txt"), "b.txt");
+TEST(NodeTable, ANodeIdIsNeverReused) {
     NodeTable table;
     const auto first = table.learn("f", false, 1)->id;
     table.forget(first, 1);

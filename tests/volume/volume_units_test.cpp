@@ -189,8 +189,19 @@ relay::RelayItemSummary entry(std::string identifier, std::string filename) {
     return item;
 }
 
+// The page as JSON text, where '%' stands for a byte no UTF-8 text holds, '~' for an
+// overlong '/' and '^' for a backslash before such a byte.
 Bytes page(std::vector<relay::RelayItemSummary> items, std::optional<std::string> cursor = {}) {
-    return json::encode(relay::RelayListReply{std::move(items), std::move(cursor)}).value();
+    const auto text = json::encode(relay::RelayListReply{std::move(items), std::move(cursor)});
+    Bytes out;
+    for (const auto byte : text.value()) {
+        const std::string bytes = byte == '%'   ? "\xFF"
+                                  : byte == '~' ? "\xC0\xAF"
+                                  : byte == '^' ? "\\\xFF"
+                                                : std::string(1, static_cast<char>(byte));
+        out.insert(out.end(), bytes.begin(), bytes.end());
+    }
+    return out;
 }
 
 TEST(ListingPages, EntriesAreFiledWhereTheyWereFoundAndBadOnesNeverReachTheVolume) {
@@ -212,6 +223,18 @@ TEST(ListingPages, EntriesAreFiledWhereTheyWereFoundAndBadOnesNeverReachTheVolum
                 entry("d/ok", "ok")})},
          0,
          {"d/ok"}},
+        {"names not UTF-8 left out",
+         "d",
+         {page({entry("d/%", "%"), entry("d/a", "a~"), entry("d/b", "b\\%"),
+                entry("d/\xC3\xA9", "\xC3\xA9")})},
+         0,
+         {"d/\xC3\xA9"}},
+        {"stray byte after an escape", "d", {page({entry("d/x", "^")})}, EIO, {}},
+        {"stray byte outside a name",
+         "d",
+         {Bytes{'{', '"', 'i', 't', 'e', 'm', 's', '"', ':', '[', ']', 0xFF, '}'}},
+         EIO,
+         {}},
         {"another folder", "d", {page({entry("d/x", "x"), entry("e/y", "y")})}, EIO, {}},
         {"the root itself", "", {page({entry("", "x")})}, EIO, {}},
         {"cursor stands still", "d", {page({}, "c"), page({}, "c")}, EIO, {}},

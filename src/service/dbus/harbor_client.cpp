@@ -471,6 +471,27 @@ bool HarborClient::serviceRunning() {
     }
 }
 
+std::uint32_t HarborClient::serviceProcessId() {
+    try {
+        std::promise<std::uint32_t> answer;
+        auto result = answer.get_future();
+        impl_->side.bus->post([bus = impl_->side.bus, &answer] {
+            startCall(
+                *bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                "GetConnectionUnixProcessID", 0,
+                [](sd_bus_message* m) { return wire::appendAll(m, std::string(kServiceName)); },
+                readReply<std::uint32_t>(
+                    std::function<void(std::uint32_t)>(
+                        [&answer](std::uint32_t pid) { answer.set_value(pid); }),
+                    [&answer](const CallError&) { answer.set_value(0); }),
+                [&answer](const CallError&) { answer.set_value(0); });
+        });
+        return result.get();
+    } catch (const std::future_error&) {
+        return 0;
+    }
+}
+
 bool HarborClient::registerClient(std::int64_t role) {
     return std::get<0>(impl_->await<bool>(
         [&](HarborBridgeHostProtocol& h, auto reply) { h.registerClient(role, reply); }));

@@ -77,6 +77,9 @@ public:
     void observe(Observer observer);
     // Whether skiffd holds its name on the bus now.
     bool serviceRunning();
+    // The process id of the skiffd holding the name now (the bus's own word for it), or
+    // 0 when none does or the bus would not say.
+    std::uint32_t serviceProcessId();
 
     // Blocking calls. They throw BusError on a bus error or when no reply came in time.
     bool registerClient(std::int64_t role);
