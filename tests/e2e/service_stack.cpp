@@ -52,8 +52,8 @@ ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorag
         prepareStorage(storage_.path());
     }
     phoneArgs.insert(phoneArgs.end(), {"--storage", storage()});
-    phone_ = std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice},
-                                              std::move(phoneArgs));
+    phone_ =
+        std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice}, std::move(phoneArgs));
     skiffdArgs.insert(skiffdArgs.begin(),
                       skiffd.empty() ? buildPath("src/service/skiffd") : std::move(skiffd));
     skiffdArgs_ = std::move(skiffdArgs);
