@@ -1,5 +1,5 @@
 // Figures of the mounted volume, each next to a baseline measured in the same run, with the
-// ratio and the goal it is held to. One phone per link setting (unshaped, a 1 ms round trip,
+// ratio and the goal it is held to. One phone per link setting (unshaped, 1 and 10 ms round trips,
 // USB 2); the baselines are a local folder, raw chunk relays, `skiffctl push` and the link
 // rate. fio jobs with crc32c verify prove the bytes as well. Prints; asserts nothing.
 //   SKIFF_BUILD_DIR=build/release volume_bench [MiB]   (sequential file size, default 256)
@@ -298,22 +298,27 @@ int main(int argc, char** argv) {
         makeFile(local / "tree" / ("f" + std::to_string(i)), 4096);
     }
 
-    const std::map<std::string, std::vector<std::string>> links{
-        {"unshaped", {}}, {"1 ms", {"--link-latency", "1"}}, {"usb2", {"--link", "usb2"}}};
+    struct Link {
+        std::vector<std::string> phoneArgs;
+        double roundTripMs = 0;
+    };
+    const std::map<std::string, Link> links{{"unshaped", {}},
+                                            {"1 ms", {{"--link-latency", "1"}, 1}},
+                                            {"10 ms", {{"--link-latency", "10"}, 10}},
+                                            {"usb2", {{"--link", "usb2"}, 0}}};
     std::unique_ptr<MountedStack> on;
     std::string onLink;
-    std::map<std::string, double> cpu;
-    std::map<std::string, double> unshaped;  // figures of the unshaped phone, by what  // filled by
-                                             // the 1 GiB read and the sequential write
+    std::map<std::string, double> cpu;       // filled by the 1 GiB read and the sequential write
+    std::map<std::string, double> unshaped;  // figures of the unshaped phone, by what
 
-    // On both the unshaped and the 1 ms phone: their difference over 1 ms is the number of
-    // round trips an operation waits for one after the other.
-    const auto smallCases = [&](const char* link, bool withGoals) {
+    // On the unshaped phone and on phones with a round trip: the difference over the round
+    // trip is the number of them an operation waits for one after the other.
+    const auto smallCases = [&](const char* link, bool withGoals, bool withTree) {
         const auto goal = withGoals ? Goal::atMost : Goal::none;
         const auto both = [&](const std::function<double(const fs::path&)>& one) {
             return [&, one] { return Figure{one(on->path()), one(local)}; };
         };
-        return std::vector<Case>{
+        std::vector<Case> small{
             {link, "copy in a 4 KiB file (median)", "ms", "local folder", goal, 1.5,
              both([&](const fs::path& to) {
                  return medianMs(to, [&](const fs::path& dir, int i) {
@@ -341,6 +346,10 @@ int main(int argc, char** argv) {
                  });
              })},
         };
+        if (!withTree) {
+            small.pop_back();
+        }
+        return small;
     };
     const auto fioCase = [&](const char* what, const char* name, FioJob job) {
         return Case{
@@ -434,10 +443,11 @@ int main(int argc, char** argv) {
              return Figure{static_cast<double>(size) / 1e6 / s, kUsb2MBps};
          }},
     };
-    const auto unshapedSmall = smallCases("unshaped", false);
-    const auto latencySmall = smallCases("1 ms", true);
+    const auto unshapedSmall = smallCases("unshaped", false, true);
     cases.insert(cases.begin() + 1, unshapedSmall.begin(), unshapedSmall.end());
-    cases.insert(cases.end(), latencySmall.begin(), latencySmall.end());
+    for (const auto& more : {smallCases("1 ms", true, true), smallCases("10 ms", false, false)}) {
+        cases.insert(cases.end(), more.begin(), more.end());
+    }
 
     std::printf("sequential file %llu MiB; [link] figure value unit | baseline | ratio | goal\n",
                 static_cast<unsigned long long>(size / kMiB));
@@ -445,20 +455,23 @@ int main(int argc, char** argv) {
         if (onLink != c.link) {
             on.reset();
             onLink = c.link;
-            on = std::make_unique<MountedStack>(links.at(onLink), size, onLink == "unshaped");
+            on = std::make_unique<MountedStack>(links.at(onLink).phoneArgs, size,
+                                                onLink == "unshaped");
         }
         try {
             const auto figure = c.measure();
-            // A 1 ms figure less the unshaped one, over 1 ms: the round trips it waits for
-            // one after the other (per file for cp -r).
+            // A figure less the unshaped one, over the round trip: the round trips it waits
+            // for one after the other (per file for cp -r).
             std::string note;
+            const double roundTrip = links.at(onLink).roundTripMs;
             if (onLink == "unshaped") {
                 unshaped[c.what] = figure.value;
-            } else if (onLink == "1 ms" && unshaped.contains(c.what)) {
-                const double perFile = std::string(c.unit) == "s" ? 1e3 / kTreeFiles : 1;
-                note = "  (~" +
-                       std::to_string(std::lround((figure.value - unshaped[c.what]) * perFile)) +
-                       " serial round trips)";
+            } else if (roundTrip > 0 && unshaped.contains(c.what)) {
+                const double ms = std::string(c.unit) == "s" ? 1e3 / kTreeFiles : 1;
+                char text[64];
+                std::snprintf(text, sizeof text, "  (~%.1f serial round trips)",
+                              (figure.value - unshaped[c.what]) * ms / roundTrip);
+                note = text;
             }
             print(c, figure, note);
         } catch (const std::exception& e) {
