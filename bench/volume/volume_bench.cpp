@@ -225,8 +225,8 @@ std::pair<double, double> fio(const fs::path& folder, const std::string& name, c
     const std::string command =
         "fio --name=" + name + " --filename=" + quoted(folder / name) + " --rw=" + job.rw +
         " --bs=" + job.blockSize + " --size=" + job.size +
-        " --ioengine=psync --iodepth=1 --fallocate=none --output-format=json --output=" +
-        quoted(report) + " " + job.extra;
+        " --ioengine=psync --iodepth=1 --fallocate=none --verify_state_save=0" +
+        " --output-format=json --output=" + quoted(report) + " " + job.extra;
     std::string output;
     const int status = shell(command, &output);
     std::ifstream in(report);
