@@ -45,13 +45,15 @@ bool NotificationRecorder::waitForState(BridgeState state, std::size_t from,
 }
 
 ServiceStack::ServiceStack(std::function<void(const std::string&)> prepareStorage,
-                           std::vector<std::string> skiffdArgs, std::string skiffd)
+                           std::vector<std::string> skiffdArgs, std::string skiffd,
+                           std::vector<std::string> phoneArgs)
     : storage_("skiff-e2e-storage"), data_("skiff-e2e-data") {
     if (prepareStorage) {
         prepareStorage(storage_.path());
     }
-    phone_ = std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice},
-                                              std::vector<std::string>{"--storage", storage()});
+    phoneArgs.insert(phoneArgs.end(), {"--storage", storage()});
+    phone_ =
+        std::make_unique<SimulatedPhone>(std::vector<std::string>{kDevice}, std::move(phoneArgs));
     skiffdArgs.insert(skiffdArgs.begin(),
                       skiffd.empty() ? buildPath("src/service/skiffd") : std::move(skiffd));
     skiffdArgs_ = std::move(skiffdArgs);

@@ -55,9 +55,10 @@ public:
     static constexpr const char* kDevice = "SIM-E2E-0001";
 
     // Fills the app's storage through `prepareStorage` before the phone starts; skiffd
-    // (the built one unless `skiffd` names another) gets `skiffdArgs` on its command line.
+    // (the built one unless `skiffd` names another) gets `skiffdArgs`, the phone `phoneArgs`.
     explicit ServiceStack(std::function<void(const std::string& storage)> prepareStorage = {},
-                          std::vector<std::string> skiffdArgs = {}, std::string skiffd = {});
+                          std::vector<std::string> skiffdArgs = {}, std::string skiffd = {},
+                          std::vector<std::string> phoneArgs = {});
     ~ServiceStack();
     ServiceStack(const ServiceStack&) = delete;
     ServiceStack& operator=(const ServiceStack&) = delete;
