@@ -223,6 +223,15 @@ TEST_F(VolumeLifecycle, ADeadFileSystemIsBrokenUntilForcedOffAndALostPhoneForces
     // With its last user gone the file system ends.
     expectGone();
     EXPECT_EQ(volumeStatus().first, "notMounted");
+
+    // Nothing saved at the mount point meanwhile lands on the local disk, and the volume
+    // comes back by itself with the phone.
+    std::ofstream(mountPoint_ / "saved.txt") << "kept where?";
+    EXPECT_FALSE(fs::exists(mountPoint_ / "saved.txt"));
+    stack_->phone().attach(ServiceStack::kDevice);
+    ASSERT_TRUE(testing::eventually([&] { return mountedType(mountPoint_).has_value(); }))
+        << stack_->service().output();
+    expectServing();
 }
 
 TEST_F(VolumeLifecycle, AnInstalledServiceMountsThroughTheToolInstalledWithIt) {
