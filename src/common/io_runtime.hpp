@@ -46,10 +46,14 @@ public:
     }
 
     // Waits up to `limit` for the completions jobs on other threads still owe, while the
-    // pool runs on, then stops.
+    // pool runs on, then stops, and waits once more: the last handlers the pool ran may
+    // have queued jobs of their own, whose completions go into the stopped context, which
+    // is still there to take them.
     void drain(std::chrono::milliseconds limit) {
-        asio::use_service<detail::OwedCompletions>(context_).waitSettled(limit);
+        auto& owed = asio::use_service<detail::OwedCompletions>(context_);
+        owed.waitSettled(limit);
         stop();
+        owed.waitSettled(limit);
     }
 
     // Stops the context and joins the pool; does nothing when it is not running.

@@ -322,6 +322,10 @@ void UsbMuxService::State::watchRound(usbmux_tunnel_conn* conn) {
                     std::chrono::milliseconds(usbmux_tunnel_conn_idle_ms(measuring));
     }
     measuring = conn;
+    // A deadline that passed while the connection was being opened ends the round at once.
+    if (conn != nullptr && expired) {
+        usbmux_tunnel_conn_invalidate(conn);
+    }
 }
 
 void UsbMuxService::State::interruptRound() {
