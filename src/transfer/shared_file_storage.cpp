@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "relay/item_requests.hpp"
+
 namespace skiff::transfer {
 namespace {
 
@@ -75,8 +77,7 @@ std::optional<std::filesystem::path> defaultContainerPath(const char* xdgDataHom
 }
 
 bool isContainerFileName(std::string_view name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+    return relay::isItemName(name);
 }
 
 std::string partFileName(const Uuid& transfer) {

@@ -16,8 +16,7 @@ constexpr std::size_t kMaxNameBytes = 255;
 
 // Whether the app's name can be a file name here: one component, UTF-8, within NAME_MAX.
 bool isFileName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." && name.size() <= kMaxNameBytes &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string::npos &&
+    return relay::isItemName(name) && name.size() <= kMaxNameBytes &&
            json::serialize(json::Json(name)).has_value();
 }
 

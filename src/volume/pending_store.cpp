@@ -36,11 +36,6 @@ std::string_view withoutSuffix(std::string_view text, std::string_view suffix) {
     return text.substr(0, text.size() - suffix.size());
 }
 
-bool isPlainFileName(std::string_view name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
-}
-
 bool syncFolder(const fs::path& folder) {
     const UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return dir.get() >= 0 && ::fsync(dir.get()) == 0;
@@ -90,7 +85,7 @@ PendingStore::PendingStore(fs::path folder) : folder_(std::move(folder)) {
 }
 
 bool PendingStore::save(const PendingWrite& write) {
-    if (!isPlainFileName(write.copyName)) {
+    if (!transfer::isContainerFileName(write.copyName)) {
         log::xpc().error("skiff-fs will not record a write under the name \"%{public}s\"",
                          write.copyName.c_str());
         return false;
@@ -118,7 +113,7 @@ bool PendingStore::save(const PendingWrite& write) {
 }
 
 void PendingStore::remove(const std::string& copyName) {
-    if (!isPlainFileName(copyName)) {
+    if (!transfer::isContainerFileName(copyName)) {
         return;
     }
     std::lock_guard guard(mutex_);

@@ -687,12 +687,16 @@ void VolumeFs::evictIdle() {
             continue;
         }
         // The kernel's pages of this version stay valid; what it lacks is fetched anew.
-        content.fd = UniqueFd();
-        std::error_code ignored;
-        std::filesystem::remove(copies_ / content.copyName, ignored);
-        content.copyName.clear();
-        content.present = {};
+        removeCopy(content);
     }
+}
+
+void VolumeFs::removeCopy(Content& content) {
+    content.fd = UniqueFd();
+    std::error_code ignored;
+    std::filesystem::remove(copies_ / content.copyName, ignored);
+    content.copyName.clear();
+    content.present = {};
 }
 
 void VolumeFs::dropCopy(Node& node) {
@@ -709,11 +713,7 @@ void VolumeFs::dropCopy(Node& node) {
     if (nodes_.opens(node) > 0 || content.fd.get() < 0) {
         return;
     }
-    content.fd = UniqueFd();
-    std::error_code ignored;
-    std::filesystem::remove(copies_ / content.copyName, ignored);
-    content.copyName.clear();
-    content.present = {};
+    removeCopy(content);
 }
 
 int VolumeFs::cut(Node& node, std::uint64_t size) {

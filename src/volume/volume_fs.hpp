@@ -118,6 +118,8 @@ private:
     void record(Node& node, const std::string& identifier);
     void resume(const PendingWrite& write);
     void dropCopy(Node& node);
+    // Closes and deletes the node's local copy file. Node::mutex held.
+    void removeCopy(Content& content);
     // The node's last handle closed: its copy waits for a reopen within the budget.
     void keepIdle(const std::shared_ptr<Node>& node);
     void evictIdle();
