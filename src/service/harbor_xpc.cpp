@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -137,6 +138,36 @@ asio::awaitable<void> speedTestTask(std::shared_ptr<BridgeCore> core,
         co_await bridge->endExclusiveUse(kCompanionAppPort);
     }
     reply(ok, std::move(text));
+}
+
+// Why a client's relay is refused before it reaches the phone, checked in this order.
+std::optional<UsbMuxRelayError> relayRefusal(bool registered, std::size_t bodySize, bool attached) {
+    if (!registered) {
+        return UsbMuxRelayError::notConnected;
+    }
+    if (bodySize > kMaxRelayBodyBytes) {
+        return UsbMuxRelayError::payloadTooLarge;
+    }
+    if (!attached) {
+        return UsbMuxRelayError::transportFailed;
+    }
+    return std::nullopt;
+}
+
+// The selector is the request's frame code; a client outside that range is broken, and
+// told so rather than trusted.
+void checkSelector(std::int64_t selector) {
+    if (selector < 0 || selector > 0xFFFF) {
+        throw InvalidArgs("relay selector " + std::to_string(selector) +
+                          " outside the frame code range 0-65535");
+    }
+}
+
+// Started on the relay's strand, a relay runs inline: no hand-over to the strand and back
+// to the pool on the way of every look-up.
+asio::any_io_executor relayExecutor(BridgeCore& core) {
+    const auto& bridge = core.relayBridge();
+    return bridge ? asio::any_io_executor(bridge->strand()) : core.executor();
 }
 
 asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t code,
@@ -344,30 +375,13 @@ void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply
 
 void Harbor_XPC::relayToUsbMux(std::int64_t selector, SharedBytes param, RelayReplyFn reply) {
     const auto role = core_.roleOfHost(this);
-    if (role != kFileProvider && role != kDesktopApp) {
-        reply({}, status(UsbMuxRelayError::notConnected), 0);
+    if (const auto refusal = relayRefusal(role == kFileProvider || role == kDesktopApp,
+                                          param.size(), core_.usbMuxConnection().has_value())) {
+        reply({}, status(*refusal), 0);
         return;
     }
-    if (param.size() > kMaxRelayBodyBytes) {
-        reply({}, status(UsbMuxRelayError::payloadTooLarge), 0);
-        return;
-    }
-    if (!core_.usbMuxConnection()) {
-        reply({}, status(UsbMuxRelayError::transportFailed), 0);
-        return;
-    }
-    // The selector is the request's frame code; a client outside that range is broken,
-    // and told so rather than trusted.
-    if (selector < 0 || selector > 0xFFFF) {
-        throw InvalidArgs("relay selector " + std::to_string(selector) +
-                          " outside the frame code range 0-65535");
-    }
-    // Started on the relay's strand, the relay runs inline: no hand-over to the strand and
-    // back to the pool on the way of every look-up.
-    const auto& bridge = core_.relayBridge();
-    const asio::any_io_executor executor =
-        bridge ? asio::any_io_executor(bridge->strand()) : core_.executor();
-    runtime::spawnTask(executor, core_.shared_from_this(), &relayTask,
+    checkSelector(selector);
+    runtime::spawnTask(relayExecutor(core_), core_.shared_from_this(), &relayTask,
                        static_cast<std::uint16_t>(selector), std::move(param), std::move(reply));
 }
 
@@ -378,10 +392,7 @@ void Harbor_XPC::relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
                           " requests, not " + std::to_string(requests.size()));
     }
     for (const auto& request : requests) {
-        if (request.selector < 0 || request.selector > 0xFFFF) {
-            throw InvalidArgs("relay selector " + std::to_string(request.selector) +
-                              " outside the frame code range 0-65535");
-        }
+        checkSelector(request.selector);
     }
     std::vector<OrderedRelayAnswer> answers(requests.size());
     const auto role = core_.roleOfHost(this);
@@ -390,13 +401,8 @@ void Harbor_XPC::relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
     std::vector<std::pair<std::uint16_t, SharedBytes>> sent;
     std::vector<std::size_t> positions;
     for (std::size_t i = 0; i < requests.size(); ++i) {
-        // The checks of a single relay, in its order, for each request.
-        if (!registered) {
-            answers[i].status = status(UsbMuxRelayError::notConnected);
-        } else if (requests[i].param.size() > kMaxRelayBodyBytes) {
-            answers[i].status = status(UsbMuxRelayError::payloadTooLarge);
-        } else if (!attached) {
-            answers[i].status = status(UsbMuxRelayError::transportFailed);
+        if (const auto refusal = relayRefusal(registered, requests[i].param.size(), attached)) {
+            answers[i].status = status(*refusal);
         } else {
             sent.emplace_back(static_cast<std::uint16_t>(requests[i].selector),
                               SharedBytes(std::move(requests[i].param)));
@@ -407,7 +413,7 @@ void Harbor_XPC::relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
         reply(std::move(answers));
         return;
     }
-    runtime::spawnTask(core_.executor(), core_.shared_from_this(), &orderedRelayTask,
+    runtime::spawnTask(relayExecutor(core_), core_.shared_from_this(), &orderedRelayTask,
                        std::move(sent), std::move(positions), std::move(answers), std::move(reply));
 }
 
