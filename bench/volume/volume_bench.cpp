@@ -2,7 +2,8 @@
 // ratio and the goal it is held to. One phone per link setting (unshaped, 1 and 10 ms round trips,
 // USB 2); the baselines are a local folder, raw chunk relays, `skiffctl push` and the link
 // rate. fio jobs with crc32c verify prove the bytes as well. Prints; asserts nothing.
-//   SKIFF_BUILD_DIR=build/release volume_bench [MiB]   (sequential file size, default 256)
+//   SKIFF_BUILD_DIR=build/release volume_bench [MiB [LINK...]]
+//   (sequential file size, default 256; only the cases of the links named, default all)
 
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -451,7 +452,11 @@ int main(int argc, char** argv) {
 
     std::printf("sequential file %llu MiB; [link] figure value unit | baseline | ratio | goal\n",
                 static_cast<unsigned long long>(size / kMiB));
+    const std::vector<std::string> only(argv + std::min(argc, 2), argv + argc);
     for (const auto& c : cases) {
+        if (!only.empty() && std::find(only.begin(), only.end(), c.link) == only.end()) {
+            continue;
+        }
         if (onLink != c.link) {
             on.reset();
             onLink = c.link;

@@ -122,6 +122,9 @@ asio::awaitable<tunnel::TunnelMessage> handle(std::shared_ptr<CompanionApp::Stat
         co_await pause(std::make_shared<asio::steady_timer>(state->executor), state->faults.delay);
     }
     if (chunkFault == ChunkFault::fail) {
+        if (code == kWriteChunkRequestCode && state->writeChunkFailed) {
+            state->writeChunkFailed(payload);
+        }
         co_return tunnel::TunnelMessage{static_cast<std::uint16_t>(RelayDeviceStatus::ioError), {}};
     }
     if (state->faults.status) {

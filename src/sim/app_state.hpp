@@ -49,7 +49,8 @@ struct CompanionApp::State {
     AppFaults faults;
     AppHandlerTable handlers;
     ItemOrder order;
-    LinkModel link;  // set before the first connection
+    LinkModel link;                                      // set before the first connection
+    std::function<void(const Bytes&)> writeChunkFailed;  // set before the first connection
     std::deque<std::string> received;
     // Requests held while the app is silent; cancelled to let them go.
     std::vector<std::weak_ptr<asio::steady_timer>> parked;

@@ -202,12 +202,25 @@ tunnel::TunnelMessage AppTransfer::writeChunk(const Bytes& body) {
     const int file = staged->second.file.get();
     struct stat st {};
     if (!writeAllAt(file, request->bytes, request->offset) || ::fstat(file, &st) != 0) {
-        return rejection(statusOfError(errno));
+        const auto status = statusOfError(errno);
+        staged_.erase(staged);
+        return rejection(status);
     }
     const transfer::RelayWriteChunkResponse response{request->offset + request->bytes.size(),
                                                      static_cast<std::uint64_t>(st.st_size),
                                                      std::nullopt};
     return answerWith(response);
+}
+
+void AppTransfer::chunkFailed(const Bytes& body) {
+    const auto request = transfer::decodeWriteChunkRequest(body);
+    if (!request) {
+        return;
+    }
+    auto located = locateItem(root_, request->identifier);
+    if (const auto* item = std::get_if<StorageItem>(&located)) {
+        staged_.erase(item->path);
+    }
 }
 
 tunnel::TunnelMessage AppTransfer::commitWrite(const Bytes& body) {
@@ -268,8 +281,9 @@ asio::awaitable<tunnel::TunnelMessage> answerStep(std::shared_ptr<TransferWorker
 
 }  // namespace
 
-void installTransferHandlers(AppHandlerTable& table, std::filesystem::path storageRoot) {
+void installTransferHandlers(CompanionApp& app, std::filesystem::path storageRoot) {
     auto transfer = std::make_shared<TransferWorker>(std::move(storageRoot));
+    auto& table = app.handlers();
     const std::pair<std::uint16_t, Step> steps[] = {
         {kReadChunkRequestCode, &AppTransfer::readChunk},
         {kStageWriteRequestCode, &AppTransfer::stageWrite},
@@ -281,6 +295,7 @@ void installTransferHandlers(AppHandlerTable& table, std::filesystem::path stora
             return answerStep(transfer, step, std::move(body));
         };
     }
+    app.onWriteChunkFailed([transfer](const Bytes& body) { transfer->transfer.chunkFailed(body); });
 }
 
 }  // namespace skiff::sim

@@ -15,10 +15,10 @@
 //                       step; answers the item's RelayItemSummary
 // Refusals answer a RelayDeviceStatus code: reads with an empty body, the write steps
 // with a FileIODeviceRejection of the same status. A staged write lasts until its commit
-// or the next stage of the same item; a write chunk or commit without one is
-// invalidArgument. The commit is refused with versionConflict when the item changed since
-// its stage (written by hand, renamed, removed, replaced by a rename), so that a write
-// never lands on content its writer did not see.
+// or the next stage of the same item, or until a write chunk of it fails; a write chunk or
+// commit without one is invalidArgument. The commit is refused with versionConflict when the item
+// changed since its stage (written by hand, renamed, removed, replaced by a rename), so that a
+// write never lands on content its writer did not see.
 //
 // The staged copy is an unnamed file in the item's folder: nobody sees it before the
 // commit, it is on the same file system for the atomic rename, and an app that stops
@@ -37,6 +37,7 @@
 #include "common/unique_fd.hpp"
 #include "sim/app_handlers.hpp"
 #include "sim/app_storage.hpp"
+#include "sim/companion_app.hpp"
 #include "tunnel/tunnel_engine.hpp"
 
 namespace skiff::sim {
@@ -58,6 +59,9 @@ public:
     tunnel::TunnelMessage stageWrite(const Bytes& body);
     tunnel::TunnelMessage writeChunk(const Bytes& body);
     tunnel::TunnelMessage commitWrite(const Bytes& body);
+    // The write chunk failed: its item's stage ends, so that the commit sent after it
+    // without waiting is refused rather than land a file with a hole.
+    void chunkFailed(const Bytes& body);
 
     // The contents the commits since the last call replaced, still open: closing them frees
     // their storage, which for a large file takes a while, so the caller does it once the
@@ -75,7 +79,8 @@ private:
     std::vector<UniqueFd> replaced_;
 };
 
-// Answers the four codes above from one AppTransfer over storageRoot.
-void installTransferHandlers(AppHandlerTable& table, std::filesystem::path storageRoot);
+// Answers the four codes above from one AppTransfer over storageRoot, and ends a stage whose
+// chunk failed.
+void installTransferHandlers(CompanionApp& app, std::filesystem::path storageRoot);
 
 }  // namespace skiff::sim

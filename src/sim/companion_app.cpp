@@ -235,6 +235,10 @@ void CompanionApp::setLink(const LinkModel& link) {
     state_->link = link;
 }
 
+void CompanionApp::onWriteChunkFailed(std::function<void(const Bytes&)> handler) {
+    state_->writeChunkFailed = std::move(handler);
+}
+
 AppHandlerTable& CompanionApp::handlers() {
     return state_->handlers;
 }

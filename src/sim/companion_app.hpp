@@ -9,6 +9,7 @@
 
 #include <asio.hpp>
 #include <cstdint>
+#include <functional>
 #include <memory>
 
 #include "common/bridge_messages.hpp"
@@ -35,6 +36,9 @@ public:
     AppHandlerTable& handlers();
     // Shapes the connections made from now on (sim/app_link.hpp).
     void setLink(const LinkModel& link);
+    // What the app does after a write chunk failed, the chunk switches' failures included:
+    // given the chunk's request body.
+    void onWriteChunkFailed(std::function<void(const Bytes&)> handler);
     ControlReply execute(const AppCommand& command);
     // Tells every framed connection that an item changed; the data line says how many.
     ControlReply pushItemMutation(const service::ItemMutationNotifyPayload& payload);

@@ -21,7 +21,7 @@ SimPhone::SimPhone(asio::io_context& io, SimPhoneOptions options, Reporter repor
     }
     if (!options.storage.empty()) {
         installLookupHandler(app_.handlers(), options.storage);
-        installTransferHandlers(app_.handlers(), options.storage);
+        installTransferHandlers(app_, options.storage);
         installItemHandlers(app_.handlers(), options.storage);
         installVolumeHandlers(app_.handlers(), options.storage);
         if (options.watchStorage) {

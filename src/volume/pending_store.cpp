@@ -84,7 +84,7 @@ PendingStore::PendingStore(fs::path folder) : folder_(std::move(folder)) {
     }
 }
 
-bool PendingStore::save(const PendingWrite& write) {
+bool PendingStore::save(const PendingWrite& write, bool durable) {
     if (!transfer::isContainerFileName(write.copyName)) {
         log::xpc().error("skiff-fs will not record a write under the name \"%{public}s\"",
                          write.copyName.c_str());
@@ -101,9 +101,10 @@ bool PendingStore::save(const PendingWrite& write) {
     {
         const UniqueFd file(
             ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-        done = file.get() >= 0 && writeAllAt(file.get(), *body, 0) && ::fsync(file.get()) == 0;
+        done = file.get() >= 0 && writeAllAt(file.get(), *body, 0) &&
+               (!durable || ::fsync(file.get()) == 0);
     }
-    done = done && ::rename(temp.c_str(), final.c_str()) == 0 && syncFolder(folder_);
+    done = done && ::rename(temp.c_str(), final.c_str()) == 0 && (!durable || syncFolder(folder_));
     if (!done) {
         log::xpc().error("skiff-fs cannot record the pending write of %{public}s: %{public}s",
                          write.identifier.c_str(), std::strerror(errno));
@@ -118,8 +119,9 @@ void PendingStore::remove(const std::string& copyName) {
     }
     std::lock_guard guard(mutex_);
     std::error_code error;
+    // Not flushed: a record that comes back after a power loss only pushes bytes the phone
+    // has already, against a version it no longer has (kept beside it, never lost).
     fs::remove(folder_ / (copyName + std::string(kRecordSuffix)), error);
-    syncFolder(folder_);
 }
 
 std::vector<PendingWrite> PendingStore::loadAll() {

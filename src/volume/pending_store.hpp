@@ -4,9 +4,13 @@
 // push and removed once the phone holds the bytes. skiff-fs reads them back when it starts
 // (after a crash, an unmount or a reboot) and pushes them again.
 //
-// A record is replaced in one step (temporary file, fsync, rename, fsync of the folder), so
-// a crash leaves the old record or the new one. A record that does not decode is logged and
-// renamed "<copyName>.pending.bad", never thrown on; its local copy is kept for the user.
+// A record is replaced in one step (temporary file, rename), so a crash of skiff-fs leaves
+// the old record or the new one. While a push runs that is enough: the push either lands or
+// fails within a round trip, and three disk flushes per small file would cost more than the
+// phone. A record kept because its push failed is saved durable (fsync of the file and the
+// folder; the caller flushes the copy), so what waits for the phone survives a power loss. A record
+// that does not decode is logged and renamed "<copyName>.pending.bad", never thrown on; its local
+// copy is kept for the user.
 //
 // Threads: any; one mutex orders every change of the folder made through this object.
 
@@ -66,9 +70,9 @@ public:
 
     const std::filesystem::path& folder() const { return folder_; }
 
-    // Writes or replaces the record of write.copyName; false (logged) when it could not be
-    // made durable or the copy name is not a plain file name.
-    bool save(const PendingWrite& write);
+    // Writes or replaces the record of write.copyName, flushed to the disk when `durable`;
+    // false (logged) when it could not be written or the copy name is not a plain file name.
+    bool save(const PendingWrite& write, bool durable);
     void remove(const std::string& copyName);
     // Every record that decodes, in no particular order.
     std::vector<PendingWrite> loadAll();

@@ -28,6 +28,22 @@ constexpr std::size_t kSlotBytes = kParamCapacity + service::kMaxRelayBodyBytes;
 constexpr std::size_t kSlotCount = 4;
 // Bodies up to this size go on the bus itself; larger ones through the shared buffer.
 constexpr std::size_t kBusBodyLimit = 65'536;
+// An ordered push whose chunk the app took only part of; never reported to the caller.
+constexpr int kShortChunkErrno = EAGAIN;
+
+// The errno of a relay's answer; a stage or a commit refused by the app names its status in
+// a rejection record.
+int errnoOfAnswer(std::int64_t status, std::int64_t code, const Bytes& response,
+                  Operation operation) {
+    const int error = errnoOfRelay(status, code, operation);
+    if (status == static_cast<std::int64_t>(relay::UsbMuxRelayError::deviceStatus)) {
+        if (const auto rejection = json::decode<transfer::FileIODeviceRejection>(response)) {
+            const int named = errnoOfDeviceStatus(rejection->status, operation);
+            return named == 0 ? EIO : named;
+        }
+    }
+    return error;
+}
 
 template <class T>
 Answer<T> decoded(const std::optional<T>& value) {
@@ -94,15 +110,7 @@ PhoneRelay::Reply PhoneRelay::relay(UsbMuxRelaySelector selector, const Bytes& b
                                     Operation operation) {
     try {
         auto reply = client_.relayToUsbMux(static_cast<std::int64_t>(selector), body);
-        auto error = errnoOfRelay(reply.status, reply.code, operation);
-        // A stage or a commit refused by the app names its status in a rejection record.
-        if (reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::deviceStatus)) {
-            if (const auto rejection =
-                    json::decode<transfer::FileIODeviceRejection>(reply.response)) {
-                const int named = errnoOfDeviceStatus(rejection->status, operation);
-                error = named == 0 ? EIO : named;
-            }
-        }
+        const int error = errnoOfAnswer(reply.status, reply.code, reply.response, operation);
         return {error, std::move(reply.response)};
     } catch (const std::exception& e) {
         log::xpc().error("skiff-fs relay %{public}lld failed: %{public}s",
@@ -131,7 +139,8 @@ Answer<RelayItemSummary> PhoneRelay::lookup(const std::string& identifier,
                      relay::RelayLookupRequest{identifier, source});
 }
 
-Answer<std::vector<RelayItemSummary>> PhoneRelay::list(const std::string& identifier) {
+Answer<std::vector<RelayItemSummary>> PhoneRelay::list(const std::string& identifier,
+                                                       bool onePage) {
     ListingPages pages(identifier, std::chrono::steady_clock::now() + kListTimeLimit);
     relay::RelayListRequest request{identifier, std::nullopt};
     do {
@@ -145,6 +154,9 @@ Answer<std::vector<RelayItemSummary>> PhoneRelay::list(const std::string& identi
         }
         if (const int error = pages.add(reply.body, request.cursor); error != 0) {
             return {error, {}};
+        }
+        if (onePage && request.cursor) {
+            return {EFBIG, {}};
         }
     } while (request.cursor);
     return {0, pages.take()};
@@ -320,28 +332,155 @@ int PhoneRelay::sendRange(const PushPlan& plan, ByteRange range) {
     return 0;
 }
 
-Answer<RelayItemSummary> PhoneRelay::pushRanges(const PushPlan& plan) {
-    const auto stage = json::encode(
-        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
-    if (!stage) {
-        return {EINVAL, {}};
-    }
-    if (const auto reply = relay(UsbMuxRelaySelector::truncateWrite, *stage); reply.error != 0) {
-        return {reply.error, {}};
-    }
+PhoneRelay::Pushed PhoneRelay::pushRanges(const PushPlan& plan) {
     // Bytes past the size were cut by the user after writing them: the stage drops them.
     RangeSet send;
     for (const auto& range : plan.dirty) {
         send.add(range.offset, range.length);
     }
     send.truncate(plan.size);
-    for (const auto& range : send.ranges()) {
+    const auto ranges = send.ranges();
+    auto pushed = pushInOrder(plan, ranges);
+    if (!pushed) {
+        return pushOneByOne(plan, ranges);
+    }
+    if (pushed->error != kShortChunkErrno) {
+        return *pushed;
+    }
+    // The app took less of a chunk than it was sent: the one-by-one path follows its lead,
+    // from what the phone holds now.
+    auto again = plan;
+    if (pushed->committed) {
+        again.baseVersion = pushed->value.contentVersion;
+    }
+    auto retried = pushOneByOne(again, ranges);
+    if (retried.error != 0 && pushed->committed) {
+        retried.value = pushed->value;
+        retried.committed = true;
+    }
+    return retried;
+}
+
+PhoneRelay::Pushed PhoneRelay::pushOneByOne(const PushPlan& plan,
+                                            const std::vector<ByteRange>& send) {
+    const auto stage = json::encode(
+        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    if (!stage) {
+        return {EINVAL};
+    }
+    if (const auto reply = relay(UsbMuxRelaySelector::truncateWrite, *stage); reply.error != 0) {
+        return {reply.error};
+    }
+    for (const auto& range : send) {
         if (const int error = sendRange(plan, range); error != 0) {
-            return {error, {}};
+            return {error};
         }
     }
-    return summaryOf(UsbMuxRelaySelector::commitWrite,
-                     transfer::RelayCommitWriteRequest{plan.identifier});
+    auto committed = summaryOf(UsbMuxRelaySelector::commitWrite,
+                               transfer::RelayCommitWriteRequest{plan.identifier});
+    if (committed.error != 0) {
+        return {committed.error};
+    }
+    // A new item takes the phone's default mode; the one it was created with (git's
+    // executables, a private 0600 file) follows it there.
+    if (plan.mode && (committed.value.mode & 07777) != *plan.mode) {
+        if (auto moded = setAttributes(plan.identifier, std::nullopt, std::nullopt, plan.mode);
+            moded.error == 0) {
+            committed = std::move(moded);
+        }
+    }
+    return {0, std::move(committed.value)};
+}
+
+std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
+                                                          const std::vector<ByteRange>& send) {
+    std::uint64_t bytes = 0;
+    for (const auto& range : send) {
+        bytes += range.length;
+    }
+    const std::size_t count = send.size() + 2 + (plan.mode ? 1 : 0);
+    if (bytes > kOrderedPushBytes || count > service::kMaxOrderedRelays) {
+        return std::nullopt;
+    }
+    const auto stage = json::encode(
+        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    const auto commit = json::encode(transfer::RelayCommitWriteRequest{plan.identifier});
+    const auto mode = json::encode(
+        relay::RelaySetAttributesRequest{plan.identifier, std::nullopt, std::nullopt, plan.mode});
+    if (!stage || !commit || !mode) {
+        return Pushed{EINVAL};
+    }
+    std::vector<service::OrderedRelayRequest> requests;
+    requests.reserve(count);
+    requests.push_back({static_cast<std::int64_t>(UsbMuxRelaySelector::truncateWrite), *stage});
+    for (const auto& range : send) {
+        const auto header =
+            transfer::encodeWriteChunkHeader(plan.identifier, range.offset, range.length);
+        if (!header) {
+            return Pushed{ENAMETOOLONG};
+        }
+        Bytes body(header->size() + range.length);
+        std::memcpy(body.data(), header->data(), header->size());
+        if (readUpTo(plan.fd, std::span(body).subspan(header->size()), range.offset) !=
+            range.length) {
+            log::xpc().error("skiff-fs cannot read the local copy of %{public}s",
+                             plan.identifier.c_str());
+            return Pushed{EIO};
+        }
+        requests.push_back(
+            {static_cast<std::int64_t>(UsbMuxRelaySelector::writeChunk), std::move(body)});
+    }
+    requests.push_back({static_cast<std::int64_t>(UsbMuxRelaySelector::commitWrite), *commit});
+    if (plan.mode) {
+        requests.push_back({static_cast<std::int64_t>(UsbMuxRelaySelector::setAttributes), *mode});
+    }
+    std::vector<service::OrderedRelayAnswer> answers;
+    try {
+        answers = client_.relayToUsbMuxInOrder(std::move(requests));
+    } catch (const std::exception& e) {
+        log::xpc().error("skiff-fs push of %{public}s failed: %{public}s", plan.identifier.c_str(),
+                         e.what());
+        return Pushed{EIO};
+    }
+    if (answers.size() != count) {
+        return Pushed{EIO};
+    }
+    const auto errorOf = [&](std::size_t i) {
+        return errnoOfAnswer(answers[i].status, answers[i].code, answers[i].response,
+                             Operation::other);
+    };
+    // The first failure before the commit is the push's; the app handled the requests in
+    // order, so later ones may have failed only because of it.
+    int error = errorOf(0);
+    for (std::size_t i = 0; i < send.size() && error == 0; ++i) {
+        if ((error = errorOf(i + 1)) != 0) {
+            break;
+        }
+        const auto answer =
+            json::decode<transfer::RelayWriteChunkResponse>(answers[i + 1].response);
+        const auto end = send[i].offset + send[i].length;
+        if (!answer || answer->nextOffset <= send[i].offset || answer->nextOffset > end) {
+            error = EIO;
+        } else if (answer->nextOffset < end) {
+            error = kShortChunkErrno;
+        }
+    }
+    const auto commitAt = send.size() + 1;
+    const auto committed = errorOf(commitAt) == 0
+                               ? json::decode<RelayItemSummary>(answers[commitAt].response)
+                               : std::nullopt;
+    if (!committed) {
+        return Pushed{error != 0 ? error : errorOf(commitAt) != 0 ? errorOf(commitAt) : EIO};
+    }
+    if (error != 0) {
+        return Pushed{error, *committed, true};
+    }
+    if (plan.mode && errorOf(commitAt + 1) == 0) {
+        if (auto moded = json::decode<RelayItemSummary>(answers[commitAt + 1].response)) {
+            return Pushed{0, std::move(*moded)};
+        }
+    }
+    return Pushed{0, *committed};
 }
 
 int PhoneRelay::remove(const std::string& identifier) {

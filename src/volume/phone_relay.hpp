@@ -76,8 +76,8 @@ public:
     // entry is filed as identifier + "/" + its own filename whatever identifier the reply
     // claims; a page with an entry of another folder is EIO; an entry whose name cannot be
     // a file name here (empty, ".", "..", '/' or NUL in it, not UTF-8, over 255 bytes) is
-    // left out with a log line.
-    Answer<std::vector<RelayItemSummary>> list(const std::string& identifier);
+    // left out with a log line. With `onePage`, a folder the app pages is EFBIG at once.
+    Answer<std::vector<RelayItemSummary>> list(const std::string& identifier, bool onePage = false);
     // The chunk of up to transfer::kChunkSize bytes at offset. With knownSize, a reply
     // shorter than what the item holds there is EIO, never the end of the file.
     int readChunk(const std::string& identifier, std::uint64_t offset, Bytes& out,
@@ -104,7 +104,9 @@ public:
                                     const std::string& newIdentifier);
 
     // Stages the item at size from the content it has now (a new, empty item when
-    // baseVersion is absent), sends the dirty ranges read from fd, and commits.
+    // baseVersion is absent), sends the dirty ranges read from fd, commits, and gives a new
+    // item its mode. A push of up to kOrderedPushBytes goes out as one ordered relay (one
+    // round trip); a larger one waits for each answer, its chunks through the shared buffer.
     // kConflictErrno when the phone's copy is no longer baseVersion. Nothing is lost on a
     // failure: the caller keeps its bytes and its record and tries again.
     struct PushPlan {
@@ -113,8 +115,17 @@ public:
         std::uint64_t size = 0;
         std::vector<ByteRange> dirty;
         int fd = -1;  // the local copy, read with pread; the caller keeps it open
+        std::optional<std::uint32_t> mode;  // a new item's permission bits
     };
-    Answer<RelayItemSummary> pushRanges(const PushPlan& plan);
+    // With an error, `committed` says the phone committed a version anyway (a chunk of an
+    // ordered push failed after its stage): value holds it, the next push starts from it.
+    struct Pushed {
+        int error = 0;
+        RelayItemSummary value{};
+        bool committed = false;
+    };
+    static constexpr std::uint64_t kOrderedPushBytes = std::uint64_t{1} << 20;
+    Pushed pushRanges(const PushPlan& plan);
 
 private:
     struct Reply {
@@ -133,6 +144,10 @@ private:
     int readInto(relay::UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
                  std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out);
     int sendRange(const PushPlan& plan, ByteRange range);
+    // The push as one ordered relay; nothing when it does not fit one.
+    std::optional<Pushed> pushInOrder(const PushPlan& plan, const std::vector<ByteRange>& send);
+    // The push one request at a time.
+    Pushed pushOneByOne(const PushPlan& plan, const std::vector<ByteRange>& send);
     // A request answered with an item's summary.
     template <class Request>
     Answer<RelayItemSummary> summaryOf(relay::UsbMuxRelaySelector selector, const Request& request);

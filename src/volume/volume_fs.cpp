@@ -109,6 +109,7 @@ VolumeFs::VolumeFs(PhoneRelay& phone, std::filesystem::path copies, std::uint64_
       copies_(std::move(copies)),
       owner_(::getuid()),
       group_(::getgid()),
+      folders_(kCacheLifetime),
       pending_(copies_),
       budget_([this, copyLimit] {
           struct statvfs space {};
@@ -177,18 +178,21 @@ void VolumeFs::resume(const PendingWrite& write) {
     markChanged(node);
 }
 
-void VolumeFs::record(Node& node, const std::string& identifier) {
+void VolumeFs::record(Node& node, const std::string& identifier, bool durable) {
     PendingWrite write;
     {
         std::lock_guard guard(node.mutex);
         const auto& content = node.content;
+        if (durable && content.fd.get() >= 0) {
+            ::fsync(content.fd.get());  // the record is worth no more than the bytes it names
+        }
         write.identifier = identifier;
         write.baseVersion = content.onPhone ? content.version : std::nullopt;
         write.size = content.size;
         write.dirty = content.dirty.ranges();
         write.copyName = content.copyName;
     }
-    pending_.save(write);
+    pending_.save(write, durable);
 }
 
 void VolumeFs::finish() {
@@ -278,11 +282,15 @@ int VolumeFs::refresh(const std::shared_ptr<Node>& node, RelayLookupSource sourc
     if (nodes_.unlinked(*node)) {
         return 0;
     }
+    if (!fresh && node->id != kRootNode && fromListing(node)) {
+        return 0;
+    }
     // After any push in flight: an answer the phone gave before it must not undo it.
     std::lock_guard io(node->io);
     const auto identifier = nodes_.identifierOf(*node);
     const auto answer = phone_.lookup(identifier, source);
     if (answer.error == ENOENT && node->id != kRootNode) {
+        folders_.erase(identifier);
         std::lock_guard guard(node->mutex);
         if (!node->content.changed) {
             nodes_.unlink(identifier);
@@ -301,7 +309,8 @@ int VolumeFs::refresh(const std::shared_ptr<Node>& node, RelayLookupSource sourc
     return 0;
 }
 
-int VolumeFs::entryOf(const std::string& identifier, RelayLookupSource source, Entry& entry) {
+int VolumeFs::entryOf(const std::string& identifier, RelayLookupSource source, Entry& entry,
+                      fuse_req_t req) {
     if (auto known = nodes_.find(identifier)) {
         if (const int error = refresh(known, source, false); error == 0) {
             entry.node = nodes_.learn(identifier, known->isDirectory, 1);
@@ -310,14 +319,62 @@ int VolumeFs::entryOf(const std::string& identifier, RelayLookupSource source, E
             return error;
         }
     }
+    const auto found = listed(identifier);
+    // The service looks up an item the phone has just told it of: the listing may predate it.
+    if (found.known == FolderCache::Known::absent && !fromService(req)) {
+        return ENOENT;
+    }
+    if (found.known == FolderCache::Known::present) {
+        entry.node = nodes_.learn(identifier, found.item.isDirectory, 1);
+        std::lock_guard guard(entry.node->mutex);
+        if (!entry.node->content.changed) {
+            apply(*entry.node, found.item);
+            entry.node->fetched = found.asked;
+        }
+        return 0;
+    }
     const auto answer = phone_.lookup(identifier, source);
     if (answer.error != 0) {
         return answer.error;
     }
+    folders_.put(answer.value);
     entry.node = nodes_.learn(identifier, answer.value.isDirectory, 1);
     std::lock_guard guard(entry.node->mutex);
     apply(*entry.node, answer.value);
     return 0;
+}
+
+FolderCache::Found VolumeFs::listed(const std::string& identifier) {
+    auto found = folders_.find(identifier);
+    const auto folder = parentOf(identifier);
+    if (found.known == FolderCache::Known::unknown && folders_.worthListing(folder)) {
+        // One round trip either way; the listing answers the next names in the folder too.
+        const auto asked = Clock::now();
+        auto answer = phone_.list(folder, true);
+        if (answer.error == EFBIG) {
+            folders_.markLarge(folder);
+        } else if (answer.error == 0) {
+            folders_.store(folder, asked, answer.value);
+            found = folders_.find(identifier);
+        }
+    }
+    return found;
+}
+
+bool VolumeFs::fromListing(const std::shared_ptr<Node>& node) {
+    const auto found = listed(nodes_.identifierOf(*node));
+    if (found.known != FolderCache::Known::present || found.item.isDirectory != node->isDirectory) {
+        return false;  // gone, perhaps: the phone says for sure
+    }
+    std::lock_guard guard(node->mutex);
+    // A listing asked before this node's last push or fetch knows less than the node.
+    if (node->content.changed || found.asked <= node->content.lastPush ||
+        found.asked <= node->fetched) {
+        return false;
+    }
+    apply(*node, found.item);
+    node->fetched = found.asked;
+    return true;
 }
 
 fuse_entry_param VolumeFs::kernelEntry(Node& node) {
@@ -352,7 +409,7 @@ void VolumeFs::lookup(fuse_req_t req, NodeId parent, const char* name) {
     }
     Entry entry;
     const auto identifier = childOf(nodes_.identifierOf(*directory), name);
-    if (const int error = entryOf(identifier, RelayLookupSource::fsLookupByName, entry);
+    if (const int error = entryOf(identifier, RelayLookupSource::fsLookupByName, entry, req);
         error != 0) {
         fuse_reply_err(req, error);
         return;
@@ -514,6 +571,8 @@ void VolumeFs::mkdir(fuse_req_t req, NodeId parent, const char* name) {
         std::lock_guard guard(node->mutex);
         apply(*node, answer.value);
     }
+    folders_.put(answer.value);
+    folders_.store(identifier, Clock::now(), {});  // made just now, so empty
     replyEntry(req, node);
 }
 
@@ -544,6 +603,7 @@ void VolumeFs::unlink(fuse_req_t req, NodeId parent, const char* name) {
         }
         if (!onPhone) {
             nodes_.unlink(identifier);
+            folders_.erase(identifier);
             dropCopy(*node);
             fuse_reply_err(req, 0);
             return;
@@ -555,6 +615,7 @@ void VolumeFs::unlink(fuse_req_t req, NodeId parent, const char* name) {
         return;
     }
     nodes_.unlink(identifier);
+    folders_.erase(identifier);
     if (node) {
         dropCopy(*node);
     }
@@ -580,7 +641,10 @@ void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId ne
     const auto source = childOf(nodes_.identifierOf(*from), name);
     const auto target = childOf(nodes_.identifierOf(*to), newName);
     bool targetExists = nodes_.find(target) != nullptr;
-    if (!targetExists) {
+    if (const auto known = folders_.find(target).known;
+        !targetExists && known != FolderCache::Known::unknown) {
+        targetExists = known == FolderCache::Known::present;
+    } else if (!targetExists) {
         const auto found = phone_.lookup(target, RelayLookupSource::fsLookupByName);
         if (found.error != 0 && found.error != ENOENT) {
             fuse_reply_err(req, found.error);
@@ -606,6 +670,7 @@ void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId ne
         if (!onPhone && !targetExists) {
             // Not on the phone yet: the name changes here and the push goes to the new one.
             nodes_.rename(source, target);
+            folders_.erase(source);
             fuse_reply_err(req, 0);
             return;
         }
@@ -626,6 +691,8 @@ void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId ne
         dropCopy(*replaced);
     }
     nodes_.rename(source, target);
+    folders_.erase(source);
+    folders_.put(answer.value);
     if (node) {
         std::lock_guard guard(node->mutex);
         apply(*node, answer.value);
@@ -842,6 +909,7 @@ void VolumeFs::create(fuse_req_t req, NodeId parent, const char* name, mode_t mo
         content.changed = true;
         content.lastChange = Clock::now();
         content.writers = 1;
+        folders_.put(node->attributes);
     }
     markChanged(node);
     nodes_.opened(*node);
@@ -1073,7 +1141,6 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
     // The phone stages from its own copy of the base version, so only what was written here
     // travels; a new item starts empty, so the bytes it gets are all it will hold.
     PhoneRelay::PushPlan plan;
-    std::uint32_t mode = 0;
     plan.identifier = identifier;
     plan.baseVersion = base;
     plan.size = size;
@@ -1081,30 +1148,31 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         std::lock_guard guard(node.mutex);
         plan.dirty = everything ? std::vector<ByteRange>{{0, size}} : node.content.dirty.ranges();
         plan.fd = node.content.fd.get();
-        mode = node.attributes.mode & 07777;
-    }
-    auto answer = phone_.pushRanges(plan);
-    if (answer.error != 0) {
-        return answer.error;
-    }
-    // A new item takes the phone's default mode; the one it was created with (git's
-    // executables, a private 0600 file) follows it there.
-    if (!base && (answer.value.mode & 07777) != mode) {
-        if (auto moded = phone_.setAttributes(identifier, std::nullopt, std::nullopt, mode);
-            moded.error == 0) {
-            answer = std::move(moded);
+        if (!base) {
+            plan.mode = node.attributes.mode & 07777;
         }
+    }
+    const auto pushed = phone_.pushRanges(plan);
+    // (A conflict copy's half-pushed version is another item's, never this node's.)
+    if (pushed.error != 0 && (!pushed.committed || everything)) {
+        return pushed.error;
     }
     std::lock_guard guard(node.mutex);
     auto& content = node.content;
-    if (content.kernelCached && content.kernelCached == content.version) {
-        content.kernelCached = answer.value.contentVersion;  // the kernel holds these bytes
+    if (content.kernelCached && content.kernelCached == content.version && pushed.error == 0) {
+        content.kernelCached = pushed.value.contentVersion;  // the kernel holds these bytes
     }
-    content.version = answer.value.contentVersion;
+    // A version committed by a push that failed midway is the phone's now: the next push
+    // stages from it and sends every dirty range again.
+    content.version = pushed.value.contentVersion;
     content.onPhone = true;
+    if (pushed.error != 0) {
+        return pushed.error;
+    }
     content.lastPush = Clock::now();
-    node.attributes = answer.value;
+    node.attributes = pushed.value;
     node.fetched = Clock::now();
+    folders_.put(pushed.value);
     return 0;
 }
 
@@ -1127,14 +1195,17 @@ int VolumeFs::push(const std::shared_ptr<Node>& node) {
         return 0;  // removed before it reached the phone: nothing to keep
     }
     const auto identifier = nodes_.identifierOf(*node);
-    // On disk before the phone is asked, so that a crash meanwhile loses nothing.
-    record(*node, identifier);
+    // Written before the phone is asked, so that a crash meanwhile loses nothing.
+    record(*node, identifier, false);
     int error = pushChanges(*node, identifier, onPhone ? version : std::nullopt, size, false);
     if (error == kConflictErrno) {
         error = keepBoth(*node, identifier);
         if (error == 0) {
             return kConflictErrno;  // told once: the user's bytes are under another name
         }
+    }
+    if (error != 0) {
+        record(*node, identifier, true);  // the bytes wait here for a while now
     }
     std::lock_guard guard(node->mutex);
     auto& content = node->content;
@@ -1270,6 +1341,7 @@ void VolumeFs::opendir(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         fuse_reply_err(req, answer.error);
         return;
     }
+    folders_.store(identifier, asked, answer.value);
     auto listing = std::make_unique<Listing>();
     listing->items = std::move(answer.value);
     listing->asked = asked;

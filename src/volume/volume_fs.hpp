@@ -31,6 +31,7 @@
 
 #include "transfer/shared_file_storage.hpp"
 #include "volume/copy_budget.hpp"
+#include "volume/folder_cache.hpp"
 #include "volume/node_table.hpp"
 #include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
@@ -90,8 +91,14 @@ private:
     // The node's attributes, refreshed from the phone when older than the cache time (or
     // always with `fresh`). An item gone from the phone unlinks its node: ENOENT.
     int refresh(const std::shared_ptr<Node>& node, relay::RelayLookupSource source, bool fresh);
-    // The item at `identifier` as a node the kernel holds one more look-up of.
-    int entryOf(const std::string& identifier, relay::RelayLookupSource source, Entry& entry);
+    // The item at `identifier` as a node the kernel holds one more look-up of, for `req`.
+    int entryOf(const std::string& identifier, relay::RelayLookupSource source, Entry& entry,
+                fuse_req_t req);
+    // What the folder's fresh listing says of the item; a folder not known to be large is
+    // listed first when it has none.
+    FolderCache::Found listed(const std::string& identifier);
+    // The node's attributes from its folder's listing, when that is newer than the node's.
+    bool fromListing(const std::shared_ptr<Node>& node);
     // The kernel's entry of the node, with its attributes. Takes Node::mutex.
     fuse_entry_param kernelEntry(Node& node);
     void replyEntry(fuse_req_t req, const std::shared_ptr<Node>& node);
@@ -115,7 +122,8 @@ private:
     // The phone's copy changed since the user's started: the user's bytes are kept beside
     // it (or in the recovered folder) and the node follows the phone again. Node::io held.
     int keepBoth(Node& node, const std::string& identifier);
-    void record(Node& node, const std::string& identifier);
+    // Writes the node's pending record; `durable` flushes it and the local copy to disk.
+    void record(Node& node, const std::string& identifier, bool durable);
     void resume(const PendingWrite& write);
     void dropCopy(Node& node);
     // Closes and deletes the node's local copy file. Node::mutex held.
@@ -133,6 +141,7 @@ private:
     const uid_t owner_;
     const gid_t group_;
     NodeTable nodes_;
+    FolderCache folders_;
     PendingStore pending_;
     CopyBudget budget_;
     fuse_session* session_ = nullptr;

@@ -158,7 +158,7 @@ TEST_F(AppTransferTest, StaleOrMisplacedWritesAreRejectedBeforeAnyChunk) {
 class FramedTransferTest : public AppTransferTest {
 protected:
     void SetUp() override {
-        installTransferHandlers(app_.handlers(), root_);
+        installTransferHandlers(app_, root_);
         int fds[2];
         ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
         app_.listener()(std::make_shared<AppSocket>(io_, asio::local::stream_protocol(), fds[0]),

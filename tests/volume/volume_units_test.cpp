@@ -14,6 +14,8 @@
 #include "relay/item_requests.hpp"
 #include "support/child_process.hpp"
 #include "volume/conflict_name.hpp"
+#include "volume/folder_cache.hpp"
+#include "volume/node_table.hpp"
 #include "volume/pending_store.hpp"
 #include "volume/phone_relay.hpp"
 #include "volume/range_set.hpp"
@@ -110,10 +112,11 @@ TEST_F(PendingStoreTest, RecordsComeBackAsSavedAndReplaceTheirOldSelves) {
     const PendingWrite edited{"docs/a.txt",           Bytes{1, 2, 3}, 5000,
                               {{0, 10}, {4096, 904}}, "n1",           0640};
     const PendingWrite created{"b", std::nullopt, 0, {}, "n2", std::nullopt};
-    ASSERT_TRUE(store.save(edited));
-    ASSERT_TRUE(store.save(PendingWrite{"b", Bytes{9}, 1, {{0, 1}}, "n2", 0600}));
-    ASSERT_TRUE(store.save(created));
-    EXPECT_FALSE(store.save(PendingWrite{"c", std::nullopt, 0, {}, "../escape", std::nullopt}));
+    ASSERT_TRUE(store.save(edited, true));
+    ASSERT_TRUE(store.save(PendingWrite{"b", Bytes{9}, 1, {{0, 1}}, "n2", 0600}, true));
+    ASSERT_TRUE(store.save(created, true));
+    EXPECT_FALSE(
+        store.save(PendingWrite{"c", std::nullopt, 0, {}, "../escape", std::nullopt}, true));
 
     auto loaded = store.loadAll();
     std::sort(loaded.begin(), loaded.end(),
@@ -127,7 +130,8 @@ TEST_F(PendingStoreTest, RecordsComeBackAsSavedAndReplaceTheirOldSelves) {
 
 TEST_F(PendingStoreTest, CrashLeftoversGoAndNothingRecordedIsLost) {
     PendingStore store(folder_);
-    ASSERT_TRUE(store.save(PendingWrite{"a", std::nullopt, 3, {{0, 3}}, "kept", std::nullopt}));
+    ASSERT_TRUE(
+        store.save(PendingWrite{"a", std::nullopt, 3, {{0, 3}}, "kept", std::nullopt}, true));
     for (const auto* copy : {"kept", "torn", "liar", "open", "orphan"}) {
         writeFile(copy, "bytes");
     }
@@ -149,6 +153,44 @@ TEST_F(PendingStoreTest, CrashLeftoversGoAndNothingRecordedIsLost) {
     EXPECT_FALSE(exists("orphan"));
     EXPECT_FALSE(exists("half.pending.tmp"));
     EXPECT_EQ(store.count(), 1u);
+}
+
+// A listing answers for its folder only while fresh, follows the volume's own changes, and
+// forgets what lay below an item that went.
+TEST(FolderCache, AListingAnswersForItsFolderAndFollowsTheVolumesOwnChanges) {
+    using Known = FolderCache::Known;
+    const auto item = [](std::string identifier, bool isDirectory = false) {
+        relay::RelayItemSummary summary;
+        summary.filename = nameOf(identifier);
+        summary.identifier = std::move(identifier);
+        summary.isDirectory = isDirectory;
+        return summary;
+    };
+    FolderCache cache(std::chrono::hours(1));
+    const auto now = FolderCache::Clock::now();
+    cache.store("", now, {item("a", true), item("f")});
+    cache.store("a", now, {item("a/x")});
+    cache.put(item("a/new"));
+    cache.put(item("unlisted/y"));  // a folder with no listing learns nothing
+    cache.erase("f");
+    const std::pair<const char*, Known> expected[] = {
+        {"a", Known::present},          {"f", Known::absent},      {"g", Known::absent},
+        {"a/x", Known::present},        {"a/new", Known::present}, {"a/z", Known::absent},
+        {"unlisted/y", Known::unknown},
+    };
+    for (const auto& [identifier, known] : expected) {
+        EXPECT_EQ(cache.find(identifier).known, known) << identifier;
+    }
+    cache.erase("a");  // its own listing goes with it
+    EXPECT_EQ(cache.find("a/x").known, Known::unknown);
+
+    FolderCache stale(std::chrono::seconds(1));
+    stale.store("", now - std::chrono::seconds(2), {item("f")});
+    EXPECT_EQ(stale.find("f").known, Known::unknown);
+    const std::vector many(FolderCache::kEntryLimit + 1, item("big/e"));
+    stale.store("big", now, many);
+    EXPECT_FALSE(stale.worthListing("big"));
+    EXPECT_EQ(stale.find("big/e").known, Known::unknown);
 }
 
 TEST(ConflictName, TheStampGoesBeforeTheExtensionAndTheNameStaysAFileName) {
