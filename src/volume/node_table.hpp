@@ -51,6 +51,9 @@ struct Content {
     std::uint32_t writers = 0;          // open handles that may write
     std::uint32_t unclosedWriters = 0;  // handles with writes since their last close
     std::uint64_t replacements = 0;     // times the phone's copy changed under this node
+    // Times or mode set here while the bytes were not on the phone: they go with the push.
+    bool timesPending = false;
+    bool modePending = false;
 };
 
 struct Node {

@@ -383,10 +383,11 @@ PhoneRelay::Pushed PhoneRelay::pushOneByOne(const PushPlan& plan,
     }
     // A new item takes the phone's default mode; the one it was created with (git's
     // executables, a private 0600 file) follows it there.
-    if (plan.mode && (committed.value.mode & 07777) != *plan.mode) {
-        if (auto moded = setAttributes(plan.identifier, std::nullopt, std::nullopt, plan.mode);
-            moded.error == 0) {
-            committed = std::move(moded);
+    const bool modeDiffers = plan.mode && (committed.value.mode & 07777) != *plan.mode;
+    if (modeDiffers || plan.modifyTime || plan.accessTime) {
+        if (auto set = setAttributes(plan.identifier, plan.modifyTime, plan.accessTime, plan.mode);
+            set.error == 0) {
+            committed = std::move(set);
         }
     }
     return {0, std::move(committed.value)};
@@ -398,15 +399,15 @@ std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
     for (const auto& range : send) {
         bytes += range.length;
     }
-    const std::size_t count = send.size() + 2 + (plan.mode ? 1 : 0);
+    const std::size_t count = send.size() + 2 + (plan.setsAttributes() ? 1 : 0);
     if (bytes > kOrderedPushBytes || count > service::kMaxOrderedRelays) {
         return std::nullopt;
     }
     const auto stage = json::encode(
         transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
     const auto commit = json::encode(transfer::RelayCommitWriteRequest{plan.identifier});
-    const auto mode = json::encode(
-        relay::RelaySetAttributesRequest{plan.identifier, std::nullopt, std::nullopt, plan.mode});
+    const auto mode = json::encode(relay::RelaySetAttributesRequest{
+        plan.identifier, plan.modifyTime, plan.accessTime, plan.mode});
     if (!stage || !commit || !mode) {
         return Pushed{EINVAL};
     }
@@ -431,7 +432,7 @@ std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
             {static_cast<std::int64_t>(UsbMuxRelaySelector::writeChunk), std::move(body)});
     }
     requests.push_back({static_cast<std::int64_t>(UsbMuxRelaySelector::commitWrite), *commit});
-    if (plan.mode) {
+    if (plan.setsAttributes()) {
         requests.push_back({static_cast<std::int64_t>(UsbMuxRelaySelector::setAttributes), *mode});
     }
     std::vector<service::OrderedRelayAnswer> answers;
@@ -475,7 +476,7 @@ std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
     if (error != 0) {
         return Pushed{error, *committed, true};
     }
-    if (plan.mode && errorOf(commitAt + 1) == 0) {
+    if (plan.setsAttributes() && errorOf(commitAt + 1) == 0) {
         if (auto moded = json::decode<RelayItemSummary>(answers[commitAt + 1].response)) {
             return Pushed{0, std::move(*moded)};
         }

@@ -105,17 +105,23 @@ public:
 
     // Stages the item at size from the content it has now (a new, empty item when
     // baseVersion is absent), sends the dirty ranges read from fd, commits, and gives a new
-    // item its mode. A push of up to kOrderedPushBytes goes out as one ordered relay (one
-    // round trip); a larger one waits for each answer, its chunks through the shared buffer.
-    // kConflictErrno when the phone's copy is no longer baseVersion. Nothing is lost on a
-    // failure: the caller keeps its bytes and its record and tries again.
+    // item its mode (and the times and mode the plan carries). A push of up to kOrderedPushBytes
+    // goes out as one ordered relay (one round trip); a larger one waits for each answer, its
+    // chunks through the shared buffer. kConflictErrno when the phone's copy is no longer
+    // baseVersion. Nothing is lost on a failure: the caller keeps its bytes and its record and
+    // tries again.
     struct PushPlan {
         std::string identifier;
         std::optional<Bytes> baseVersion;
         std::uint64_t size = 0;
         std::vector<ByteRange> dirty;
         int fd = -1;  // the local copy, read with pread; the caller keeps it open
-        std::optional<std::uint32_t> mode;  // a new item's permission bits
+        // Set after the commit: a new item's permission bits, and what the user set here
+        // while the bytes were not on the phone yet.
+        std::optional<std::uint32_t> mode;
+        std::optional<relay::RelayTimespec> modifyTime;
+        std::optional<relay::RelayTimespec> accessTime;
+        bool setsAttributes() const { return mode || modifyTime || accessTime; }
     };
     // With an error, `committed` says the phone committed a version anyway (a chunk of an
     // ordered push failed after its stage): value holds it, the next push starts from it.

@@ -174,6 +174,7 @@ void VolumeFs::resume(const PendingWrite& write) {
         node->attributes.identifier = write.identifier;
         node->attributes.filename = nameOf(write.identifier);
         node->attributes.mode = write.mode.value_or(0);
+        content.modePending = write.mode && content.onPhone;
     }
     markChanged(node);
 }
@@ -191,6 +192,9 @@ void VolumeFs::record(Node& node, const std::string& identifier, bool durable) {
         write.size = content.size;
         write.dirty = content.dirty.ranges();
         write.copyName = content.copyName;
+        if (!content.onPhone || content.modePending) {
+            write.mode = node.attributes.mode & 07777;
+        }
     }
     pending_.save(write, durable);
 }
@@ -528,6 +532,12 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
             mode = attr.st_mode & 07777;
         }
         std::lock_guard io(node->io);
+        if (deferAttributes(*node, modify, access, mode)) {
+            std::lock_guard guard(node->mutex);
+            const auto st = attributesOf(*node);
+            fuse_reply_attr(req, &st, kKernelCacheSeconds);
+            return;
+        }
         // The phone sets attributes of what it holds: the user's bytes go first.
         if (const int error = push(node); error != 0) {
             fuse_reply_err(req, error);
@@ -550,6 +560,22 @@ void VolumeFs::setattr(fuse_req_t req, NodeId id, const struct stat& attr, int t
     std::lock_guard guard(node->mutex);
     const auto st = attributesOf(*node);
     fuse_reply_attr(req, &st, kKernelCacheSeconds);
+}
+
+bool VolumeFs::deferAttributes(Node& node, std::optional<relay::RelayTimespec> modify,
+                               std::optional<relay::RelayTimespec> access,
+                               std::optional<std::uint32_t> mode) {
+    std::lock_guard guard(node.mutex);
+    auto& content = node.content;
+    if (!content.changed) {
+        return false;
+    }
+    node.attributes.modifyTime = modify.value_or(node.attributes.modifyTime);
+    node.attributes.accessTime = access.value_or(node.attributes.accessTime);
+    node.attributes.mode = mode.value_or(node.attributes.mode);
+    content.timesPending = content.timesPending || modify || access;
+    content.modePending = content.modePending || mode;
+    return true;
 }
 
 // --- the tree ----------------------------------------------------------------------
@@ -1148,8 +1174,13 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         std::lock_guard guard(node.mutex);
         plan.dirty = everything ? std::vector<ByteRange>{{0, size}} : node.content.dirty.ranges();
         plan.fd = node.content.fd.get();
-        if (!base) {
+        // (No mode is known of a new item a crash left without its record's mode.)
+        if ((!base && (node.attributes.mode & 07777) != 0) || node.content.modePending) {
             plan.mode = node.attributes.mode & 07777;
+        }
+        if (node.content.timesPending) {
+            plan.modifyTime = node.attributes.modifyTime;
+            plan.accessTime = node.attributes.accessTime;
         }
     }
     const auto pushed = phone_.pushRanges(plan);
@@ -1170,6 +1201,7 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         return pushed.error;
     }
     content.lastPush = Clock::now();
+    content.timesPending = content.modePending = false;
     node.attributes = pushed.value;
     node.fetched = Clock::now();
     folders_.put(pushed.value);

@@ -113,6 +113,12 @@ private:
     // Cuts or extends the node's bytes. Node::mutex held.
     int cut(Node& node, std::uint64_t size);
     void markChanged(const std::shared_ptr<Node>& node);
+    // Times and mode set on a node whose bytes are not on the phone yet stay here and go
+    // with its push (one round trip for `cp -p`'s write, chmod and utimens). False when the
+    // node has nothing to push. Node::io held.
+    bool deferAttributes(Node& node, std::optional<relay::RelayTimespec> modify,
+                         std::optional<relay::RelayTimespec> access,
+                         std::optional<std::uint32_t> mode);
     // Sends the node's changes to the phone and waits for the outcome. Node::io held.
     int push(const std::shared_ptr<Node>& node);
     // Stages the item at `base` (a new item when absent), sends the dirty ranges (or every
