@@ -46,6 +46,9 @@ constexpr auto kPusherTick = std::chrono::milliseconds(250);
 constexpr auto kFirstRetry = std::chrono::seconds(2);
 constexpr auto kLastRetry = std::chrono::seconds(4);
 constexpr std::size_t kNameMax = 255;
+// A random read fetches its range rounded out to this; a sequential reader's read-ahead
+// grows from it to a whole chunk.
+constexpr std::uint64_t kReadUnit = 128 * 1024;
 
 // One open file.
 struct Handle {
@@ -55,6 +58,13 @@ struct Handle {
     // By this handle's writes or cuts since its last close. Guarded by the node's mutex,
     // which keeps Content::unclosedWriters in step with it.
     bool written = false;
+    // The read-ahead, guarded by the node's mutex: where a sequential read would start, the
+    // window that doubles while reads stay sequential, how far fetches were asked for, and
+    // the offset whose reading asks for the next window.
+    std::uint64_t next = 0;
+    std::uint64_t window = 0;
+    std::uint64_t ahead = 0;
+    std::uint64_t marker = 0;
 
     void wrote(Content& content) {
         if (!std::exchange(written, true)) {
@@ -73,6 +83,40 @@ struct Listing {
     std::vector<RelayItemSummary> items;
     std::chrono::steady_clock::time_point asked;  // older than a push it must not undo
 };
+
+// Sizes a read's fetch (`needed`: the read rounded out to read units, or the reader's window
+// when it reads on sequentially past what was asked for) and says what to fetch ahead of it,
+// if anything. The node's mutex held.
+std::optional<ByteRange> readAhead(Handle& handle, std::uint64_t start, std::uint64_t size,
+                                   std::uint64_t fileSize, bool complete, ByteRange& needed) {
+    const bool sequential = start == handle.next;
+    handle.next = start + size;
+    if (!sequential) {
+        handle.window = handle.ahead = 0;
+        handle.marker = UINT64_MAX;
+    }
+    const auto roundDown = [](std::uint64_t at) { return at / kReadUnit * kReadUnit; };
+    needed.offset = roundDown(start);
+    needed.length = roundDown(start + size + kReadUnit - 1) - needed.offset;
+    if (!complete && sequential && start >= handle.ahead) {
+        // Past what was asked for: this read fetches a window, and the next one goes at once.
+        handle.window = std::clamp<std::uint64_t>(handle.window * 2, kReadUnit, kChunkSize);
+        needed.length = std::max(needed.length, handle.window);
+        handle.ahead = needed.offset + needed.length;
+        handle.marker = start;
+    }
+    if (!sequential || handle.window == 0 || start + size <= handle.marker ||
+        handle.ahead >= fileSize) {
+        return std::nullopt;
+    }
+    // The reader entered the last window asked for: the one after it goes now, so the link
+    // is busy while the reader reads.
+    handle.window = std::min<std::uint64_t>(handle.window * 2, kChunkSize);
+    const ByteRange next{handle.ahead, handle.window};
+    handle.marker = handle.ahead;
+    handle.ahead += handle.window;
+    return next;
+}
 
 Handle& handleOf(fuse_file_info* fi) {
     return *reinterpret_cast<Handle*>(fi->fh);
@@ -200,6 +244,7 @@ void VolumeFs::record(Node& node, const std::string& identifier, bool durable) {
 }
 
 void VolumeFs::finish() {
+    prefetchStopping_ = true;
     {
         std::lock_guard guard(changedMutex_);
         stopping_ = true;
@@ -973,24 +1018,31 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
         return EIO;  // nothing on the phone holds these bytes
     }
     const auto identifier = nodes_.identifierOf(node);
+    // Whole read units, at most a chunk a request; an item without a version can only be
+    // read in whole chunks.
+    const std::uint64_t unit = version ? kReadUnit : kChunkSize;
     Bytes chunk;
     std::uint64_t done = 0;  // everything before it is fetched
     for (const auto& gap : missing) {
-        for (std::uint64_t at = std::max(gap.offset, done); at < gap.offset + gap.length;) {
-            const std::uint64_t start = at / kChunkSize * kChunkSize;
+        const auto gapEnd = gap.offset + gap.length;
+        for (std::uint64_t start = std::max(gap.offset / unit * unit, done); start < gapEnd;) {
             if (start >= phoneSize) {
                 return EIO;  // the phone's copy is shorter than the bytes it must give
             }
+            const auto want = version ? std::min<std::uint64_t>(
+                                            kChunkSize, (gapEnd - start + unit - 1) / unit * unit)
+                                      : kChunkSize;
             // At the node's version, so that a replacement on the phone is an error rather
             // than bytes of two versions.
-            const int error = version
-                                  ? phone_.readRange(identifier, start, kChunkSize, *version, chunk)
-                                  : phone_.readChunk(identifier, start, chunk);
+            const int error =
+                version ? phone_.readRange(identifier, start, static_cast<std::uint32_t>(want),
+                                           *version, chunk)
+                        : phone_.readChunk(identifier, start, chunk);
             if (error != 0) {
                 return error == kVersionChangedErrno ? EIO : error;
             }
             // A chunk shorter than the item says is a fault of the phone, never the end.
-            const auto expected = std::min<std::uint64_t>(kChunkSize, phoneSize - start);
+            const auto expected = std::min<std::uint64_t>(want, phoneSize - start);
             if (chunk.size() < expected) {
                 log::xpc().error(
                     "skiff-fs got %{public}zu bytes of %{public}s at %{public}llu, "
@@ -1017,18 +1069,20 @@ int VolumeFs::fetch(Node& node, std::uint64_t offset, std::uint64_t length) {
                     content.present.add(hole.offset, hole.length);
                 }
             }
-            at = start + kChunkSize;
-            done = at;
+            start += want;
+            done = start;
         }
     }
     return 0;
 }
 
 void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_info* fi) {
-    const auto& handle = handleOf(fi);
+    auto& handle = handleOf(fi);
     auto& node = *handle.node;
     const auto start = static_cast<std::uint64_t>(offset);
     bool complete = false;
+    ByteRange needed{start, size};
+    std::optional<ByteRange> ahead;
     {
         std::lock_guard guard(node.mutex);
         // The phone replaced the file since this handle opened it: it never reads on in the
@@ -1037,15 +1091,23 @@ void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_in
             fuse_reply_err(req, EIO);
             return;
         }
-        const auto end = std::min<std::uint64_t>(start + size, node.content.size);
+        const auto fileSize = node.content.size;
+        const auto end = std::min<std::uint64_t>(start + size, fileSize);
         complete = end <= start || node.content.present.covers(start, end - start);
+        ahead = readAhead(handle, start, size, fileSize, complete, needed);
+        if (!node.content.version) {
+            ahead.reset();  // bytes read without a version cannot be told apart from a push's
+        }
     }
     if (!complete) {
         std::lock_guard io(node.io);
-        if (const int error = fetch(node, start, size); error != 0) {
+        if (const int error = fetch(node, needed.offset, needed.length); error != 0) {
             fuse_reply_err(req, error);
             return;
         }
+    }
+    if (ahead) {
+        prefetch(handle.node, *ahead);
     }
     std::vector<char> buffer;
     {
@@ -1067,6 +1129,19 @@ void VolumeFs::read(fuse_req_t req, std::size_t size, off_t offset, fuse_file_in
         buffer.resize(static_cast<std::size_t>(got));
     }
     fuse_reply_buf(req, buffer.data(), buffer.size());
+}
+
+void VolumeFs::prefetch(const std::shared_ptr<Node>& node, ByteRange range) {
+    auto& queue = *prefetchers_[nextPrefetcher_.fetch_add(1) % prefetchers_.size()];
+    queue.post([this, weak = std::weak_ptr<Node>(node), range] {
+        const auto node = weak.lock();
+        if (!node || prefetchStopping_) {
+            return;
+        }
+        // Without the node's io lock, so that the reader's fetch and a push need not wait for
+        // it: a fetch writes only bytes the copy lacks, at the version it asked for.
+        fetch(*node, range.offset, range.length);  // a failure shows when the reader gets here
+    });
 }
 
 void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t offset,

@@ -21,6 +21,8 @@
 #define FUSE_USE_VERSION 34
 #include <fuse_lowlevel.h>
 
+#include <array>
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <memory>
@@ -29,6 +31,7 @@
 #include <string>
 #include <thread>
 
+#include "common/serial_queue.hpp"
 #include "transfer/shared_file_storage.hpp"
 #include "volume/copy_budget.hpp"
 #include "volume/folder_cache.hpp"
@@ -108,8 +111,12 @@ private:
     void apply(Node& node, const RelayItemSummary& summary, bool ours = false);
     // Opens the node's local copy when it has none yet. Node::mutex held.
     int ensureCopy(Node& node);
-    // Fetches what the copy lacks of [offset, offset + length). Node::io held.
+    // Fetches what the copy lacks of [offset, offset + length), in whole read units. Node::io
+    // held, but for read-ahead: a fetch only fills holes, and only at the version it started
+    // at, so one that runs beside a push or another fetch does no harm.
     int fetch(Node& node, std::uint64_t offset, std::uint64_t length);
+    // Fetches the range in the background.
+    void prefetch(const std::shared_ptr<Node>& node, ByteRange range);
     // Cuts or extends the node's bytes. Node::mutex held.
     int cut(Node& node, std::uint64_t size);
     void markChanged(const std::shared_ptr<Node>& node);
@@ -158,6 +165,14 @@ private:
     bool stopping_ = false;
     bool retry_ = false;
     std::thread pusher_;
+
+    // Read-ahead fetches: two at a time, so that the link is never idle between windows.
+    // Last, so that they end before anything they use.
+    std::atomic<bool> prefetchStopping_{false};
+    std::atomic<std::size_t> nextPrefetcher_{0};
+    std::array<std::unique_ptr<runtime::SerialQueue>, 2> prefetchers_{
+        std::make_unique<runtime::SerialQueue>("skiff-fs.ahead-1"),
+        std::make_unique<runtime::SerialQueue>("skiff-fs.ahead-2")};
 };
 
 }  // namespace skiff::volume
