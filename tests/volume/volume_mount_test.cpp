@@ -139,6 +139,18 @@ TEST_F(MountedTree, ATreeReadsListsAndCopiesInAndOutAsThePhoneHoldsIt) {
     EXPECT_NE(mountinfo.find(mount().string() + " "), std::string::npos);
     EXPECT_NE(mountinfo.find(" - fuse.skiff skiff-test-source "), std::string::npos);
 
+    // Reads backwards across chunk edges, each a fetch of its own, before any read-ahead.
+    const auto large = pattern(10'000'000, 'a');
+    const int fd = ::open((mount() / "tree/sized/file4").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0) << errno;
+    for (std::size_t back = 0; back < 8; ++back) {
+        const auto at = large.size() - 10'000 - back * 1'234'567;
+        std::string got(10'000, '\0');
+        ASSERT_EQ(::pread(fd, got.data(), got.size(), static_cast<off_t>(at)), 10'000) << errno;
+        EXPECT_EQ(got, large.substr(at, 10'000)) << at;
+    }
+    ::close(fd);
+
     const auto diff = run("diff -r '" + (storage() / "tree").string() + "' '" +
                           (mount() / "tree").string() + "'");
     EXPECT_EQ(diff.status, 0) << diff.output;
