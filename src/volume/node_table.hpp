@@ -54,6 +54,16 @@ struct Content {
     // Times or mode set here while the bytes were not on the phone: they go with the push.
     bool timesPending = false;
     bool modePending = false;
+    // A sequential writer's stream: the file was made or emptied here and written in order
+    // since, and its full chunks before `streamed` are staged on the phone (as `stagedAs`)
+    // ahead of the close, which sends only the rest. Any other write, a cut or a push ends
+    // it; the push then stages anew, which starts the phone's write over.
+    struct Stream {
+        bool live = false;
+        bool busy = false;  // a chunk is on its way
+        std::uint64_t streamed = 0;
+        std::string stagedAs;  // empty until staged
+    } stream;
 };
 
 struct Node {

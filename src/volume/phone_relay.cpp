@@ -340,7 +340,7 @@ PhoneRelay::Pushed PhoneRelay::pushRanges(const PushPlan& plan) {
     }
     send.truncate(plan.size);
     const auto ranges = send.ranges();
-    auto pushed = pushInOrder(plan, ranges);
+    auto pushed = plan.staged ? std::nullopt : pushInOrder(plan, ranges);
     if (!pushed) {
         return pushOneByOne(plan, ranges);
     }
@@ -361,15 +361,16 @@ PhoneRelay::Pushed PhoneRelay::pushRanges(const PushPlan& plan) {
     return retried;
 }
 
+int PhoneRelay::stage(const PushPlan& plan) {
+    const auto body = json::encode(
+        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    return body ? relay(UsbMuxRelaySelector::truncateWrite, *body).error : EINVAL;
+}
+
 PhoneRelay::Pushed PhoneRelay::pushOneByOne(const PushPlan& plan,
                                             const std::vector<ByteRange>& send) {
-    const auto stage = json::encode(
-        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
-    if (!stage) {
-        return {EINVAL};
-    }
-    if (const auto reply = relay(UsbMuxRelaySelector::truncateWrite, *stage); reply.error != 0) {
-        return {reply.error};
+    if (const int error = plan.staged ? 0 : stage(plan); error != 0) {
+        return {error};
     }
     for (const auto& range : send) {
         if (const int error = sendRange(plan, range); error != 0) {

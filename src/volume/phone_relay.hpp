@@ -122,6 +122,8 @@ public:
         std::optional<relay::RelayTimespec> modifyTime;
         std::optional<relay::RelayTimespec> accessTime;
         bool setsAttributes() const { return mode || modifyTime || accessTime; }
+        // The stage is open already (a streaming writer's): only the ranges and the commit go.
+        bool staged = false;
     };
     // With an error, `committed` says the phone committed a version anyway (a chunk of an
     // ordered push failed after its stage): value holds it, the next push starts from it.
@@ -132,6 +134,10 @@ public:
     };
     static constexpr std::uint64_t kOrderedPushBytes = std::uint64_t{1} << 20;
     Pushed pushRanges(const PushPlan& plan);
+    // The first steps of a push, for a writer whose chunks go while it writes: the stage,
+    // and bytes of the local copy into it. kConflictErrno as for pushRanges.
+    int stage(const PushPlan& plan);
+    int sendRange(const PushPlan& plan, ByteRange range);
 
 private:
     struct Reply {
@@ -149,7 +155,6 @@ private:
     // Code 9 or 10 answered with bytes; checks the answer's length against what was asked.
     int readInto(relay::UsbMuxRelaySelector selector, const Bytes& body, std::uint64_t offset,
                  std::uint32_t length, std::optional<std::uint64_t> knownSize, Bytes& out);
-    int sendRange(const PushPlan& plan, ByteRange range);
     // The push as one ordered relay; nothing when it does not fit one.
     std::optional<Pushed> pushInOrder(const PushPlan& plan, const std::vector<ByteRange>& send);
     // The push one request at a time.

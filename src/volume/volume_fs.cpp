@@ -874,6 +874,7 @@ int VolumeFs::cut(Node& node, std::uint64_t size) {
     content.changed = true;
     ++content.changes;
     content.lastChange = Clock::now();
+    content.stream.live = content.stream.live && size == 0 && content.stream.stagedAs.empty();
     node.attributes.modifyTime = relayNow();
     node.attributes.changeTime = node.attributes.modifyTime;
     return 0;
@@ -926,6 +927,9 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
         } else if (writable && (fi->flags & O_TRUNC) && !content.changed) {
             content.changed = true;
             content.lastChange = Clock::now();
+        }
+        if (writable && (fi->flags & O_TRUNC)) {
+            content.stream = {true, false, 0, {}};
         }
         // The kernel's pages stay valid while the phone's version is the one they hold.
         fi->keep_cache = content.version && content.kernelCached == content.version;
@@ -980,6 +984,7 @@ void VolumeFs::create(fuse_req_t req, NodeId parent, const char* name, mode_t mo
         content.changed = true;
         content.lastChange = Clock::now();
         content.writers = 1;
+        content.stream = {true, false, 0, {}};
         folders_.put(node->attributes);
     }
     markChanged(node);
@@ -1149,6 +1154,7 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
     auto& handle = handleOf(fi);
     auto& node = *handle.node;
     ssize_t written = 0;
+    bool startStream = false;
     {
         std::lock_guard guard(node.mutex);
         auto& content = node.content;
@@ -1176,9 +1182,65 @@ void VolumeFs::write(fuse_req_t req, const char* buffer, std::size_t size, off_t
         node.attributes.modifyTime = relayNow();
         node.attributes.changeTime = node.attributes.modifyTime;
         handle.wrote(content);
+        auto& stream = content.stream;
+        // A write into a chunk already sent, or on its way, ends the stream.
+        stream.live = stream.live && start >= stream.streamed + (stream.busy ? kChunkSize : 0);
+        startStream =
+            stream.live && !stream.busy && content.dirty.covers(stream.streamed, kChunkSize);
+        stream.busy = stream.busy || startStream;
     }
     markChanged(handle.node);
     fuse_reply_write(req, static_cast<std::size_t>(written));
+    if (startStream) {
+        streamChunks(handle.node);
+    }
+}
+
+void VolumeFs::streamChunks(const std::shared_ptr<Node>& node) {
+    streamer_.post([this, weak = std::weak_ptr<Node>(node)] {
+        const auto node = weak.lock();
+        if (!node) {
+            return;
+        }
+        std::lock_guard io(node->io);
+        const auto identifier = nodes_.identifierOf(*node);
+        for (;;) {
+            PhoneRelay::PushPlan plan;
+            ByteRange chunk;
+            bool staged = false;
+            {
+                std::lock_guard guard(node->mutex);
+                auto& content = node->content;
+                auto& stream = content.stream;
+                // A rename meanwhile leaves the stage under the old name: the close stages anew.
+                if (prefetchStopping_ || !stream.live ||
+                    !content.dirty.covers(stream.streamed, kChunkSize) ||
+                    (!stream.stagedAs.empty() && stream.stagedAs != identifier)) {
+                    stream.busy = false;
+                    return;
+                }
+                plan.identifier = identifier;
+                plan.baseVersion = content.onPhone ? content.version : std::nullopt;
+                plan.fd = content.fd.get();
+                staged = !stream.stagedAs.empty();
+                chunk = {stream.streamed, kChunkSize};
+            }
+            // Staged empty: the chunks that follow make the file, whatever it held before.
+            int error = staged ? 0 : phone_.stage(plan);
+            if (error == 0) {
+                error = phone_.sendRange(plan, chunk);
+            }
+            std::lock_guard guard(node->mutex);
+            auto& stream = node->content.stream;
+            if (error != 0 || !stream.live) {
+                // The close pushes the whole file as if nothing had been streamed.
+                stream = {};
+                return;
+            }
+            stream.stagedAs = identifier;
+            stream.streamed += kChunkSize;
+        }
+    });
 }
 
 void VolumeFs::flush(fuse_req_t req, fuse_file_info* fi) {
@@ -1249,6 +1311,20 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         std::lock_guard guard(node.mutex);
         plan.dirty = everything ? std::vector<ByteRange>{{0, size}} : node.content.dirty.ranges();
         plan.fd = node.content.fd.get();
+        // What the stream staged already stays there; only the rest goes.
+        auto& stream = node.content.stream;
+        if (!everything && stream.live && stream.stagedAs == identifier) {
+            plan.staged = true;
+            std::erase_if(plan.dirty,
+                          [&](const ByteRange& r) { return r.end() <= stream.streamed; });
+            for (auto& range : plan.dirty) {
+                if (range.offset < stream.streamed) {
+                    range = {stream.streamed, range.end() - stream.streamed};
+                }
+            }
+        }
+        // Whatever this push does, a new one stages anew.
+        stream = {};
         // (No mode is known of a new item a crash left without its record's mode.)
         if ((!base && (node.attributes.mode & 07777) != 0) || node.content.modePending) {
             plan.mode = node.attributes.mode & 07777;

@@ -117,6 +117,8 @@ private:
     int fetch(Node& node, std::uint64_t offset, std::uint64_t length);
     // Fetches the range in the background.
     void prefetch(const std::shared_ptr<Node>& node, ByteRange range);
+    // Sends the stream's full chunks in the background while its writer writes on.
+    void streamChunks(const std::shared_ptr<Node>& node);
     // Cuts or extends the node's bytes. Node::mutex held.
     int cut(Node& node, std::uint64_t size);
     void markChanged(const std::shared_ptr<Node>& node);
@@ -166,13 +168,14 @@ private:
     bool retry_ = false;
     std::thread pusher_;
 
-    // Read-ahead fetches: two at a time, so that the link is never idle between windows.
-    // Last, so that they end before anything they use.
+    // Read-ahead fetches, two at a time so that the link is never idle between windows, and
+    // streamed chunks. Last, so that they end before anything they use.
     std::atomic<bool> prefetchStopping_{false};
     std::atomic<std::size_t> nextPrefetcher_{0};
     std::array<std::unique_ptr<runtime::SerialQueue>, 2> prefetchers_{
         std::make_unique<runtime::SerialQueue>("skiff-fs.ahead-1"),
         std::make_unique<runtime::SerialQueue>("skiff-fs.ahead-2")};
+    runtime::SerialQueue streamer_{"skiff-fs.stream"};
 };
 
 }  // namespace skiff::volume

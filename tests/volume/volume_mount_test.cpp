@@ -14,6 +14,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -399,6 +400,37 @@ TEST_F(MountedVolume, FilesBehaveAsOnALocalDiskBeforeAndAfterTheyReachThePhone) 
     stack_->phone().command("fault clear");
     EXPECT_EQ(::close(four), 0);
     EXPECT_EQ(readFile(storage() / "Documents/ranges"), "cdaabbbb");
+}
+
+// A sequential writer's full chunks go to the phone while it writes; whatever it does after
+// them (writes into them, a rename, a cut), the phone ends up with the file as written.
+TEST_F(MountedVolume, AStreamedFileLandsAsWrittenWhateverTheWriterDidAfterItsChunks) {
+    const auto data = pattern(9'000'000, 's');
+    const auto docs = mount() / "Documents";
+    struct Case {
+        const char* name;
+        const char* landsAs;
+        std::function<void(int fd)> after;  // once 8.5 MB are written
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"plain", "plain", [](int) {}, data},
+        {"rewritten", "rewritten", [](int fd) { ASSERT_EQ(::pwrite(fd, "HEAD", 4, 10), 4); },
+         data.substr(0, 10) + "HEAD" + data.substr(14)},
+        {"renamed", "moved", [&](int) { fs::rename(docs / "renamed", docs / "moved"); }, data},
+        {"cut", "cut", [](int fd) { ASSERT_EQ(::ftruncate(fd, 5'000'000), 0); },
+         data.substr(0, 5'000'000) + std::string(3'500'000, '\0') + data.substr(8'500'000)},
+    };
+    for (const auto& c : cases) {
+        const int fd = ::open((docs / c.name).c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        ASSERT_GE(fd, 0) << errno;
+        ASSERT_EQ(::write(fd, data.data(), 8'500'000), 8'500'000);
+        c.after(fd);
+        ASSERT_EQ(::write(fd, data.data() + 8'500'000, 500'000), 500'000);
+        EXPECT_EQ(::close(fd), 0) << c.name;
+        EXPECT_TRUE(readFile(storage() / "Documents" / c.landsAs) == c.expected) << c.name;
+    }
+    EXPECT_FALSE(fs::exists(storage() / "Documents/renamed"));
 }
 
 TEST_F(MountedVolume, WhatAFailedPushHeldReachesThePhoneOnceItCanEvenAfterARestart) {
