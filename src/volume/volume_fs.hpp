@@ -4,7 +4,11 @@
 //
 // - Look-ups, attributes and listings come from the phone and stay on their node for a
 //   second; a listing answers with every entry's attributes (readdirplus), so `ls -l` is
-//   one pass with no look-up per entry.
+//   one pass with no look-up per entry. A look-up in a small folder is answered from its
+//   listing (FolderCache), taken for the purpose when there is none from the last second.
+// - Round trips are what a user feels: a small push is one ordered relay, a sequential
+//   writer's full chunks stream while it writes, reads are sized to the access (128 KiB
+//   around a random one, a read-ahead doubling to 4 MiB for a sequential one).
 // - A file's bytes live in one local copy per node (a sparse file in the volume folder),
 //   shared by every handle: reads are served from it where it holds the range and fetched
 //   from the phone otherwise; writes go only to it. A new file is a node at once.
@@ -14,7 +18,7 @@
 //   every later fsync and close until the bytes are on the phone.
 //
 // Threads: libfuse's workers call every operation at once, the pusher runs on a thread of
-// its own. The node table's lock is held for map updates only; a node's `io` lock
+// its own, read-ahead on two serial queues and streamed chunks on one. The node table's lock is held for map updates only; a node's `io` lock
 // serialises its fetches and pushes, its `mutex` guards its state in short holds. No lock
 // of the whole volume is held while anything waits for the phone.
 
