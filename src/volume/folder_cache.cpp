@@ -71,6 +71,11 @@ void FolderCache::put(const relay::RelayItemSummary& item) {
     }
 }
 
+void FolderCache::drop(const std::string& folder) {
+    std::lock_guard guard(mutex_);
+    folders_.erase(folder);
+}
+
 void FolderCache::erase(const std::string& identifier) {
     std::lock_guard guard(mutex_);
     if (const auto folder = folders_.find(parentOf(identifier)); folder != folders_.end()) {

@@ -51,6 +51,8 @@ public:
     void put(const relay::RelayItemSummary& item);
     // The item is gone, and with it everything listed below it.
     void erase(const std::string& identifier);
+    // The folder's listing no longer says what its items are like (times changed).
+    void drop(const std::string& folder);
 
 private:
     struct Folder {

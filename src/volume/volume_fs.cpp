@@ -498,6 +498,22 @@ void VolumeFs::invalidate(NodeId id) {
     }
 }
 
+void VolumeFs::folderChanged(const std::string& identifier) {
+    const auto folder = parentOf(identifier);
+    const auto node = nodes_.find(folder);
+    if (!node || node->id == kRootNode) {
+        return;
+    }
+    {
+        std::lock_guard guard(node->mutex);
+        node->fetched = {};
+    }
+    folders_.drop(parentOf(folder));
+    if (session_) {
+        fuse_lowlevel_notify_inval_inode(session_, node->id, -1, 0);  // attributes only
+    }
+}
+
 bool VolumeFs::fromService(fuse_req_t req) const {
     const pid_t service = phone_.serviceProcess();
     const pid_t caller = fuse_req_ctx(req)->pid;
@@ -644,6 +660,7 @@ void VolumeFs::mkdir(fuse_req_t req, NodeId parent, const char* name) {
     }
     folders_.put(answer.value);
     folders_.store(identifier, Clock::now(), {});  // made just now, so empty
+    folderChanged(identifier);
     replyEntry(req, node);
 }
 
@@ -687,6 +704,7 @@ void VolumeFs::unlink(fuse_req_t req, NodeId parent, const char* name) {
     }
     nodes_.unlink(identifier);
     folders_.erase(identifier);
+    folderChanged(identifier);
     if (node) {
         dropCopy(*node);
     }
@@ -764,6 +782,8 @@ void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId ne
     nodes_.rename(source, target);
     folders_.erase(source);
     folders_.put(answer.value);
+    folderChanged(source);
+    folderChanged(target);
     if (node) {
         std::lock_guard guard(node->mutex);
         apply(*node, answer.value);
@@ -1339,24 +1359,28 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
     if (pushed.error != 0 && (!pushed.committed || everything)) {
         return pushed.error;
     }
-    std::lock_guard guard(node.mutex);
-    auto& content = node.content;
-    if (content.kernelCached && content.kernelCached == content.version && pushed.error == 0) {
-        content.kernelCached = pushed.value.contentVersion;  // the kernel holds these bytes
+    {
+        std::lock_guard guard(node.mutex);
+        auto& content = node.content;
+        if (content.kernelCached && content.kernelCached == content.version && pushed.error == 0) {
+            content.kernelCached = pushed.value.contentVersion;  // the kernel holds these bytes
+        }
+        // A version committed by a push that failed midway is the phone's now: the next push
+        // stages from it and sends every dirty range again.
+        content.version = pushed.value.contentVersion;
+        content.onPhone = true;
+        if (pushed.error == 0) {
+            content.lastPush = Clock::now();
+            content.timesPending = content.modePending = false;
+            node.attributes = pushed.value;
+            node.fetched = Clock::now();
+        }
     }
-    // A version committed by a push that failed midway is the phone's now: the next push
-    // stages from it and sends every dirty range again.
-    content.version = pushed.value.contentVersion;
-    content.onPhone = true;
-    if (pushed.error != 0) {
-        return pushed.error;
+    if (pushed.error == 0) {
+        folders_.put(pushed.value);
     }
-    content.lastPush = Clock::now();
-    content.timesPending = content.modePending = false;
-    node.attributes = pushed.value;
-    node.fetched = Clock::now();
-    folders_.put(pushed.value);
-    return 0;
+    folderChanged(identifier);  // the commit put a file there
+    return pushed.error;
 }
 
 int VolumeFs::push(const std::shared_ptr<Node>& node) {

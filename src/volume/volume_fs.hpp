@@ -18,9 +18,10 @@
 //   every later fsync and close until the bytes are on the phone.
 //
 // Threads: libfuse's workers call every operation at once, the pusher runs on a thread of
-// its own, read-ahead on two serial queues and streamed chunks on one. The node table's lock is held for map updates only; a node's `io` lock
-// serialises its fetches and pushes, its `mutex` guards its state in short holds. No lock
-// of the whole volume is held while anything waits for the phone.
+// its own, read-ahead on two serial queues and streamed chunks on one. The node table's lock is
+// held for map updates only; a node's `io` lock serialises its fetches and pushes, its `mutex`
+// guards its state in short holds. No lock of the whole volume is held while anything waits for the
+// phone.
 
 #define FUSE_USE_VERSION 34
 #include <fuse_lowlevel.h>
@@ -152,6 +153,10 @@ private:
     void evictIdle();
     void pushLoop();
     void invalidate(NodeId id);
+    // Something inside the item's folder changed on the phone, and with it the folder's
+    // times: what is kept of them here, and in the kernel, is asked for again (`rsync -a`
+    // sets a folder's times once its files are in, if it sees them changed).
+    void folderChanged(const std::string& identifier);
     // Whether the request comes from the service's process (any of its threads).
     bool fromService(fuse_req_t req) const;
 
