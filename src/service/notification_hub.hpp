@@ -8,7 +8,8 @@
 // Threads: every method may be called from any thread. One lock guards the registry and is
 // held only for short reads and writes, never across a call into a client. Observers are
 // called under a lock of their own, so once detach() returns an observer hears nothing
-// more; they must not block nor call back into the hub.
+// more; they must not block nor call back into the hub. Made by std::make_shared: a state
+// notice in flight holds the hub.
 
 #include <asio.hpp>
 #include <cstdint>
