@@ -170,4 +170,13 @@ public:
     virtual void volumeNotice(const std::string& text) { (void)text; }
 };
 
+// Where observers attach: the service's notification hub, which exists before them.
+class ObserverHub {
+public:
+    virtual ~ObserverHub() = default;
+    virtual void attach(std::shared_ptr<BridgeObserver> observer) = 0;
+    // Once it returns, `observer` is not called again (a call under way has ended).
+    virtual void detach(const BridgeObserver* observer) = 0;
+};
+
 }  // namespace skiff::service

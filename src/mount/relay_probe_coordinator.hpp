@@ -33,7 +33,7 @@ namespace skiff::mount {
 struct ProbeCollaborators {
     asio::any_io_executor executor;
     std::shared_ptr<Volume> volume;
-    // Whether the bridge core holds a USB-mux connection; called on the probe's strand.
+    // Whether a phone is attached over USB; called on the probe's strand.
     std::function<bool()> usbConnected;
     std::shared_ptr<ProbeLink> link;
     std::shared_ptr<ProbeClock> clock;  // null: real time

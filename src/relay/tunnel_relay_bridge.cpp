@@ -22,16 +22,13 @@ constexpr auto raw(UsbMuxRelayError e) {
 
 TunnelRelayBridge::TunnelRelayBridge(asio::any_io_executor executor,
                                      std::shared_ptr<tunnel::TunnelEngine> engine,
-                                     std::shared_ptr<TunnelOpener> opener)
+                                     std::shared_ptr<TunnelOpener> opener,
+                                     std::shared_ptr<PushSink> sink)
     : Actor(executor),
       engine_(std::move(engine)),
       opener_(std::move(opener)),
+      sink_(std::move(sink)),
       executor_(strand().get_inner_executor()) {}
-
-void TunnelRelayBridge::setPushSink(std::weak_ptr<PushSink> sink) {
-    std::lock_guard guard(sinkLock_);
-    sink_ = std::move(sink);
-}
 
 asio::awaitable<RelayOutcome> TunnelRelayBridge::relay(std::uint16_t port, std::uint16_t code,
                                                        SharedBytes payload) {
@@ -261,21 +258,13 @@ asio::awaitable<void> TunnelRelayBridge::unbindAndClose() {
 void TunnelRelayBridge::handlePush(std::uint16_t code, Bytes body) {
     touchContact();
     const auto message = service::notifyMessageFromRaw(code);
-    if (!message) {
+    if (!message || !sink_) {
         return;
     }
-    std::shared_ptr<PushSink> sink;
-    {
-        std::lock_guard guard(sinkLock_);
-        sink = sink_.lock();
-    }
-    if (!sink) {
-        return;
-    }
-    auto forward = [&sink](std::uint16_t c, Bytes b) { sink->forwardToExtension(c, std::move(b)); };
+    auto forward = [this](std::uint16_t c, Bytes b) { sink_->forwardToExtension(c, std::move(b)); };
     // The handlers may take their time; the read path must not wait for them.
-    auto handOver = [this, &sink](void (PushSink::*handler)(Bytes), Bytes b) {
-        asio::post(executor_, [sink, handler, b = std::move(b)]() mutable {
+    auto handOver = [this](void (PushSink::*handler)(Bytes), Bytes b) {
+        asio::post(executor_, [sink = sink_, handler, b = std::move(b)]() mutable {
             ((*sink).*handler)(std::move(b));
         });
     };

@@ -42,8 +42,8 @@ struct RelayOutcome {
     std::uint64_t binding = 0;  // which binding carried the request
 };
 
-// Where the app's pushes go besides the bridge itself: the service front implements it and
-// the process's wiring hands it over, so the relay knows nothing of the layers above it.
+// Where the app's pushes go besides the bridge itself: the service's notification hub
+// implements it, so the relay knows nothing of the layers above it.
 // Called from the bridge's read path (forwardToExtension) or a task on its executor (the
 // other two); must not block.
 class PushSink {
@@ -61,11 +61,10 @@ class TunnelRelayBridge : public runtime::Actor,
 public:
     using Clock = std::chrono::system_clock;
 
+    // Pushes go to `sink` (null: they are dropped), which is built before the bridge and
+    // owns nothing that owns it.
     TunnelRelayBridge(asio::any_io_executor executor, std::shared_ptr<tunnel::TunnelEngine> engine,
-                      std::shared_ptr<TunnelOpener> opener);
-
-    // Pushes go to `sink` from now on (held weakly: the sink usually owns the bridge).
-    void setPushSink(std::weak_ptr<PushSink> sink);
+                      std::shared_ptr<TunnelOpener> opener, std::shared_ptr<PushSink> sink);
 
     // Binds the engine to port when needed and sends one request. The payload is shared,
     // not copied, on its way to the socket: a caller may keep it to send it again.
@@ -119,8 +118,7 @@ private:
 
     std::shared_ptr<tunnel::TunnelEngine> engine_;
     std::shared_ptr<TunnelOpener> opener_;
-    mutable std::mutex sinkLock_;
-    std::weak_ptr<PushSink> sink_;
+    const std::shared_ptr<PushSink> sink_;
     // Where push handlers run: beside the strand, never on it.
     asio::any_io_executor executor_;
 

@@ -79,12 +79,13 @@ template <class T, class Use>
 void forwardToClient(BridgeCore& core, std::int64_t role, std::function<void(T)> reply, T failed,
                      const char* what, Use&& use) {
     runtime::OnceReply<T> once(reply, [reply, failed](std::exception_ptr) { reply(failed); });
-    auto client = core.clientProxy(role, [once, failed, what](const ClientCallFailure& failure) {
-        if (failure.deadlinePassed) {
-            log::xpc().error("%{public}s: the client did not answer in time", what);
-        }
-        once.resume(failed);
-    });
+    auto client =
+        core.hub().clientProxy(role, [once, failed, what](const ClientCallFailure& failure) {
+            if (failure.deadlinePassed) {
+                log::xpc().error("%{public}s: the client did not answer in time", what);
+            }
+            once.resume(failed);
+        });
     if (!client) {
         once.resume(failed);
         return;
@@ -173,7 +174,7 @@ asio::any_io_executor relayExecutor(BridgeCore& core) {
 asio::awaitable<void> relayTask(std::shared_ptr<BridgeCore> core, std::uint16_t code,
                                 SharedBytes param, RelayReplyFn reply) {
     // The phone may have gone since the entry looked.
-    if (!core->usbMuxConnection()) {
+    if (!core->hub().usbMuxConnection()) {
         reply({}, status(UsbMuxRelayError::transportFailed), 0);
         co_return;
     }
@@ -196,7 +197,7 @@ asio::awaitable<void> orderedRelayTask(std::shared_ptr<BridgeCore> core,
                                        std::vector<OrderedRelayAnswer> answers,
                                        OrderedReplyFn reply) {
     auto bridge = core->relayBridge();
-    if (!core->usbMuxConnection() || !bridge) {
+    if (!core->hub().usbMuxConnection() || !bridge) {
         for (const auto i : positions) {
             answers[i].status = status(UsbMuxRelayError::transportFailed);
         }
@@ -298,7 +299,7 @@ std::string speedTestReport(const SpeedTestMeasurement& round) {
 Harbor_XPC::Harbor_XPC(BridgeCore& core) : core_(core) {}
 
 void Harbor_XPC::registerClient(std::int64_t role, std::function<void(bool)> reply) {
-    reply(core_.registerClient(this, role));
+    reply(core_.hub().registerClient(this, role));
 }
 
 void Harbor_XPC::getXPCServiceVersion(std::function<void(std::int64_t)> reply) {
@@ -310,7 +311,7 @@ void Harbor_XPC::echo(std::function<void()> reply) {
 }
 
 void Harbor_XPC::ping(std::int64_t value, std::function<void(bool)> reply) {
-    const auto callerRole = core_.roleOfHost(this);
+    const auto callerRole = core_.hub().roleOfHost(this);
     if (!callerRole) {
         reply(false);
         return;
@@ -374,9 +375,10 @@ void Harbor_XPC::runUsbMuxSpeedTest(std::function<void(bool, std::string)> reply
 }
 
 void Harbor_XPC::relayToUsbMux(std::int64_t selector, SharedBytes param, RelayReplyFn reply) {
-    const auto role = core_.roleOfHost(this);
-    if (const auto refusal = relayRefusal(role == kFileProvider || role == kDesktopApp,
-                                          param.size(), core_.usbMuxConnection().has_value())) {
+    const auto role = core_.hub().roleOfHost(this);
+    if (const auto refusal =
+            relayRefusal(role == kFileProvider || role == kDesktopApp, param.size(),
+                         core_.hub().usbMuxConnection().has_value())) {
         reply({}, status(*refusal), 0);
         return;
     }
@@ -395,9 +397,9 @@ void Harbor_XPC::relayToUsbMuxInOrder(std::vector<OrderedRelayRequest> requests,
         checkSelector(request.selector);
     }
     std::vector<OrderedRelayAnswer> answers(requests.size());
-    const auto role = core_.roleOfHost(this);
+    const auto role = core_.hub().roleOfHost(this);
     const bool registered = role == kFileProvider || role == kDesktopApp;
-    const bool attached = core_.usbMuxConnection().has_value();
+    const bool attached = core_.hub().usbMuxConnection().has_value();
     std::vector<std::pair<std::uint16_t, SharedBytes>> sent;
     std::vector<std::size_t> positions;
     for (std::size_t i = 0; i < requests.size(); ++i) {
@@ -423,7 +425,7 @@ void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes param,
     if (!op) {
         throw InvalidArgs("file-IO operation " + std::to_string(operation) + " is none of 0-3");
     }
-    const auto role = core_.roleOfHost(this);
+    const auto role = core_.hub().roleOfHost(this);
     if (role != kFileProvider && role != kDesktopApp) {
         replyFileIOError(reply, FileIOBridgeError::notRegistered);
         return;
@@ -444,7 +446,7 @@ void Harbor_XPC::requestFileIO(std::int64_t operation, Bytes param,
                 replyFileIOError(reply, FileIOBridgeError::decodeFailed);
                 return;
             }
-            if (!core_.usbMuxConnection()) {
+            if (!core_.hub().usbMuxConnection()) {
                 replyFileIOError(reply, FileIOBridgeError::noDevice);
                 return;
             }
@@ -506,15 +508,15 @@ void Harbor_XPC::unmountVolume(bool force, std::function<void(bool, std::string)
 void Harbor_XPC::getStatus(std::function<void(Bytes)> reply) {
     ServiceStatus status;
     status.version = kBuildNumber;
-    status.attachedDevices = core_.attachedDevices();
-    status.fileProviderRegistered = core_.hasClient(kFileProvider);
-    status.fileProviderReplaced = core_.fileProviderDisplaced();
+    status.attachedDevices = core_.hub().attachedDevices();
+    status.fileProviderRegistered = core_.hub().hasClient(kFileProvider);
+    status.fileProviderReplaced = core_.hub().fileProviderDisplaced();
     // Device names come from usbmuxd; one that is not UTF-8 cannot be encoded.
     reply(json::encode(status).value_or(Bytes{}));
 }
 
 void Harbor_XPC::postVolumeNotice(std::string text) {
-    core_.postVolumeNotice(text);
+    core_.hub().postVolumeNotice(text);
 }
 
 }  // namespace skiff::service

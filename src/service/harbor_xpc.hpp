@@ -24,7 +24,8 @@ inline constexpr std::uint64_t kMaxMeasurementChunkBytes = 64ull * 1024 * 1024;
 class Harbor_XPC : public HarborBridgeHostProtocol,
                    public std::enable_shared_from_this<Harbor_XPC> {
 public:
-    // The core outlives every connection (it holds them), so a reference does.
+    // The core outlives every call made here (the listener delegate that makes this object
+    // holds it), so a reference does.
     explicit Harbor_XPC(BridgeCore& core);
 
     void registerClient(std::int64_t role, std::function<void(bool)> reply) override;

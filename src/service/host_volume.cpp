@@ -19,7 +19,7 @@ namespace {
 
 asio::awaitable<void> tellPhoneOfUnmount(const BridgeCore& core) {
     const auto& bridge = core.relayBridge();
-    if (core.usbMuxConnection() && bridge) {
+    if (core.hub().usbMuxConnection() && bridge) {
         const auto reply = co_await bridge->relayForClient(kUnmountNoticeCode, {});
         if (reply.status == static_cast<std::int64_t>(relay::UsbMuxRelayError::ok)) {
             log::xpc().info("filesystemUnmounted — iOS notified");
@@ -71,7 +71,7 @@ asio::awaitable<void> mountTask(std::shared_ptr<BridgeCore> core,
     std::string failure;
     try {
         // A volume with no phone behind it would only fail every call.
-        if (!core->usbMuxConnection()) {
+        if (!core->hub().usbMuxConnection()) {
             throw std::runtime_error("no phone is attached");
         }
         co_await core->volumeControl()->mountVolume();

@@ -28,6 +28,7 @@
 #include "relay/tunnel_relay_bridge.hpp"
 #include "service/bridge_core.hpp"
 #include "service/dbus/service_adapter.hpp"
+#include "service/notification_hub.hpp"
 #include "service/relay_transfer_sender.hpp"
 #include "service/service_delegate.hpp"
 #include "service/usbmux_service_link.hpp"
@@ -123,43 +124,40 @@ int main(int argc, char** argv) {
     // and the transfers call each other without a hand-over, and each still runs one body
     // at a time between co_awaits. Blocking native calls stay on their serial queues.
     const asio::any_io_executor coreStrand = asio::make_strand(runtime.executor());
+    // Built first and handed to every part that sends notifications or asks who is
+    // attached, so no part runs half wired and nothing is set once anything runs.
+    auto hub = std::make_shared<service::NotificationHub>(runtime.executor());
     auto relayBridge = std::make_shared<relay::TunnelRelayBridge>(
         coreStrand, std::make_shared<tunnel::TunnelEngine>(coreStrand),
-        std::make_shared<relay::UsbMuxTunnelOpener>());
-    service::BridgeCollaborators collaborators;
-    collaborators.executor = runtime.executor();
-    collaborators.usbMux = std::make_shared<service::UsbMuxServiceLink>(usbMux);
-    collaborators.relayBridge = relayBridge;
+        std::make_shared<relay::UsbMuxTunnelOpener>(), hub);
     auto transfers = std::make_shared<transfer::TransferCoordinator>(
         coreStrand, std::make_shared<service::RelayTransferSender>(relayBridge),
-        std::make_shared<transfer::SharedFileStorage>());
-    collaborators.transfers = transfers;
-    // The probe asks the core whether a phone is there, and the core tells the probe when
-    // one comes or goes: the probe reaches the core through a cell filled once both exist.
-    auto coreCell = std::make_shared<std::weak_ptr<service::BridgeCore>>();
+        std::make_shared<transfer::SharedFileStorage>(), hub);
     auto volume = std::make_shared<mount::MountService>(std::move(volumeTools));
     mount::ProbeCollaborators probeParts;
     probeParts.executor = coreStrand;
     probeParts.volume = volume;
-    probeParts.usbConnected = [coreCell] {
-        auto core = coreCell->lock();
-        return core && core->usbMuxConnection().has_value();
-    };
+    probeParts.usbConnected = [hub] { return hub->usbMuxConnection().has_value(); };
     // A speed test holds the relay's tunnel while its bytes flow: they count as contact.
     probeParts.link = std::make_shared<mount::BridgeProbeLink>(
         relayBridge, [&usbMux] { return usbMux.lastContact(); });
     auto probe = std::make_shared<mount::RelayProbeCoordinator>(std::move(probeParts));
+    // The phone's volume pushes come back through the relay the probe uses; nothing can
+    // push before the USB layer starts below.
     auto phoneVolume = std::make_shared<mount::PhoneVolumeRequests>(volume, probe);
+    hub->attachVolumeRequests(phoneVolume);
+    service::BridgeCollaborators collaborators;
+    collaborators.executor = runtime.executor();
+    collaborators.hub = hub;
+    collaborators.usbMux = std::make_shared<service::UsbMuxServiceLink>(usbMux);
+    collaborators.relayBridge = relayBridge;
+    collaborators.transfers = transfers;
     collaborators.volume = volume;
     collaborators.volumeListener = probe;
     collaborators.volumeControl = phoneVolume;
-    collaborators.phoneVolume = phoneVolume;
     collaborators.probe.usbDidConnect = [probe] { probe->usbDidConnect(); };
     collaborators.probe.usbDidDisconnect = [probe] { probe->usbDidDisconnect(); };
     auto core = std::make_shared<service::BridgeCore>(std::move(collaborators));
-    *coreCell = core;
-    relayBridge->setPushSink(core);
-    transfers->setProgressSink(core);
 
     // The first of a stop signal (0) and a lost bus (1) decides the exit status.
     std::promise<int> exitStatus;
@@ -180,13 +178,12 @@ int main(int argc, char** argv) {
     std::unique_ptr<service::dbus::ServiceAdapter> adapter;
     try {
         auto delegate = std::make_shared<service::ServiceDelegate>(core);
-        adapter =
-            std::make_unique<service::dbus::ServiceAdapter>(runtime.executor(), delegate, options);
+        adapter = std::make_unique<service::dbus::ServiceAdapter>(runtime.executor(), delegate, hub,
+                                                                  options);
         // The name is ours, so no other skiffd runs, and no call is served yet: what an
         // earlier run left behind can go.
         volume->cleanUpAfterEarlierRun();
-        core->setObserver(adapter->observer());
-        // Nothing runs until every part is wired: a device event or a progress step before
+        // Nothing runs before the adapter listens: a device event or a progress step before
         // this point would reach no observer.
         transfers->startCleanup();
         core->bootstrapUsbMuxIfNeeded();
@@ -203,7 +200,6 @@ int main(int argc, char** argv) {
 
     const int status = exitStatus.get_future().get();
     signals.cancel();
-    core->setObserver(nullptr);
     adapter->close();
     // The clean-up loop holds the coordinator; ending it lets the graph go.
     transfers->stopCleanup();

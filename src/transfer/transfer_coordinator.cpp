@@ -233,21 +233,13 @@ private:
 
 TransferCoordinator::TransferCoordinator(asio::any_io_executor executor,
                                          std::shared_ptr<RelaySender> relay,
-                                         std::shared_ptr<const SharedFileStorage> storage, Now now)
+                                         std::shared_ptr<const SharedFileStorage> storage,
+                                         std::shared_ptr<ProgressSink> progress, Now now)
     : Actor(executor),
       relay_(std::move(relay)),
+      sink_(std::move(progress)),
       storage_(std::move(storage)),
       now_(now ? std::move(now) : Now([] { return Clock::now(); })) {}
-
-void TransferCoordinator::setProgressSink(std::weak_ptr<ProgressSink> sink) {
-    std::lock_guard guard(sinkLock_);
-    sink_ = std::move(sink);
-}
-
-std::shared_ptr<ProgressSink> TransferCoordinator::lockedSink() const {
-    std::lock_guard guard(sinkLock_);
-    return sink_.lock();
-}
 
 asio::awaitable<SharedFileDescriptor> TransferCoordinator::fetchRemoteFile(std::string identifier,
                                                                            Uuid sessionID) {
@@ -426,7 +418,7 @@ asio::awaitable<SharedFileDescriptor> TransferCoordinator::doFetch(std::string i
         } catch (const SharedFileStorageError&) {
             throw TransferError(Case::ioFailed);
         }
-        Progress progress{lockedSink(), sessionID, summary.size};
+        Progress progress{sink_, sessionID, summary.size};
         std::uint64_t offset = 0;  // the part file holds everything before it
         std::uint64_t next = 0;    // where the next request starts
         while (offset < summary.size) {
@@ -517,7 +509,7 @@ asio::awaitable<relay::RelayItemSummary> TransferCoordinator::doPush(
         auto truncateBody = encodeOrFail(truncate);
         co_await send(kTruncateWriteCode, std::move(*truncateBody));
 
-        Progress progress{lockedSink(), request.sessionID, request.byteCount};
+        Progress progress{sink_, request.sessionID, request.byteCount};
         std::uint64_t offset = 0;  // the app holds everything before it
         std::uint64_t next = 0;    // where the next chunk sent starts
         while (offset < request.byteCount) {

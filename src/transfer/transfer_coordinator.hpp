@@ -15,7 +15,7 @@
 // answer being written to its file: at most kChunksInFlight chunks of kChunkSize for a
 // push, and kChunksInFlight + 1 for a fetch.
 // Ownership: made with std::make_shared (the bodies hold it while they run). It holds the
-// relay sender and the storage, the progress sink weakly; the clean-up loop holds the
+// relay sender, the storage and the progress sink; the clean-up loop holds the
 // coordinator until stopCleanup() or the executor's end.
 
 #include <asio.hpp>
@@ -63,7 +63,7 @@ struct TransferProgress {
     std::uint8_t percent = 0;
 };
 
-// Where progress goes (the extension, through the bridge core). Called on the
+// Where progress goes (the extension, through the notification hub). Called on the
 // coordinator's strand; must not block, and its failures are its own.
 class ProgressSink {
 public:
@@ -121,13 +121,12 @@ public:
     static constexpr std::chrono::seconds kCleanupPeriod{30};
     static constexpr std::chrono::seconds kStaleAge{120};
 
-    // now defaults to the system clock; tests pass their own to age entries.
+    // Progress goes to `progress` (null: nowhere), which is built before the coordinator
+    // and owns nothing that owns it. now defaults to the system clock; tests pass their own
+    // to age entries.
     TransferCoordinator(asio::any_io_executor executor, std::shared_ptr<RelaySender> relay,
-                        std::shared_ptr<const SharedFileStorage> storage, Now now = {});
-
-    // Progress goes to sink from the next transfer on. Held weakly: the sink (the bridge
-    // core) usually owns the coordinator. May be called from any thread.
-    void setProgressSink(std::weak_ptr<ProgressSink> sink);
+                        std::shared_ptr<const SharedFileStorage> storage,
+                        std::shared_ptr<ProgressSink> progress, Now now = {});
 
     // Throw TransferError.
     asio::awaitable<SharedFileDescriptor> fetchRemoteFile(std::string identifier, Uuid sessionID);
@@ -163,8 +162,6 @@ private:
     asio::awaitable<std::size_t> doActiveReadCount();
     asio::awaitable<std::size_t> doActiveWriteCount();
 
-    std::shared_ptr<ProgressSink> lockedSink() const;
-
     // The one send step: size check, one retry after re-establishing a lost tunnel.
     // Returns the app's body for an ok answer; throws TransferError otherwise, with
     // deviceRejected for an answer that carries a device status.
@@ -175,8 +172,7 @@ private:
                                     runtime::OnceReply<Bytes> reply, std::shared_ptr<bool> stopped);
 
     std::shared_ptr<RelaySender> relay_;
-    mutable std::mutex sinkLock_;
-    std::weak_ptr<ProgressSink> sink_;
+    const std::shared_ptr<ProgressSink> sink_;
     std::shared_ptr<const SharedFileStorage> storage_;
     Now now_;
 

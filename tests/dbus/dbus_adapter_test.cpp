@@ -230,6 +230,13 @@ private:
     Events& events_;
 };
 
+// Keeps the observer the adapter attaches, for a test to speak through.
+struct OneObserver final : ObserverHub {
+    void attach(std::shared_ptr<BridgeObserver> o) override { observer = std::move(o); }
+    void detach(const BridgeObserver*) override { observer = nullptr; }
+    std::shared_ptr<BridgeObserver> observer;
+};
+
 class DbusAdapterTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -249,7 +256,8 @@ protected:
     bool started = (runtime.start(), true);
     Events events;
     std::shared_ptr<FakeDelegate> delegate = std::make_shared<FakeDelegate>(events);
-    ServiceAdapter service{runtime.executor(), delegate, options()};
+    std::shared_ptr<OneObserver> hub = std::make_shared<OneObserver>();
+    ServiceAdapter service{runtime.executor(), delegate, hub, options()};
 };
 
 TEST_F(DbusAdapterTest, ArgumentsRepliesAndErrorsCrossTheBusIntact) {
@@ -333,7 +341,7 @@ TEST_F(DbusAdapterTest, EachPeerHasItsOwnHostOnlyTheLeaverIsInvalidatedAndRefuse
     EXPECT_EQ(busErrorOf([&] { client()->echo(); }), kErrorAccessDenied);
     EXPECT_EQ(events.count("echo"), 4);
     // The bus name has one owner.
-    EXPECT_THROW(ServiceAdapter(runtime.executor(), delegate, options()), BusError);
+    EXPECT_THROW(ServiceAdapter(runtime.executor(), delegate, hub, options()), BusError);
 }
 
 TEST_F(DbusAdapterTest, ServiceCallsTheClientAndReportsAClientThatLeft) {
@@ -546,10 +554,10 @@ TEST_F(DbusAdapterTest, ObserversHearNotificationsAndDevicesWithoutRegistering) 
         watchers.back()->observe(std::move(observer));
         EXPECT_TRUE(watchers.back()->serviceRunning());
     }
-    service.observer()->notificationPosted(2, Bytes{'{', '}'});
-    service.observer()->deviceChanged("SIM-1", true);
-    service.observer()->roleChanged(0, ":1.9", ":1.8");
-    service.observer()->volumeNotice("kept notes.txt");
+    hub->observer->notificationPosted(2, Bytes{'{', '}'});
+    hub->observer->deviceChanged("SIM-1", true);
+    hub->observer->roleChanged(0, ":1.9", ":1.8");
+    hub->observer->volumeNotice("kept notes.txt");
     ASSERT_TRUE(events.waitFor("heard", 8));
     std::lock_guard guard(mutex);
     for (const auto& lines : heard) {

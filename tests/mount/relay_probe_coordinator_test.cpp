@@ -251,7 +251,8 @@ TEST_F(RelayProbeTest, LoopsFollowUsbAndTheVolumeAndALostPhoneGetsItsVolumeBack)
 TEST_F(RelayProbeTest, SilentAppFailsTheWaitingRelaysAndRelaysWorkOnceItAnswers) {
     auto engine = std::make_shared<tunnel::TunnelEngine>(runtime.executor());
     auto opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
-    auto bridge = std::make_shared<relay::TunnelRelayBridge>(runtime.executor(), engine, opener);
+    auto bridge =
+        std::make_shared<relay::TunnelRelayBridge>(runtime.executor(), engine, opener, nullptr);
     makeProbe(std::make_shared<BridgeProbeLink>(bridge));
     auto clientRelay = [&] {
         return asio::co_spawn(runtime.executor(), bridge->relayForClient(2, {'x'}),

@@ -50,9 +50,8 @@ protected:
             GetParam() ? asio::make_strand(runtime.executor()) : runtime.executor();
         engine = std::make_shared<tunnel::TunnelEngine>(core);
         opener = std::make_shared<FakeOpener>(runtime.executor());
-        bridge = std::make_shared<TunnelRelayBridge>(core, engine, opener);
         sink = std::make_shared<RecordingSink>(*this);
-        bridge->setPushSink(sink);
+        bridge = std::make_shared<TunnelRelayBridge>(core, engine, opener, sink);
     }
     void TearDown() override { runtime.stop(); }
 

@@ -1,5 +1,5 @@
-// Registry, notifications and start-up of the bridge core, through the delegate and the
-// host object as the bus adapter drives them.
+// Registry, notifications and start-up: the notification hub and the core, through the
+// delegate and the host object as the bus adapter drives them.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -41,7 +41,7 @@ protected:
     }
 
     std::optional<std::int64_t> roleOf(FakeConnection& connection) {
-        return core->roleOfHost(connection.exportedObject());
+        return hub->roleOfHost(connection.exportedObject());
     }
 
     static bool receivedInOrder(const FakeConnection& connection,
@@ -76,12 +76,12 @@ TEST_F(BridgeCoreTest, RegistryHoldsOneClientPerRoleAndForgetsTheLeavers) {
     // Registering under another role moves the entry.
     ASSERT_TRUE(registerAs(*first, HarborBridgeClientRole::desktopApp));
     EXPECT_EQ(roleOf(*first), 1);
-    EXPECT_EQ(core->clientProxy(0), nullptr);
+    EXPECT_EQ(hub->clientProxy(0), nullptr);
 
     // A later registration replaces the earlier one silently; the replaced one is still served.
     ASSERT_TRUE(registerAs(*second, HarborBridgeClientRole::desktopApp));
     EXPECT_EQ(roleOf(*first), std::nullopt);
-    EXPECT_EQ(core->clientProxy(1), second->client);
+    EXPECT_EQ(hub->clientProxy(1), second->client);
     bool echoed = false;
     first->host().echo([&] { echoed = true; });
     EXPECT_TRUE(echoed);
@@ -92,8 +92,8 @@ TEST_F(BridgeCoreTest, RegistryHoldsOneClientPerRoleAndForgetsTheLeavers) {
     for (auto* leaver : {extension.get(), second.get(), link.get(), stranger.get()}) {
         leaver->invalidate();
     }
-    EXPECT_EQ(core->clientProxy(0), nullptr);
-    EXPECT_EQ(core->clientProxy(1), nullptr);
+    EXPECT_EQ(hub->clientProxy(0), nullptr);
+    EXPECT_EQ(hub->clientProxy(1), nullptr);
     EXPECT_EQ(roleOf(*link), 2);
     // Once invalidated while pending, the connection is forgotten altogether.
     EXPECT_FALSE(registerAs(*stranger, HarborBridgeClientRole::desktopApp));
@@ -116,9 +116,9 @@ TEST_F(BridgeCoreTest, ClientsHearWhoIsThereAndWhatThePhoneDoes) {
     ASSERT_TRUE(receivedInOrder(*app, {kExtensionPresent, kPhoneGone}));
 
     core->handleUsbDeviceEvent(1, "00008101-ABC");
-    EXPECT_EQ(core->usbMuxConnection(), "00008101-ABC");
+    EXPECT_EQ(hub->usbMuxConnection(), "00008101-ABC");
     core->handleUsbDeviceEvent(2, "00008101-ABC");
-    EXPECT_EQ(core->usbMuxConnection(), std::nullopt);
+    EXPECT_EQ(hub->usbMuxConnection(), std::nullopt);
     EXPECT_TRUE(receivedInOrder(*extension, {kPhoneGone, kPhoneGone, kPhonePresent, kPhoneGone}));
     EXPECT_TRUE(eventually([&] { return probeConnects == 1 && probeDisconnects == 1; }));
 
@@ -134,12 +134,12 @@ TEST_F(BridgeCoreTest, WithSeveralPhonesTheLinkStaysUntilTheLastLeaves) {
     for (const char* leavesFirst : {"PHONE-A", "PHONE-B"}) {
         core->handleUsbDeviceEvent(1, "PHONE-A");
         core->handleUsbDeviceEvent(1, "PHONE-B");
-        EXPECT_EQ(core->usbMuxConnection(), "PHONE-A");
+        EXPECT_EQ(hub->usbMuxConnection(), "PHONE-A");
         core->handleUsbDeviceEvent(2, leavesFirst);
         const char* stays = std::string(leavesFirst) == "PHONE-A" ? "PHONE-B" : "PHONE-A";
-        EXPECT_EQ(core->usbMuxConnection(), stays);
+        EXPECT_EQ(hub->usbMuxConnection(), stays);
         core->handleUsbDeviceEvent(2, stays);
-        EXPECT_EQ(core->usbMuxConnection(), std::nullopt);
+        EXPECT_EQ(hub->usbMuxConnection(), std::nullopt);
     }
     // "Gone" only when the last phone left, each time.
     EXPECT_TRUE(receivedInOrder(*app, {kExtensionGone, kPhoneGone, kPhonePresent, kPhonePresent,
@@ -165,7 +165,7 @@ TEST_F(BridgeCoreTest, UsbLayerStartsOnceAndAFailedStartIsNotRetried) {
     }
     ASSERT_TRUE(handler);
     handler(1, "PHONE");
-    EXPECT_EQ(core->usbMuxConnection(), "PHONE");
+    EXPECT_EQ(hub->usbMuxConnection(), "PHONE");
 }
 
 TEST(NotificationCodes, GapAndRangeYieldNoMessageAndTextsDecodeExactly) {

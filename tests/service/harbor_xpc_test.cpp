@@ -34,11 +34,12 @@ protected:
     void complete(BridgeCollaborators& collaborators) override {
         opener = std::make_shared<relay::testing::FakeOpener>(runtime.executor());
         collaborators.relayBridge = std::make_shared<relay::TunnelRelayBridge>(
-            runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener);
+            runtime.executor(), std::make_shared<tunnel::TunnelEngine>(runtime.executor()), opener,
+            hub);
         // No test here gets as far as a container file, so the container is never made.
         collaborators.transfers = std::make_shared<transfer::TransferCoordinator>(
             runtime.executor(), std::make_shared<RelayTransferSender>(collaborators.relayBridge),
-            std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"));
+            std::make_shared<transfer::SharedFileStorage>("/nonexistent/skiff-container"), hub);
         collaborators.volume = volume;
         collaborators.volumeListener = listener;
     }

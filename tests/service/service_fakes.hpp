@@ -168,6 +168,7 @@ protected:
         runtime.start();
         BridgeCollaborators collaborators;
         collaborators.executor = runtime.executor();
+        collaborators.hub = hub;
         collaborators.usbMux = usbMux;
         complete(collaborators);
         core = std::make_shared<BridgeCore>(collaborators);
@@ -191,6 +192,7 @@ protected:
     }
 
     runtime::IoRuntime runtime;
+    std::shared_ptr<NotificationHub> hub = std::make_shared<NotificationHub>(runtime.executor());
     std::shared_ptr<FakeUsbMux> usbMux = std::make_shared<FakeUsbMux>();
     std::shared_ptr<BridgeCore> core;
     std::shared_ptr<ServiceDelegate> delegate;

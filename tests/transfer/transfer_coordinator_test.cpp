@@ -212,8 +212,7 @@ protected:
     void SetUp() override {
         runtime.start();
         coordinator = std::make_shared<TransferCoordinator>(runtime.executor(), phone, storage,
-                                                            [this] { return now.load(); });
-        coordinator->setProgressSink(sink);
+                                                            sink, [this] { return now.load(); });
     }
     void TearDown() override { runtime.stop(); }
 

@@ -84,11 +84,12 @@ int onNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*) {
 
 struct ServiceAdapter::Impl {
     Impl(asio::any_io_executor executor, std::shared_ptr<ListenerDelegate> delegate,
-         const Options& options)
+         std::shared_ptr<ObserverHub> observed, const Options& options)
         : bus(BusConnection::open(std::move(executor), options.busAddress)),
           peers(bus, std::move(delegate), options.clientDeadline),
           host(std::make_unique<HostObject>(bus, peers)),
-          signals(std::make_shared<SignalEmitter>(bus)) {
+          signals(std::make_shared<SignalEmitter>(bus)),
+          hub(std::move(observed)) {
         // Watch departures before anyone can call, so no peer is missed.
         int r = sd_bus_match_signal(bus->bus(), &ownerWatch, "org.freedesktop.DBus",
                                     "/org/freedesktop/DBus", "org.freedesktop.DBus",
@@ -104,6 +105,7 @@ struct ServiceAdapter::Impl {
                 r == -EEXIST ? "org.freedesktop.DBus.Error.AddressInUse" : kErrorFailed,
                 std::string("cannot take the name ") + kServiceName + ": " + std::strerror(-r));
         }
+        hub->attach(signals);
     }
 
     ~Impl() { close(); }
@@ -113,6 +115,7 @@ struct ServiceAdapter::Impl {
             return;
         }
         closed = true;
+        hub->detach(signals.get());
         std::promise<void> done;
         // Everything that touches the sd_bus object goes away on its strand.
         bus->post([this, &done] {
@@ -129,13 +132,16 @@ struct ServiceAdapter::Impl {
     PeerTable peers;
     std::unique_ptr<HostObject> host;
     std::shared_ptr<SignalEmitter> signals;
+    std::shared_ptr<ObserverHub> hub;
     sd_bus_slot* ownerWatch = nullptr;
     bool closed = false;
 };
 
 ServiceAdapter::ServiceAdapter(asio::any_io_executor executor,
-                               std::shared_ptr<ListenerDelegate> delegate, Options options)
-    : impl_(std::make_unique<Impl>(std::move(executor), std::move(delegate), options)) {}
+                               std::shared_ptr<ListenerDelegate> delegate,
+                               std::shared_ptr<ObserverHub> hub, Options options)
+    : impl_(std::make_unique<Impl>(std::move(executor), std::move(delegate), std::move(hub),
+                                   options)) {}
 
 ServiceAdapter::~ServiceAdapter() = default;
 
@@ -145,10 +151,6 @@ void ServiceAdapter::start(std::function<void()> onLost) {
 
 void ServiceAdapter::close() {
     impl_->close();
-}
-
-std::shared_ptr<BridgeObserver> ServiceAdapter::observer() const {
-    return impl_->signals;
 }
 
 }  // namespace skiff::service::dbus

@@ -4,7 +4,8 @@
 // observer signals. The connection runs on the service's io_context (no thread of its own).
 //
 // Lifetime: construct, start(), and close() (or destroy) while the io_context still runs:
-// closing waits for the strand to let go of the connection.
+// closing waits for the strand to let go of the connection. The signals are attached to the
+// hub at construction and detached first thing in close(), so nothing reaches a closing bus.
 
 #include <chrono>
 #include <functional>
@@ -26,10 +27,10 @@ public:
         std::chrono::milliseconds clientDeadline = std::chrono::seconds(25);
     };
 
-    // Connects, exports the host object and takes the service name. Throws BusError,
-    // e.g. when the name is taken.
+    // Connects, exports the host object, takes the service name and attaches the observer
+    // signals to `hub`. Throws BusError, e.g. when the name is taken (nothing is attached).
     ServiceAdapter(asio::any_io_executor executor, std::shared_ptr<ListenerDelegate> delegate,
-                   Options options);
+                   std::shared_ptr<ObserverHub> hub, Options options);
     ~ServiceAdapter();
     ServiceAdapter(const ServiceAdapter&) = delete;
     ServiceAdapter& operator=(const ServiceAdapter&) = delete;
@@ -41,9 +42,6 @@ public:
     // Stops serving and waits until the connection has closed. From any thread but the
     // io_context's own.
     void close();
-
-    // The signals to observers, for the core to call.
-    std::shared_ptr<BridgeObserver> observer() const;
 
 private:
     struct Impl;

@@ -1,19 +1,23 @@
-// Notifications from the registry to its clients.
+// What the hub sends: notifications to a role's client, and the same to the observers.
 #include <utility>
 
 #include "common/json.hpp"
+#include "common/log.hpp"
 #include "common/notification_payloads.hpp"
 #include "common/task.hpp"
-#include "service/bridge_core.hpp"
+#include "service/notification_hub.hpp"
 
 namespace skiff::service {
 
-void BridgeCore::notifyRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const {
-    tellObservers(message, param);
+void NotificationHub::notifyRole(std::int64_t role, BridgeNotifyMessage message,
+                                 Bytes param) const {
+    tellObservers([&](BridgeObserver& o) {
+        o.notificationPosted(static_cast<std::int64_t>(message), param);
+    });
     sendToRole(role, message, std::move(param));
 }
 
-void BridgeCore::fileIOProgress(const transfer::TransferProgress& progress) {
+void NotificationHub::fileIOProgress(const transfer::TransferProgress& progress) {
     const FileIOProgressPayload payload{progress.sessionID, progress.completedBytes,
                                         progress.totalBytes, progress.percent};
     // A progress step that cannot be encoded is dropped; the transfer goes on.
@@ -23,45 +27,47 @@ void BridgeCore::fileIOProgress(const transfer::TransferProgress& progress) {
     }
 }
 
-void BridgeCore::forwardToExtension(std::int64_t message, Bytes body) {
+void NotificationHub::forwardToExtension(std::int64_t message, Bytes body) {
     if (auto known = notifyMessageFromRaw(message)) {
         notifyRole(static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider), *known,
                    std::move(body));
     }
 }
 
-void BridgeCore::mountControl(Bytes body) {
-    if (auto requests = collaborators_.phoneVolume) {
-        runtime::spawnTask(collaborators_.executor, std::move(requests),
+void NotificationHub::mountControl(Bytes body) {
+    if (auto requests = volumeRequests()) {
+        runtime::spawnTask(executor_, std::move(requests),
                            &mount::PhoneVolumeRequests::handleMountControl, std::move(body));
     }
 }
 
-void BridgeCore::itemMutation(Bytes body) {
-    if (auto requests = collaborators_.phoneVolume) {
-        runtime::spawnTask(collaborators_.executor, std::move(requests),
+void NotificationHub::itemMutation(Bytes body) {
+    if (auto requests = volumeRequests()) {
+        runtime::spawnTask(executor_, std::move(requests),
                            &mount::PhoneVolumeRequests::handleItemPoke, std::move(body));
     }
 }
 
-void BridgeCore::tellObservers(BridgeNotifyMessage message, const Bytes& param) const {
-    std::shared_ptr<BridgeObserver> observer;
-    {
-        Lock guard(lock_);
-        observer = observer_;
-    }
-    if (observer) {
-        observer->notificationPosted(static_cast<std::int64_t>(message), param);
+void NotificationHub::postVolumeNotice(const std::string& text) const {
+    log::xpc().info("volume notice: %{public}s", text.c_str());
+    tellObservers([&text](BridgeObserver& o) { o.volumeNotice(text); });
+}
+
+void NotificationHub::tellObservers(const std::function<void(BridgeObserver&)>& tell) const {
+    Lock guard(observersLock_);
+    for (const auto& observer : observers_) {
+        tell(*observer);
     }
 }
 
-void BridgeCore::sendToRole(std::int64_t role, BridgeNotifyMessage message, Bytes param) const {
+void NotificationHub::sendToRole(std::int64_t role, BridgeNotifyMessage message,
+                                 Bytes param) const {
     if (auto proxy = clientProxy(role)) {
         proxy->notifyClient(static_cast<std::int64_t>(message), std::move(param));
     }
 }
 
-void BridgeCore::broadcastBridgeState(std::int64_t source, const Lock&) {
+void NotificationHub::broadcastBridgeState(std::int64_t source, const Lock&) {
     constexpr auto fileProvider = static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
     constexpr auto desktopApp = static_cast<std::int64_t>(HarborBridgeClientRole::desktopApp);
     if (source == static_cast<std::int64_t>(HarborBridgeClientRole::usbMux)) {
@@ -73,8 +79,8 @@ void BridgeCore::broadcastBridgeState(std::int64_t source, const Lock&) {
     }
 }
 
-void BridgeCore::postStateNotification(std::int64_t target, std::int64_t source, bool connected,
-                                       bool observed) {
+void NotificationHub::postStateNotification(std::int64_t target, std::int64_t source,
+                                            bool connected, bool observed) {
     // Sent from the main actor once the registry lock is released; the proxy is looked
     // up then, so a client gone meanwhile gets nothing.
     asio::post(mainActor_, [self = shared_from_this(), target, source, connected, observed] {
@@ -84,7 +90,10 @@ void BridgeCore::postStateNotification(std::int64_t target, std::int64_t source,
         }
         // One event reaches observers once, however many roles it is sent to.
         if (observed) {
-            self->tellObservers(BridgeNotifyMessage::bridgeStateChanged, *body);
+            self->tellObservers([&body](BridgeObserver& o) {
+                o.notificationPosted(
+                    static_cast<std::int64_t>(BridgeNotifyMessage::bridgeStateChanged), *body);
+            });
         }
         self->sendToRole(target, BridgeNotifyMessage::bridgeStateChanged, std::move(*body));
     });
