@@ -493,8 +493,10 @@ TEST_F(BoundedCopies, CopiesOfClosedFilesStayWithinTheBoundAndChangesWaitingForT
     ASSERT_EQ(::write(fd, "mine\n", 5), 5);
     EXPECT_EQ(::close(fd), -1);
     for (int i = 0; i < 5; ++i) {
+        writePattern(storage() / ("sized/file" + std::to_string(i)), 1'000'000, 'a');
+    }
+    for (int i = 0; i < 5; ++i) {
         const auto name = "sized/file" + std::to_string(i);
-        writePattern(storage() / name, 1'000'000, 'a');
         EXPECT_EQ(readFile(mount() / name).size(), 1'000'000u) << name;
     }
     const auto copies = [&] {
