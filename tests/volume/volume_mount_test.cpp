@@ -485,6 +485,11 @@ class BoundedCopies : public MountedVolume {
 protected:
     // Room for two of the files below, not three.
     std::vector<std::string> options() const override { return {"-o", "copy_limit=2500000"}; }
+    void prepare(const fs::path& storage) override {
+        for (int i = 0; i < 5; ++i) {
+            writePattern(storage / ("sized/file" + std::to_string(i)), 1'000'000, 'a');
+        }
+    }
 };
 
 TEST_F(BoundedCopies, CopiesOfClosedFilesStayWithinTheBoundAndChangesWaitingForThePhoneStay) {
@@ -492,9 +497,6 @@ TEST_F(BoundedCopies, CopiesOfClosedFilesStayWithinTheBoundAndChangesWaitingForT
     const int fd = ::open((mount() / "Documents/notes.txt").c_str(), O_WRONLY | O_TRUNC);
     ASSERT_EQ(::write(fd, "mine\n", 5), 5);
     EXPECT_EQ(::close(fd), -1);
-    for (int i = 0; i < 5; ++i) {
-        writePattern(storage() / ("sized/file" + std::to_string(i)), 1'000'000, 'a');
-    }
     for (int i = 0; i < 5; ++i) {
         const auto name = "sized/file" + std::to_string(i);
         EXPECT_EQ(readFile(mount() / name).size(), 1'000'000u) << name;
