@@ -672,6 +672,17 @@ void VolumeFs::unlink(fuse_req_t req, NodeId parent, const char* name) {
     }
     const auto identifier = childOf(nodes_.identifierOf(*folder), name);
     const auto node = nodes_.find(identifier);
+    // A folder holding a file the phone does not have yet (made, and its push still to come)
+    // is not empty, whatever the phone says.
+    if (node && node->isDirectory) {
+        for (const auto& child : nodes_.children(identifier)) {
+            std::lock_guard guard(child->mutex);
+            if (!child->content.onPhone && child->content.changed) {
+                fuse_reply_err(req, ENOTEMPTY);
+                return;
+            }
+        }
+    }
     std::unique_lock<std::mutex> io;
     if (node && !node->isDirectory) {
         io = std::unique_lock(node->io);
