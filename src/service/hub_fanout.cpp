@@ -71,7 +71,7 @@ void NotificationHub::broadcastBridgeState(std::int64_t source, const Lock&) {
     constexpr auto fileProvider = static_cast<std::int64_t>(HarborBridgeClientRole::fileProvider);
     constexpr auto desktopApp = static_cast<std::int64_t>(HarborBridgeClientRole::desktopApp);
     if (source == static_cast<std::int64_t>(HarborBridgeClientRole::usbMux)) {
-        const bool connected = usbMuxConnection_.has_value();
+        const bool connected = !attached_.empty();
         postStateNotification(desktopApp, source, connected, true);
         postStateNotification(fileProvider, source, connected, false);
     } else if (source == fileProvider) {

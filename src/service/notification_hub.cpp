@@ -174,7 +174,6 @@ void NotificationHub::phoneAttached(const std::string& udid) {
     if (std::find(attached_.begin(), attached_.end(), udid) == attached_.end()) {
         attached_.push_back(udid);
     }
-    usbMuxConnection_ = attached_.front();
     broadcastBridgeState(kUsbMux, guard);
 }
 
@@ -183,18 +182,15 @@ bool NotificationHub::phoneRemoved(const std::string& udid) {
     tellObservers([&udid](BridgeObserver& o) { o.deviceChanged(udid, false); });
     std::erase(attached_, udid);
     if (!attached_.empty()) {
-        // Another phone stays: for clients the link is still up.
-        usbMuxConnection_ = attached_.front();
-        return false;
+        return false;  // another phone stays: for clients the link is still up
     }
-    usbMuxConnection_.reset();
     broadcastBridgeState(kUsbMux, guard);
     return true;
 }
 
 std::optional<std::string> NotificationHub::usbMuxConnection() const {
     Lock guard(lock_);
-    return usbMuxConnection_;
+    return attached_.empty() ? std::nullopt : std::optional(attached_.front());
 }
 
 std::vector<std::string> NotificationHub::attachedDevices() const {

@@ -104,9 +104,8 @@ private:
     std::map<const HarborBridgeHostProtocol*, std::shared_ptr<ClientConnection>> pendingByHost_;
     std::map<std::int64_t, std::shared_ptr<ClientConnection>> byRole_;
     std::vector<std::shared_ptr<ClientConnection>> displaced_;  // file providers replaced
-    // Phones attached, in the order they came; usbMuxConnection_ names the first.
+    // Phones attached, in the order they came; the relay talks to the first.
     std::vector<std::string> attached_;
-    std::optional<std::string> usbMuxConnection_;
     std::shared_ptr<mount::PhoneVolumeRequests> volumeRequests_;
 
     // Taken after lock_ when both are held.

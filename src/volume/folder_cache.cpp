@@ -8,8 +8,8 @@ namespace skiff::volume {
 
 namespace {
 
-// Listings kept before the stale ones are swept out.
-constexpr std::size_t kSweepAbove = 256;
+// Folders remembered as large; past it the memory starts over.
+constexpr std::size_t kLargeFoldersKept = 1024;
 
 bool isBelow(const std::string& path, const std::string& folder) {
     return folder.empty() ||
@@ -38,16 +38,15 @@ bool FolderCache::worthListing(const std::string& folder) const {
 
 void FolderCache::store(const std::string& folder, Clock::time_point asked,
                         const std::vector<relay::RelayItemSummary>& items) {
-    std::lock_guard guard(mutex_);
     if (items.size() > kEntryLimit) {
-        large_.insert(folder);
-        folders_.erase(folder);
+        markLarge(folder);
         return;
     }
+    std::lock_guard guard(mutex_);
     large_.erase(folder);
-    if (folders_.size() > kSweepAbove) {
-        std::erase_if(folders_, [&](const auto& entry) { return !fresh(entry.second); });
-    }
+    // Only the listings of the last second are kept: a walk through many folders holds a
+    // second's worth of them, never the whole tree.
+    std::erase_if(folders_, [&](const auto& entry) { return !fresh(entry.second); });
     Folder listing{asked, {}};
     for (const auto& item : items) {
         listing.items.emplace(item.filename, item);
@@ -57,6 +56,9 @@ void FolderCache::store(const std::string& folder, Clock::time_point asked,
 
 void FolderCache::markLarge(const std::string& folder) {
     std::lock_guard guard(mutex_);
+    if (large_.size() >= kLargeFoldersKept) {
+        large_.clear();
+    }
     large_.insert(folder);
     folders_.erase(folder);
 }

@@ -45,6 +45,29 @@ int errnoOfAnswer(std::int64_t status, std::int64_t code, const Bytes& response,
     return error;
 }
 
+std::optional<Bytes> stageBody(const PhoneRelay::PushPlan& plan) {
+    return json::encode(
+        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+}
+
+// Writes a write-chunk request into room: `header` (for [at, at + length)) and those bytes,
+// read from the local copy straight into it. Its length, or nothing when it does not fit or
+// the copy cannot be read.
+std::optional<std::size_t> fillChunk(const PhoneRelay::PushPlan& plan, const Bytes& header,
+                                     std::uint64_t at, std::uint64_t length,
+                                     std::span<std::uint8_t> room) {
+    if (header.size() + length > room.size()) {
+        return std::nullopt;
+    }
+    std::memcpy(room.data(), header.data(), header.size());
+    if (readUpTo(plan.fd, room.subspan(header.size(), length), at) != length) {
+        log::xpc().error("skiff-fs cannot read the local copy of %{public}s",
+                         plan.identifier.c_str());
+        return std::nullopt;
+    }
+    return header.size() + length;
+}
+
 template <class T>
 Answer<T> decoded(const std::optional<T>& value) {
     if (!value) {
@@ -292,24 +315,12 @@ int PhoneRelay::sendRange(const PushPlan& plan, ByteRange range) {
     auto at = range.offset;
     while (at < range.end()) {
         const auto piece = std::min<std::uint64_t>(transfer::kChunkSize, range.end() - at);
-        auto header = transfer::encodeWriteChunkHeader(plan.identifier, at, piece);
+        const auto header = transfer::encodeWriteChunkHeader(plan.identifier, at, piece);
         if (!header) {
             return ENAMETOOLONG;
         }
-        // The chunk is read from the local copy straight into the buffer that carries it.
-        const auto fill = [&](std::span<std::uint8_t> room) -> std::optional<std::size_t> {
-            const auto total = header->size() + piece;
-            if (total > room.size()) {
-                return std::nullopt;
-            }
-            std::memcpy(room.data(), header->data(), header->size());
-            const auto got = readUpTo(plan.fd, room.subspan(header->size(), piece), at);
-            if (got != piece) {
-                log::xpc().error("skiff-fs cannot read the local copy of %{public}s",
-                                 plan.identifier.c_str());
-                return std::nullopt;
-            }
-            return total;
+        const auto fill = [&](std::span<std::uint8_t> room) {
+            return fillChunk(plan, *header, at, piece, room);
         };
         Reply reply;
         if (header->size() + piece <= kBusBodyLimit) {
@@ -362,8 +373,7 @@ PhoneRelay::Pushed PhoneRelay::pushRanges(const PushPlan& plan) {
 }
 
 int PhoneRelay::stage(const PushPlan& plan) {
-    const auto body = json::encode(
-        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    const auto body = stageBody(plan);
     return body ? relay(UsbMuxRelaySelector::truncateWrite, *body).error : EINVAL;
 }
 
@@ -404,8 +414,7 @@ std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
     if (bytes > kOrderedPushBytes || count > service::kMaxOrderedRelays) {
         return std::nullopt;
     }
-    const auto stage = json::encode(
-        transfer::RelayTruncateWriteRequest{plan.identifier, plan.size, plan.baseVersion});
+    const auto stage = stageBody(plan);
     const auto commit = json::encode(transfer::RelayCommitWriteRequest{plan.identifier});
     const auto mode = json::encode(relay::RelaySetAttributesRequest{
         plan.identifier, plan.modifyTime, plan.accessTime, plan.mode});
@@ -422,11 +431,7 @@ std::optional<PhoneRelay::Pushed> PhoneRelay::pushInOrder(const PushPlan& plan,
             return Pushed{ENAMETOOLONG};
         }
         Bytes body(header->size() + range.length);
-        std::memcpy(body.data(), header->data(), header->size());
-        if (readUpTo(plan.fd, std::span(body).subspan(header->size()), range.offset) !=
-            range.length) {
-            log::xpc().error("skiff-fs cannot read the local copy of %{public}s",
-                             plan.identifier.c_str());
+        if (!fillChunk(plan, *header, range.offset, range.length, body)) {
             return Pushed{EIO};
         }
         requests.push_back(

@@ -244,7 +244,7 @@ void VolumeFs::record(Node& node, const std::string& identifier, bool durable) {
 }
 
 void VolumeFs::finish() {
-    prefetchStopping_ = true;
+    backgroundStopping_ = true;
     {
         std::lock_guard guard(changedMutex_);
         stopping_ = true;
@@ -740,18 +740,18 @@ void VolumeFs::rename(fuse_req_t req, NodeId parent, const char* name, NodeId ne
     }
     const auto source = childOf(nodes_.identifierOf(*from), name);
     const auto target = childOf(nodes_.identifierOf(*to), newName);
-    bool targetExists = nodes_.find(target) != nullptr;
-    if (const auto known = folders_.find(target).known;
-        !targetExists && known != FolderCache::Known::unknown) {
-        targetExists = known == FolderCache::Known::present;
-    } else if (!targetExists) {
+    // Known here or from the folder's listing; asked of the phone otherwise.
+    using Known = FolderCache::Known;
+    auto known = nodes_.find(target) ? Known::present : folders_.find(target).known;
+    if (known == Known::unknown) {
         const auto found = phone_.lookup(target, RelayLookupSource::fsLookupByName);
         if (found.error != 0 && found.error != ENOENT) {
             fuse_reply_err(req, found.error);
             return;
         }
-        targetExists = found.error == 0;
+        known = found.error == 0 ? Known::present : Known::absent;
     }
+    const bool targetExists = known == Known::present;
     if ((flags & RENAME_NOREPLACE) && targetExists) {
         fuse_reply_err(req, EEXIST);
         return;
@@ -960,7 +960,7 @@ void VolumeFs::open(fuse_req_t req, NodeId id, fuse_file_info* fi) {
             content.lastChange = Clock::now();
         }
         if (writable && (fi->flags & O_TRUNC)) {
-            content.stream = {true, false, 0, {}};
+            content.stream = {.live = true, .busy = false, .streamed = 0, .stagedAs = {}};
         }
         // The kernel's pages stay valid while the phone's version is the one they hold.
         fi->keep_cache = content.version && content.kernelCached == content.version;
@@ -1015,7 +1015,7 @@ void VolumeFs::create(fuse_req_t req, NodeId parent, const char* name, mode_t mo
         content.changed = true;
         content.lastChange = Clock::now();
         content.writers = 1;
-        content.stream = {true, false, 0, {}};
+        content.stream = {.live = true, .busy = false, .streamed = 0, .stagedAs = {}};
         folders_.put(node->attributes);
     }
     markChanged(node);
@@ -1171,7 +1171,7 @@ void VolumeFs::prefetch(const std::shared_ptr<Node>& node, ByteRange range) {
     auto& queue = *prefetchers_[nextPrefetcher_.fetch_add(1) % prefetchers_.size()];
     queue.post([this, weak = std::weak_ptr<Node>(node), range] {
         const auto node = weak.lock();
-        if (!node || prefetchStopping_) {
+        if (!node || backgroundStopping_) {
             return;
         }
         // Without the node's io lock, so that the reader's fetch and a push need not wait for
@@ -1244,7 +1244,7 @@ void VolumeFs::streamChunks(const std::shared_ptr<Node>& node) {
                 auto& content = node->content;
                 auto& stream = content.stream;
                 // A rename meanwhile leaves the stage under the old name: the close stages anew.
-                if (prefetchStopping_ || !stream.live ||
+                if (backgroundStopping_ || !stream.live ||
                     !content.dirty.covers(stream.streamed, kChunkSize) ||
                     (!stream.stagedAs.empty() && stream.stagedAs != identifier)) {
                     stream.busy = false;
@@ -1346,13 +1346,9 @@ int VolumeFs::pushChanges(Node& node, const std::string& identifier,
         auto& stream = node.content.stream;
         if (!everything && stream.live && stream.stagedAs == identifier) {
             plan.staged = true;
-            std::erase_if(plan.dirty,
-                          [&](const ByteRange& r) { return r.end() <= stream.streamed; });
-            for (auto& range : plan.dirty) {
-                if (range.offset < stream.streamed) {
-                    range = {stream.streamed, range.end() - stream.streamed};
-                }
-            }
+            RangeSet rest = node.content.dirty;
+            rest.remove(0, stream.streamed);
+            plan.dirty = rest.ranges();
         }
         // Whatever this push does, a new one stages anew.
         stream = {};

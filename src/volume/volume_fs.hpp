@@ -179,7 +179,7 @@ private:
 
     // Read-ahead fetches, two at a time so that the link is never idle between windows, and
     // streamed chunks. Last, so that they end before anything they use.
-    std::atomic<bool> prefetchStopping_{false};
+    std::atomic<bool> backgroundStopping_{false};
     std::atomic<std::size_t> nextPrefetcher_{0};
     std::array<std::unique_ptr<runtime::SerialQueue>, 2> prefetchers_{
         std::make_unique<runtime::SerialQueue>("skiff-fs.ahead-1"),
